@@ -1,0 +1,41 @@
+#pragma once
+// Conversion between the bytes of a record buffer and UTF-8 strings, keyed by a text encoding identifier.
+//
+// Decoding fails on any byte sequence that is not valid in the encoding (a lone lead byte, a cut
+// double-byte character; for UTF-8 also overlong forms, surrogates and code points above U+10FFFF).
+// Encoding fails on a character the encoding cannot represent and on input that is not valid UTF-8.
+// An identifier no codec knows makes every conversion fail. All-ASCII text never reaches a converter in
+// an ASCII-compatible encoding; the C library's iconv converters are opened once per thread and reused.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "blockproc/codec/TextEncoding.h"
+
+namespace blockproc::codec {
+
+// True when the identifier names an encoding this library converts.
+bool isKnownEncoding(uint32_t encoding) noexcept;
+
+// Appends the UTF-8 form of `bytes` to `out`; false, with `out` unchanged, when decoding fails.
+bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) noexcept;
+
+// The UTF-8 form of `bytes`, or nullopt when decoding fails.
+std::optional<std::string> decode(uint32_t encoding, std::string_view bytes) noexcept;
+
+// Appends the bytes of UTF-8 `text` in `encoding` to `out`; false, with `out` unchanged, when encoding fails.
+bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) noexcept;
+
+// The bytes of UTF-8 `text` in `encoding`, or nullopt when encoding fails.
+std::optional<std::string> encode(uint32_t encoding, std::string_view text) noexcept;
+
+// A short name for the identifier ("cp949", "utf-8", ...), or "unknown".
+const char* encodingName(uint32_t encoding) noexcept;
+
+// The identifier for a name such as "cp949", "utf-8", "euc-kr" (letter case and '-' / '_' ignored),
+// or nullopt for a name no codec knows.
+std::optional<uint32_t> encodingFromName(std::string_view name) noexcept;
+
+}  // namespace blockproc::codec

@@ -1,0 +1,157 @@
+#include "blockproc/codec/Utf8.h"
+
+#include <cstring>
+
+namespace blockproc::utf8 {
+
+namespace {
+
+// Decodes the character at text[i] of valid UTF-8; returns its code point and advances i.
+char32_t next(std::string_view text, size_t& i) noexcept {
+  const auto b0 = static_cast<unsigned char>(text[i]);
+  if (b0 < 0x80) {
+    ++i;
+    return b0;
+  }
+  int extra = b0 >= 0xF0 ? 3 : b0 >= 0xE0 ? 2 : 1;
+  char32_t cp = b0 & (0x3F >> extra);
+  ++i;
+  for (; extra > 0 && i < text.size(); --extra, ++i) cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
+  return cp;
+}
+
+// Start of the last character of non-empty valid UTF-8 text.
+size_t lastStart(std::string_view text) noexcept {
+  size_t i = text.size() - 1;
+  while (i > 0 && (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80) --i;
+  return i;
+}
+
+bool isSpaceSeparatorOrTab(char32_t cp) noexcept {
+  switch (cp) {
+    case 0x0009:
+    case 0x0020:
+    case 0x00A0:
+    case 0x1680:
+    case 0x202F:
+    case 0x205F:
+    case 0x3000:
+      return true;
+    default:
+      return cp >= 0x2000 && cp <= 0x200A;
+  }
+}
+
+bool isWide(char32_t cp) noexcept {
+  return (cp >= 0x1100 && cp <= 0x115F) || (cp >= 0x2E80 && cp <= 0x303E) || (cp >= 0x3041 && cp <= 0x33FF) ||
+         (cp >= 0x3400 && cp <= 0x4DBF) || (cp >= 0x4E00 && cp <= 0x9FFF) || (cp >= 0xA000 && cp <= 0xA4CF) ||
+         (cp >= 0xAC00 && cp <= 0xD7A3) || (cp >= 0xF900 && cp <= 0xFAFF) || (cp >= 0xFE30 && cp <= 0xFE4F) ||
+         (cp >= 0xFF00 && cp <= 0xFF60) || (cp >= 0xFFE0 && cp <= 0xFFE6) || (cp >= 0x20000 && cp <= 0x3FFFD);
+}
+
+}  // namespace
+
+bool isAscii(std::string_view bytes) noexcept {
+  const char* p = bytes.data();
+  size_t n = bytes.size();
+  while (n >= 8) {
+    uint64_t word;
+    std::memcpy(&word, p, 8);
+    if (word & 0x8080808080808080ull) return false;
+    p += 8;
+    n -= 8;
+  }
+  for (; n > 0; --n, ++p)
+    if (static_cast<unsigned char>(*p) & 0x80) return false;
+  return true;
+}
+
+bool isValid(std::string_view text) noexcept {
+  const auto* s = reinterpret_cast<const unsigned char*>(text.data());
+  const size_t n = text.size();
+  size_t i = 0;
+  while (i < n) {
+    // Skip ASCII eight bytes at a time.
+    if (i + 8 <= n) {
+      uint64_t word;
+      std::memcpy(&word, s + i, 8);
+      if ((word & 0x8080808080808080ull) == 0) {
+        i += 8;
+        continue;
+      }
+    }
+    const unsigned char b0 = s[i];
+    if (b0 < 0x80) {
+      ++i;
+      continue;
+    }
+    if (b0 >= 0xC2 && b0 <= 0xDF) {
+      if (i + 1 >= n || (s[i + 1] & 0xC0) != 0x80) return false;
+      i += 2;
+    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+      if (i + 2 >= n) return false;
+      const unsigned char b1 = s[i + 1];
+      const unsigned char lo = b0 == 0xE0 ? 0xA0 : 0x80;  // no overlong forms
+      const unsigned char hi = b0 == 0xED ? 0x9F : 0xBF;  // no surrogates
+      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80) return false;
+      i += 3;
+    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+      if (i + 3 >= n) return false;
+      const unsigned char b1 = s[i + 1];
+      const unsigned char lo = b0 == 0xF0 ? 0x90 : 0x80;  // no overlong forms
+      const unsigned char hi = b0 == 0xF4 ? 0x8F : 0xBF;  // nothing above U+10FFFF
+      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80 || (s[i + 3] & 0xC0) != 0x80) return false;
+      i += 4;
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+int64_t utf16Length(std::string_view text) noexcept {
+  int64_t units = 0;
+  for (unsigned char c : text) {
+    if ((c & 0xC0) != 0x80) ++units;  // every character starts with a non-continuation byte
+    if (c >= 0xF0) ++units;           // four-byte characters need a surrogate pair
+  }
+  return units;
+}
+
+void appendLatin1(std::string& out, std::string_view bytes) {
+  for (unsigned char c : bytes) {
+    if (c < 0x80) {
+      out.push_back(static_cast<char>(c));
+    } else {
+      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+  }
+}
+
+bool endsWithIdeographicSpace(std::string_view text) noexcept {
+  return text.size() >= 3 && text.substr(text.size() - 3) == "\xE3\x80\x80";
+}
+
+std::string_view trimSpaceSeparators(std::string_view text) noexcept {
+  while (!text.empty()) {
+    size_t i = 0;
+    if (!isSpaceSeparatorOrTab(next(text, i))) break;
+    text.remove_prefix(i);
+  }
+  while (!text.empty()) {
+    const size_t start = lastStart(text);
+    size_t i = start;
+    if (!isSpaceSeparatorOrTab(next(text, i))) break;
+    text.remove_suffix(text.size() - start);
+  }
+  return text;
+}
+
+size_t displayWidth(std::string_view text) noexcept {
+  size_t width = 0;
+  for (size_t i = 0; i < text.size();) width += isWide(next(text, i)) ? 2 : 1;
+  return width;
+}
+
+}  // namespace blockproc::utf8

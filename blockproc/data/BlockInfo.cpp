@@ -1,0 +1,108 @@
+#include "blockproc/data/BlockInfo.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <utility>
+
+namespace blockproc {
+
+namespace {
+constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
+}
+
+BlockInfo::BlockInfo(std::string name) : m_szBlockName(std::move(name)) {}
+
+BlockInfo::~BlockInfo() = default;
+
+FieldInfo& BlockInfo::addField(std::string name, int32_t dataType, int32_t length, int32_t decimals,
+                               int32_t position) {
+  auto field = std::make_unique<FieldInfo>(std::move(name), dataType, length, decimals);
+  if (position >= 0) {
+    field->nDataPos = position;
+  } else if (!m_FieldInfoList.empty()) {
+    const FieldInfo& last = *m_FieldInfoList.back();
+    const int64_t next =
+        int64_t{last.nDataPos} + std::max(last.nLength, 0) + (carriesAttr(last) && last.nLength > 0 ? 1 : 0);
+    field->nDataPos = static_cast<int32_t>(std::clamp<int64_t>(next, 0, kInt32Max));
+  }
+  return addField(std::move(field));
+}
+
+FieldInfo& BlockInfo::addField(std::unique_ptr<FieldInfo> field) {
+  field->nIndex = static_cast<int32_t>(m_FieldInfoList.size());
+  m_FieldMap.try_emplace(field->szFieldName, field.get());  // keeps the first field of a name
+  m_FieldInfoList.push_back(std::move(field));
+  m_nFieldCount = static_cast<int32_t>(m_FieldInfoList.size());
+  return *m_FieldInfoList.back();
+}
+
+void BlockInfo::setRepeat(int32_t count) noexcept {
+  m_nBlockType = static_cast<int8_t>(m_nBlockType | kBlockTypeRepeat);
+  m_nRepeatCount = count;
+}
+
+void BlockInfo::setAttrSource(std::string key, const FieldInfo* source) {
+  m_dicAttrFieldInfo[std::move(key)] = source;
+}
+
+int32_t BlockInfo::getRecordMemSize() const {
+  if (m_nRecordIOMemSize >= 0) return m_nRecordIOMemSize;
+  int64_t size = 0;
+  for (const auto& f : m_FieldInfoList) {
+    if (f->nLength <= 0) continue;
+    size = std::max(size, int64_t{f->nDataPos} + f->nLength + (carriesAttr(*f) ? 1 : 0));
+  }
+  return static_cast<int32_t>(std::min(size, kInt32Max));
+}
+
+int32_t BlockInfo::getRecordFieldSize() const {
+  if (m_nRecordIOSize >= 0) return m_nRecordIOSize;
+  int64_t size = 0;
+  for (const auto& f : m_FieldInfoList) size += std::max(f->nLength, 0);
+  return static_cast<int32_t>(std::min(size, kInt32Max));
+}
+
+int32_t BlockInfo::getFieldCount() const { return static_cast<int32_t>(m_FieldInfoList.size()); }
+
+const FieldInfo* BlockInfo::getFieldInfoFromIndex(int32_t position) const {
+  if (position < 0 || static_cast<size_t>(position) >= m_FieldInfoList.size()) return nullptr;
+  return m_FieldInfoList[static_cast<size_t>(position)].get();
+}
+
+const FieldInfo* BlockInfo::getFieldInfoFromName(std::string_view name) const {
+  const auto it = m_FieldMap.find(name);
+  return it == m_FieldMap.end() ? nullptr : it->second;
+}
+
+KeyEncDict* BlockInfo::getKeyEncValue(std::string_view fieldName) {
+  const FieldInfo* field = getFieldInfoFromName(fieldName);
+  if (field == nullptr || !field->getKeyEncState()) return nullptr;
+  auto it = m_keyEncValues.find(fieldName);
+  if (it == m_keyEncValues.end()) it = m_keyEncValues.emplace(std::string(fieldName), KeyEncDict{}).first;
+  return &it->second;
+}
+
+const KeyEncDict* BlockInfo::findKeyEncValue(std::string_view fieldName) const {
+  const auto it = m_keyEncValues.find(fieldName);
+  return it == m_keyEncValues.end() ? nullptr : &it->second;
+}
+
+const FieldInfo* BlockInfo::getAttrRefSourceFieldInfo(std::string_view key) const {
+  const auto it = m_dicAttrFieldInfo.find(key);
+  if (it != m_dicAttrFieldInfo.end()) return it->second;
+  return getFieldInfoFromName(key);
+}
+
+bool BlockInfo::isOccursBlock() const { return (m_nBlockType & kBlockTypeRepeat) != 0; }
+
+int32_t BlockInfo::getAttrFunctionIndex(std::string_view functionName) {
+  static constexpr std::array<std::string_view, 9> kNames{"compare",    "compareto", "fluctbit",
+                                                          "timevolume", "unitvolume", "trdbit",
+                                                          "zero",       "makecolor", "usepclose"};
+  for (size_t i = 0; i < kNames.size(); ++i)
+    if (kNames[i] == functionName) return static_cast<int32_t>(i);
+  return FUNC_BASE_INDEX;
+}
+
+}  // namespace blockproc

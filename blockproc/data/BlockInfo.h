@@ -1,0 +1,103 @@
+#pragma once
+// The block definition: the fields of one block's record in block order, and how many records it holds.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "blockproc/data/FieldInfo.h"
+
+namespace blockproc {
+
+class TranInfo;
+
+enum RCL_TYPE : int32_t { RCL_OCCURSLEN = 0, RCL_RESTDATA = 1, RCL_BLOCKFIELD_ID = 2 };
+using KeyEncDict = std::map<std::string, std::string>;  // the key-encryption dictionary
+
+inline constexpr int32_t FUNC_BASE_INDEX = -1, FUNC_COMPARE_INDEX = 0, FUNC_COMPARETO_INDEX = 1,
+                         FUNC_FLUCTBIT_INDEX = 2, FUNC_TIMEVOLUME_INDEX = 3, FUNC_UNITVOLUME_INDEX = 4,
+                         FUNC_TRDBIT_INDEX = 5, FUNC_ZERO_INDEX = 6, FUNC_MAKECOLOR_INDEX = 7,
+                         FUNC_USEPCLOSE_INDEX = 8;
+
+// The repeat bit of m_nBlockType: set, the block holds m_nRepeatCount records; clear, one.
+inline constexpr int8_t kBlockTypeRepeat = 4;
+
+// Hash and equality that let a std::string_view look up a std::string key without allocating.
+struct StringHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+};
+
+class BlockInfo {
+ public:
+  std::string m_szBlockName;
+  int8_t m_nBlockType = 0;
+  int32_t m_nRepeatCount = 0;
+  bool m_bAttribute = false;  // every field carries an attribute byte after its data
+  RCL_TYPE m_nRecordLenApplyType = RCL_OCCURSLEN;
+  TranInfo* m_oTranInfo = nullptr;                          // the transaction it belongs to; not owned
+  std::vector<std::unique_ptr<FieldInfo>> m_FieldInfoList;  // block order
+  std::unordered_map<std::string, const FieldInfo*, StringHash, std::equal_to<>> m_FieldMap;  // first of a name
+  int32_t m_nRecordIOSize = -1;     // record field size when 0 or more; below 0 it is worked out
+  int32_t m_nRecordIOMemSize = -1;  // record memory size when 0 or more; below 0 it is worked out
+  int32_t m_nRecordSendSize = 0;    // unused by the processor
+  int32_t m_nFieldCount = 0;        // kept equal to m_FieldInfoList.size()
+  int32_t m_nBlockIndex = 0;        // position of the block in its transaction
+  std::map<std::string, const FieldInfo*, std::less<>> m_dicAttrFieldInfo;  // attribute-source key → field
+  std::string m_strRecordLenSubInfo;  // RCL_BLOCKFIELD_ID: "Block.Field" whose value is the record count
+
+  BlockInfo() = default;
+  // An empty one-record block of that name.
+  explicit BlockInfo(std::string name);
+  BlockInfo(const BlockInfo&) = delete;
+  BlockInfo& operator=(const BlockInfo&) = delete;
+  virtual ~BlockInfo();
+
+  // Appends a field; a negative position places it right after the previous field's data and attribute byte
+  // (set m_bAttribute first). Returns the new field, owned by the block.
+  FieldInfo& addField(std::string name, int32_t dataType, int32_t length, int32_t decimals = 0,
+                      int32_t position = -1);
+  // Appends a field made by the caller (a subclass, say), keeping its nDataPos. Returns it.
+  FieldInfo& addField(std::unique_ptr<FieldInfo> field);
+  // Sets the repeat bit and the record count.
+  void setRepeat(int32_t count) noexcept;
+  // Registers the field that an attribute-source key names (by default a key names the field itself).
+  void setAttrSource(std::string key, const FieldInfo* source);
+  // Whether this field carries an attribute byte (m_bAttribute or its nAttr).
+  bool carriesAttr(const FieldInfo& field) const noexcept { return m_bAttribute || field.nAttr != 0; }
+
+  // Bytes of one record including attribute bytes: m_nRecordIOMemSize when set, else the furthest field end
+  // (nDataPos + nLength, plus its attribute byte), capped at INT32_MAX; 0 for a block without fields.
+  virtual int32_t getRecordMemSize() const;
+  // The record stride of the positional writer: m_nRecordIOSize when set, else the sum of the field lengths
+  // (fields back to back, no attribute bytes), capped at INT32_MAX.
+  virtual int32_t getRecordFieldSize() const;
+  virtual int32_t getFieldCount() const;
+  // The field at that position in block order, or nullptr outside 0 to count - 1.
+  virtual const FieldInfo* getFieldInfoFromIndex(int32_t position) const;
+  // The first field of that exact name (case and all), or nullptr.
+  virtual const FieldInfo* getFieldInfoFromName(std::string_view name) const;
+  // The dictionary of a key-encrypted field of this block (made on first use), or nullptr when the block
+  // has no key-encrypted field of that name.
+  virtual KeyEncDict* getKeyEncValue(std::string_view fieldName);
+  // The field registered under the key with setAttrSource, else the field named by the key, else nullptr.
+  virtual const FieldInfo* getAttrRefSourceFieldInfo(std::string_view key) const;
+  // Whether the repeat bit (value 4) of m_nBlockType is set.
+  virtual bool isOccursBlock() const;
+  // 0 to 8 for compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose
+  // (exact names); -1 for any other name.
+  static int32_t getAttrFunctionIndex(std::string_view functionName);
+
+  // The key-encryption dictionary of a field if one was made, or nullptr (read-only view for callers).
+  const KeyEncDict* findKeyEncValue(std::string_view fieldName) const;
+
+ private:
+  std::map<std::string, KeyEncDict, std::less<>> m_keyEncValues;
+};
+
+}  // namespace blockproc

@@ -1,0 +1,28 @@
+#pragma once
+// Number-to-text formatting with std::to_chars into a stack buffer, producing exactly what the named
+// printf formats produce.
+
+#include <cstdint>
+#include <string>
+
+namespace blockproc::num {
+
+// More decimal places than this are refused by the readers and the positional writer: a double has no
+// non-zero digit past the 1,074th place, and a larger count would only ask for an enormous string.
+inline constexpr int32_t kMaxDecimalPlaces = 1100;
+
+// The double rounded to the nearest float, +/-infinity beyond the float range, as IEEE 754 narrowing does
+// (a plain cast of an out-of-range value is undefined behaviour).
+float narrowToFloat(double value) noexcept;
+
+// Appends "%lld" of the value.
+void appendInt(std::string& out, int64_t value);
+
+// Appends "%0*lld" of the value: at least `width` characters, zeros after any '-' sign.
+void appendZeroPadded(std::string& out, int64_t value, int32_t width);
+
+// Appends "%0.*f" of the value with `places` decimals; a negative count prints 6, as printf does.
+// Counts above kMaxDecimalPlaces are treated as kMaxDecimalPlaces.
+void appendFixed(std::string& out, double value, int32_t places);
+
+}  // namespace blockproc::num

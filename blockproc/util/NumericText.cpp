@@ -1,0 +1,138 @@
+#include "blockproc/util/NumericText.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "blockproc/codec/Utf8.h"
+#include "blockproc/util/NumberFormat.h"
+#include "blockproc/util/NumberParse.h"
+
+namespace blockproc::num {
+
+namespace {
+
+// Appends a "%*.*s" part: at most `width` bytes from `from`, ended early by a NUL or the end of the text,
+// padded with spaces on its left to `width`.
+void appendPart(std::string& out, std::string_view text, size_t from, size_t width) {
+  std::string_view part = from < text.size() ? text.substr(from, width) : std::string_view{};
+  if (const void* nul = std::memchr(part.data(), '\0', part.size()))
+    part = part.substr(0, static_cast<size_t>(static_cast<const char*>(nul) - part.data()));
+  out.append(width - part.size(), ' ');
+  utf8::appendLatin1(out, part);
+}
+
+// Writes into one field of `length` bytes and drops whatever would fall outside it.
+class FieldWriter {
+ public:
+  FieldWriter(uint8_t* field, int32_t length) noexcept : field_(field), length_(std::max(length, 0)) {}
+  void fill(int64_t at, int64_t count, uint8_t byte) noexcept {
+    const int64_t from = std::max<int64_t>(at, 0), to = std::min<int64_t>(at + std::max<int64_t>(count, 0), length_);
+    if (from < to) std::memset(field_ + from, byte, static_cast<size_t>(to - from));
+  }
+  void put(int64_t at, std::string_view bytes) noexcept {
+    const int64_t from = std::max<int64_t>(at, 0);
+    const int64_t to = std::min<int64_t>(at + static_cast<int64_t>(bytes.size()), length_);
+    if (from < to) std::memcpy(field_ + from, bytes.data() + (from - at), static_cast<size_t>(to - from));
+  }
+
+ private:
+  uint8_t* field_;
+  int64_t length_;
+};
+
+}  // namespace
+
+void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t places) {
+  const auto n = static_cast<int64_t>(trimmed.size());
+  int64_t p = 0;
+  while (p < n && trimmed[static_cast<size_t>(p)] == ' ') ++p;
+  if (p < n && (trimmed[static_cast<size_t>(p)] == '-' || trimmed[static_cast<size_t>(p)] == '+')) {
+    out.push_back(trimmed[static_cast<size_t>(p)]);
+    ++p;
+  }
+  const int64_t intDigits = n - places - p;
+  if (intDigits > 0) {
+    appendPart(out, trimmed, static_cast<size_t>(p), static_cast<size_t>(intDigits));
+    out.push_back('.');
+    appendPart(out, trimmed, static_cast<size_t>(p + intDigits), static_cast<size_t>(places));
+  } else if (intDigits < 0) {
+    out.append("0.");
+    appendZeroPadded(out, parseInt32(trimmed.substr(static_cast<size_t>(p))), places);
+  } else {
+    out.append("0.");
+    appendPart(out, trimmed, static_cast<size_t>(p), static_cast<size_t>(places));
+  }
+}
+
+void layoutNumericText(uint8_t* field, int32_t length, int32_t decimals, std::string_view value,
+                       std::string_view bytes) noexcept {
+  FieldWriter w(field, length);
+  const int64_t L = length, D = decimals;
+  const bool hasDecimals = D > 0 && L > D;
+  int64_t S = 0, n = 0, I = 0, P = -1, T = 0;
+  bool addPoint = false;
+  std::string_view body = bytes;
+  if (!value.empty()) {
+    n = std::min<int64_t>(static_cast<int64_t>(bytes.size()), L);
+    const char sign = value.find('+') != std::string_view::npos   ? '+'
+                      : value.find('-') != std::string_view::npos ? '-'
+                                                                  : '\0';
+    if (sign != '\0') {
+      // The sign byte goes first; the value's first byte is dropped wherever the sign stood.
+      S = 1;
+      w.fill(0, 1, static_cast<uint8_t>(sign));
+      body = bytes.empty() ? bytes : bytes.substr(1);
+      n = static_cast<int64_t>(body.size());
+    }
+    P = findUtf16Index(value, ".");
+    const int64_t chars = utf8::utf16Length(value);
+    T = P > 0 ? chars - P : chars;
+    if (hasDecimals && P > 0) {
+      I = T < D + 1 ? n - (T - 1) : n - D;
+    } else if (hasDecimals && P < 0) {
+      addPoint = true;
+      n = std::min<int64_t>(n + 1, L);
+      I = n;
+    } else {
+      I = n;
+    }
+  } else if (hasDecimals) {
+    body = ".";
+    n = 1;
+    I = 1;
+  }
+  const int64_t Z = std::max<int64_t>(L - D - S - I, 0);  // negative: the value is cut at the field's end
+  w.fill(S, Z, '0');
+  const auto fromBody = std::min<int64_t>(n, static_cast<int64_t>(body.size()));
+  w.put(S + Z, body.substr(0, static_cast<size_t>(fromBody)));
+  if (addPoint && n > fromBody) w.put(S + Z + fromBody, ".");
+  if (S + Z + n < L) {
+    const int64_t zeros = P > 0 ? D + 1 - T : (P < 0 || D > 0 || value.empty()) ? D : 0;
+    w.fill(S + Z + n, zeros, '0');
+  }
+}
+
+void layoutDigitText(uint8_t* field, int32_t length, std::string_view bytes) noexcept {
+  FieldWriter w(field, length);
+  const int64_t n = std::min<int64_t>(static_cast<int64_t>(bytes.size()), std::max(length, 0));
+  const int64_t zeros = length - n;
+  w.fill(0, zeros, '0');
+  w.put(std::max<int64_t>(zeros, 0), bytes.substr(0, static_cast<size_t>(n)));
+}
+
+std::string roundedFixedText(double value, int32_t places) {
+  const double scale = std::pow(10.0, places);
+  const double rounded = std::floor(value * scale + 0.5) / scale;
+  std::string out;
+  appendFixed(out, static_cast<double>(narrowToFloat(rounded)), places);
+  return out;
+}
+
+int32_t findUtf16Index(std::string_view text, std::string_view what) noexcept {
+  const size_t at = text.find(what);
+  if (at == std::string_view::npos) return -1;
+  return static_cast<int32_t>(utf8::utf16Length(text.substr(0, at)));
+}
+
+}  // namespace blockproc::num

@@ -1,0 +1,89 @@
+#include "blockproc/codec/TextCodec.h"
+
+#include <gtest/gtest.h>
+
+#include "blockproc/codec/Utf8.h"
+
+namespace blockproc {
+namespace {
+
+// 가나다 and 한글 in code page 949 and in UTF-8.
+constexpr std::string_view kGanadaCp949 = "\xB0\xA1\xB3\xAA\xB4\xD9";
+constexpr std::string_view kGanadaUtf8 = "\xEA\xB0\x80\xEB\x82\x98\xEB\x8B\xA4";
+constexpr std::string_view kHangulCp949 = "\xC7\xD1\xB1\xDB";
+constexpr std::string_view kHangulUtf8 = "\xED\x95\x9C\xEA\xB8\x80";
+
+TEST(TextCodec, DecodesAndEncodesHangulInCodePage949AndEucKr) {
+  EXPECT_EQ(codec::decode(kTextEncodingCP949, kGanadaCp949), std::string(kGanadaUtf8));
+  EXPECT_EQ(codec::encode(kTextEncodingCP949, kHangulUtf8), std::string(kHangulCp949));
+  EXPECT_EQ(codec::decode(kTextEncodingEUCKR, kHangulCp949), std::string(kHangulUtf8));
+  // 똠 (U+B620) exists in code page 949's extended Hangul (0x8C63) but not in EUC-KR.
+  EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xEB\x98\xA0"), std::string("\x8C\x63"));
+  EXPECT_EQ(codec::encode(kTextEncodingEUCKR, "\xEB\x98\xA0"), std::nullopt);
+  EXPECT_EQ(codec::decode(kTextEncodingCP949, std::string("AB ") + std::string(kHangulCp949) + "1"),
+            "AB " + std::string(kHangulUtf8) + "1");
+}
+
+TEST(TextCodec, DecodingFailsOnCutOrInvalidSequences) {
+  struct Case {
+    uint32_t encoding;
+    std::string bytes;
+  } cases[] = {
+      {kTextEncodingCP949, "ABC\xB0"},      // lone lead byte at the end
+      {kTextEncodingCP949, "\xB0"},          // nothing but a lead byte
+      {kTextEncodingCP949, "\xB0\xA1\xB3"},  // second character cut
+      {kTextEncodingCP949, "\xFF\xFF"},      // not a character
+      {kTextEncodingEUCKR, "\xB0"},
+      {kTextEncodingUTF8, "\xC0\xAF"},          // overlong '/'
+      {kTextEncodingUTF8, "\xE0\x80\xAF"},      // overlong, three bytes
+      {kTextEncodingUTF8, "\xED\xA0\x80"},      // surrogate U+D800
+      {kTextEncodingUTF8, "\xF4\x90\x80\x80"},  // above U+10FFFF
+      {kTextEncodingUTF8, "\xEA\xB0"},          // cut
+      {kTextEncodingUTF8, "\x80"},              // stray continuation byte
+      {kTextEncodingASCII, "caf\xE9"},
+      {0x12345u, "plain ASCII"},  // unknown identifier: even ASCII fails
+  };
+  for (const auto& c : cases) {
+    std::string out = "kept";
+    EXPECT_FALSE(codec::decodeAppend(c.encoding, c.bytes, out)) << codec::encodingName(c.encoding);
+    EXPECT_EQ(out, "kept");
+  }
+  // After a failure the converter is reused and still converts.
+  EXPECT_EQ(codec::decode(kTextEncodingCP949, kGanadaCp949), std::string(kGanadaUtf8));
+}
+
+TEST(TextCodec, EncodingFailsOnUnrepresentableOrInvalidText) {
+  EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xF0\x9F\x98\x80"), std::nullopt);  // emoji
+  EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xED\x95"), std::nullopt);          // not UTF-8
+  EXPECT_EQ(codec::encode(kTextEncodingASCII, kHangulUtf8), std::nullopt);
+  EXPECT_EQ(codec::encode(kTextEncodingISOLatin1, "caf\xC3\xA9"), std::string("caf\xE9"));
+  EXPECT_EQ(codec::encode(kTextEncodingISOLatin1, kHangulUtf8), std::nullopt);
+  EXPECT_EQ(codec::encode(0x12345u, "ABC"), std::nullopt);
+  EXPECT_EQ(codec::encode(kTextEncodingUTF8, kHangulUtf8), std::string(kHangulUtf8));
+}
+
+TEST(TextCodec, NamesRoundTrip) {
+  for (uint32_t id : {kTextEncodingCP949, kTextEncodingUTF8, kTextEncodingEUCKR, kTextEncodingASCII,
+                      kTextEncodingISOLatin1})
+    EXPECT_EQ(codec::encodingFromName(codec::encodingName(id)), id);
+  EXPECT_EQ(codec::encodingFromName("UTF8"), kTextEncodingUTF8);
+  EXPECT_EQ(codec::encodingFromName("EUC_KR"), kTextEncodingEUCKR);
+  EXPECT_EQ(codec::encodingFromName("klingon"), std::nullopt);
+}
+
+TEST(Utf8, LengthsTrimsAndWidths) {
+  EXPECT_EQ(utf8::utf16Length("abc"), 3);
+  EXPECT_EQ(utf8::utf16Length(kHangulUtf8), 2);
+  EXPECT_EQ(utf8::utf16Length("\xF0\x9F\x98\x80"), 2);  // a surrogate pair
+  EXPECT_EQ(utf8::trimSpaceSeparators("\xE3\x80\x80 \tABC\xC2\xA0\xE3\x80\x80"), "ABC");
+  EXPECT_EQ(utf8::trimSpaceSeparators("\xE3\x80\x80"), "");
+  EXPECT_TRUE(utf8::endsWithIdeographicSpace("ABC\xE3\x80\x80"));
+  EXPECT_FALSE(utf8::endsWithIdeographicSpace("ABC "));
+  EXPECT_EQ(utf8::displayWidth("AB" + std::string(kHangulUtf8)), 6u);
+  std::string latin;
+  utf8::appendLatin1(latin, "A\xE9");
+  EXPECT_EQ(latin, "A\xC3\xA9");
+}
+
+}  // namespace
+}  // namespace blockproc
