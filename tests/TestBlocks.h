@@ -1,0 +1,28 @@
+#pragma once
+// Small helpers shared by the tests: blocks built in code and raw byte views.
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "blockproc/data/KXBlockDataProc.h"
+
+namespace blockproc::testing {
+
+// The bytes [offset, offset + length) of the processor's record buffer as a string.
+inline std::string bufferBytes(const KXBlockDataProc& proc, int64_t offset, int64_t length) {
+  if (proc.getData() == nullptr || offset < 0 || offset + length > proc.getBlockBuffSize()) return "<outside>";
+  return std::string(reinterpret_cast<const char*>(proc.getData()) + offset, static_cast<size_t>(length));
+}
+
+// The whole recorded buffer as a string.
+inline std::string bufferBytes(const KXBlockDataProc& proc) { return bufferBytes(proc, 0, proc.getBlockBuffSize()); }
+
+// A parent data processor whose transaction has the given data mode.
+struct ParentWithMode {
+  TranInfo tran;
+  BaseDataProc parent{&tran};
+  explicit ParentWithMode(std::string mode) { tran.m_strDataMode = std::move(mode); }
+};
+
+}  // namespace blockproc::testing
