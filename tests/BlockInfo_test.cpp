@@ -1,0 +1,93 @@
+#include "blockproc/data/BlockInfo.h"
+
+#include <gtest/gtest.h>
+
+namespace blockproc {
+namespace {
+
+TEST(BlockInfo, PositionsFollowFieldsAndAttributeBytes) {
+  BlockInfo plain("A");
+  plain.addField("code", kFieldText, 6);
+  plain.addField("price", kFieldNumText, 10, 2);
+  plain.addField("gap", kFieldText, 4, 0, 30);  // explicit position leaves a gap
+  plain.addField("empty", kFieldText, 0);
+  EXPECT_EQ(plain.getFieldInfoFromIndex(1)->nDataPos, 6);
+  EXPECT_EQ(plain.getFieldInfoFromIndex(3)->nDataPos, 34);
+  EXPECT_EQ(plain.getRecordMemSize(), 34);    // furthest field end
+  EXPECT_EQ(plain.getRecordFieldSize(), 20);  // lengths back to back
+
+  BlockInfo attributed("B");
+  attributed.m_bAttribute = true;
+  attributed.addField("code", kFieldText, 6);
+  attributed.addField("price", kFieldNumText, 10, 2);
+  EXPECT_EQ(attributed.getFieldInfoFromIndex(1)->nDataPos, 7);  // after the attribute byte of "code"
+  EXPECT_EQ(attributed.getRecordMemSize(), 18);
+  EXPECT_EQ(attributed.getRecordFieldSize(), 16);
+
+  attributed.m_nRecordIOMemSize = 40;  // set explicitly by an engine
+  EXPECT_EQ(attributed.getRecordMemSize(), 40);
+}
+
+TEST(BlockInfo, SizesNeverOverflow) {
+  BlockInfo block("Huge");
+  block.addField("a", kFieldText, 2'000'000'000, 0, 2'000'000'000);
+  block.addField("b", kFieldText, -5);
+  EXPECT_EQ(block.getRecordMemSize(), 2'147'483'647);
+  EXPECT_EQ(block.getRecordFieldSize(), 2'000'000'000);
+}
+
+TEST(BlockInfo, LookupsAreExactAndKeepTheFirstOfAName) {
+  BlockInfo block("A");
+  const FieldInfo& first = block.addField("dup", kFieldText, 1);
+  block.addField("dup", kFieldText, 1);
+  EXPECT_EQ(block.getFieldInfoFromName("dup"), &first);
+  EXPECT_EQ(block.getFieldInfoFromName("DUP"), nullptr);
+  EXPECT_EQ(block.getFieldInfoFromIndex(2), nullptr);
+  EXPECT_EQ(block.getFieldInfoFromIndex(-1), nullptr);
+  EXPECT_NE(block.getFieldInfoFromIndex(0)->hash(), block.getFieldInfoFromIndex(1)->hash());
+}
+
+TEST(BlockInfo, RepeatBitDecidesOccurs) {
+  struct Case {
+    int8_t type;
+    bool occurs;
+  } cases[] = {{4, true}, {3, false}, {5, true}, {0, false}};
+  for (const auto& c : cases) {
+    BlockInfo block("A");
+    block.m_nBlockType = c.type;
+    block.m_nRepeatCount = 5;
+    EXPECT_EQ(block.isOccursBlock(), c.occurs) << int{c.type};
+  }
+}
+
+TEST(BlockInfo, AttributeFunctionIndexes) {
+  const char* names[] = {"compare", "compareto", "fluctbit",  "timevolume", "unitvolume",
+                         "trdbit",  "zero",      "makecolor", "usepclose"};
+  for (int i = 0; i < 9; ++i) EXPECT_EQ(BlockInfo::getAttrFunctionIndex(names[i]), i);
+  EXPECT_EQ(BlockInfo::getAttrFunctionIndex("Compare"), FUNC_BASE_INDEX);
+  EXPECT_EQ(BlockInfo::getAttrFunctionIndex(""), FUNC_BASE_INDEX);
+}
+
+TEST(BlockInfo, KeyEncryptionDictionaryOnlyForKeyEncryptedFields) {
+  BlockInfo block("A");
+  block.addField("pwd", kFieldText, 8).bKeyEnc = true;
+  block.addField("acct", kFieldText, 8);
+  KeyEncDict* dict = block.getKeyEncValue("pwd");
+  ASSERT_NE(dict, nullptr);
+  EXPECT_EQ(block.getKeyEncValue("pwd"), dict);  // one dictionary per field name
+  EXPECT_EQ(block.getKeyEncValue("acct"), nullptr);
+  EXPECT_EQ(block.getKeyEncValue("none"), nullptr);
+}
+
+TEST(BlockInfo, AttributeSourceByRegistrationOrByName) {
+  BlockInfo block("A");
+  const FieldInfo& sign = block.addField("sign", kFieldText, 1);
+  const FieldInfo& other = block.addField("other", kFieldText, 1);
+  block.setAttrSource("diffKey", &other);
+  EXPECT_EQ(block.getAttrRefSourceFieldInfo("sign"), &sign);
+  EXPECT_EQ(block.getAttrRefSourceFieldInfo("diffKey"), &other);
+  EXPECT_EQ(block.getAttrRefSourceFieldInfo("missing"), nullptr);
+}
+
+}  // namespace
+}  // namespace blockproc
