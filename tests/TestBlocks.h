@@ -11,12 +11,15 @@ namespace blockproc::testing {
 
 // The bytes [offset, offset + length) of the processor's record buffer as a string.
 inline std::string bufferBytes(const KXBlockDataProc& proc, int64_t offset, int64_t length) {
-  if (proc.getData() == nullptr || offset < 0 || offset + length > proc.getBlockBuffSize()) return "<outside>";
+  if (proc.getData() == nullptr || offset < 0 || offset + length > proc.getBlockBuffSize())
+    return "<outside>";
   return std::string(reinterpret_cast<const char*>(proc.getData()) + offset, static_cast<size_t>(length));
 }
 
 // The whole recorded buffer as a string.
-inline std::string bufferBytes(const KXBlockDataProc& proc) { return bufferBytes(proc, 0, proc.getBlockBuffSize()); }
+inline std::string bufferBytes(const KXBlockDataProc& proc) {
+  return bufferBytes(proc, 0, proc.getBlockBuffSize());
+}
 
 // A parent data processor whose transaction has the given data mode.
 struct ParentWithMode {

@@ -29,7 +29,7 @@ TEST(TextCodec, DecodingFailsOnCutOrInvalidSequences) {
     uint32_t encoding;
     std::string bytes;
   } cases[] = {
-      {kTextEncodingCP949, "ABC\xB0"},      // lone lead byte at the end
+      {kTextEncodingCP949, "ABC\xB0"},       // lone lead byte at the end
       {kTextEncodingCP949, "\xB0"},          // nothing but a lead byte
       {kTextEncodingCP949, "\xB0\xA1\xB3"},  // second character cut
       {kTextEncodingCP949, "\xFF\xFF"},      // not a character

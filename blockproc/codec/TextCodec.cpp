@@ -108,7 +108,9 @@ bool appendBytes(std::string& out, std::string_view bytes) noexcept {
 
 }  // namespace
 
-bool isKnownEncoding(uint32_t encoding) noexcept { return find(encoding) != nullptr; }
+bool isKnownEncoding(uint32_t encoding) noexcept {
+  return find(encoding) != nullptr;
+}
 
 bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) noexcept {
   const EncodingEntry* e = find(encoding);
@@ -161,7 +163,8 @@ bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) no
           if (b0 < 0x80) {
             out.push_back(static_cast<char>(b0));
           } else if (b0 == 0xC2 || b0 == 0xC3) {
-            out.push_back(static_cast<char>(((b0 & 0x03) << 6) | (static_cast<unsigned char>(text[++i]) & 0x3F)));
+            out.push_back(
+                static_cast<char>(((b0 & 0x03) << 6) | (static_cast<unsigned char>(text[++i]) & 0x3F)));
           } else {
             out.resize(oldSize);
             return false;
@@ -199,7 +202,8 @@ std::optional<uint32_t> encodingFromName(std::string_view name) noexcept {
   auto canonical = [](std::string_view s) {
     std::string c;
     for (char ch : s)
-      if (ch != '-' && ch != '_') c.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(ch))));
+      if (ch != '-' && ch != '_')
+        c.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(ch))));
     return c;
   };
   try {

@@ -16,7 +16,8 @@ char32_t next(std::string_view text, size_t& i) noexcept {
   int extra = b0 >= 0xF0 ? 3 : b0 >= 0xE0 ? 2 : 1;
   char32_t cp = b0 & (0x3F >> extra);
   ++i;
-  for (; extra > 0 && i < text.size(); --extra, ++i) cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
+  for (; extra > 0 && i < text.size(); --extra, ++i)
+    cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
   return cp;
 }
 

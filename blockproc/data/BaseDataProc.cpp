@@ -4,6 +4,8 @@ namespace blockproc {
 
 BaseDataProc::~BaseDataProc() = default;
 
-TranInfo* BaseDataProc::getTranInfo() const { return m_oTranInfo; }
+TranInfo* BaseDataProc::getTranInfo() const {
+  return m_oTranInfo;
+}
 
 }  // namespace blockproc

@@ -63,7 +63,9 @@ int32_t BlockInfo::getRecordFieldSize() const {
   return static_cast<int32_t>(std::min(size, kInt32Max));
 }
 
-int32_t BlockInfo::getFieldCount() const { return static_cast<int32_t>(m_FieldInfoList.size()); }
+int32_t BlockInfo::getFieldCount() const {
+  return static_cast<int32_t>(m_FieldInfoList.size());
+}
 
 const FieldInfo* BlockInfo::getFieldInfoFromIndex(int32_t position) const {
   if (position < 0 || static_cast<size_t>(position) >= m_FieldInfoList.size()) return nullptr;
@@ -94,12 +96,14 @@ const FieldInfo* BlockInfo::getAttrRefSourceFieldInfo(std::string_view key) cons
   return getFieldInfoFromName(key);
 }
 
-bool BlockInfo::isOccursBlock() const { return (m_nBlockType & kBlockTypeRepeat) != 0; }
+bool BlockInfo::isOccursBlock() const {
+  return (m_nBlockType & kBlockTypeRepeat) != 0;
+}
 
 int32_t BlockInfo::getAttrFunctionIndex(std::string_view functionName) {
-  static constexpr std::array<std::string_view, 9> kNames{"compare",    "compareto", "fluctbit",
+  static constexpr std::array<std::string_view, 9> kNames{"compare",    "compareto",  "fluctbit",
                                                           "timevolume", "unitvolume", "trdbit",
-                                                          "zero",       "makecolor", "usepclose"};
+                                                          "zero",       "makecolor",  "usepclose"};
   for (size_t i = 0; i < kNames.size(); ++i)
     if (kNames[i] == functionName) return static_cast<int32_t>(i);
   return FUNC_BASE_INDEX;

@@ -42,7 +42,8 @@ class BlockInfo {
   RCL_TYPE m_nRecordLenApplyType = RCL_OCCURSLEN;
   TranInfo* m_oTranInfo = nullptr;                          // the transaction it belongs to; not owned
   std::vector<std::unique_ptr<FieldInfo>> m_FieldInfoList;  // block order
-  std::unordered_map<std::string, const FieldInfo*, StringHash, std::equal_to<>> m_FieldMap;  // first of a name
+  std::unordered_map<std::string, const FieldInfo*, StringHash, std::equal_to<>>
+      m_FieldMap;                   // first of a name
   int32_t m_nRecordIOSize = -1;     // record field size when 0 or more; below 0 it is worked out
   int32_t m_nRecordIOMemSize = -1;  // record memory size when 0 or more; below 0 it is worked out
   int32_t m_nRecordSendSize = 0;    // unused by the processor

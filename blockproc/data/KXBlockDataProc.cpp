@@ -42,22 +42,48 @@ KXBlockDataProc::~KXBlockDataProc() {
 
 // ---- accessors and lists ------------------------------------------------------------------------------
 
-void KXBlockDataProc::setEncodingType(uint32_t encoding) noexcept { m_nEncodingType = encoding; }
-void KXBlockDataProc::setBlockInfo(BlockInfo* blockInfo) noexcept { m_oBlockInfo = blockInfo; }
-BlockInfo* KXBlockDataProc::getBlockInfo() const noexcept { return m_oBlockInfo; }
-void KXBlockDataProc::setDataProc(BaseDataProc* parent) noexcept { m_pParentDP = parent; }
-BaseDataProc* KXBlockDataProc::getDataProc() const noexcept { return m_pParentDP; }
-void KXBlockDataProc::setBlockName(std::string name) noexcept { m_szBlockName = std::move(name); }
-void KXBlockDataProc::setM_szBlockName(std::string name) noexcept { m_szBlockName = std::move(name); }
-const std::string& KXBlockDataProc::getBlockName() const noexcept { return m_szBlockName; }
-int32_t KXBlockDataProc::getValidCount() const noexcept { return m_nValidCount; }
-void KXBlockDataProc::setValidCount(int32_t count) noexcept { m_nValidCount = count; }
-const uint8_t* KXBlockDataProc::getData() const noexcept { return m_pBlockData.get(); }
+void KXBlockDataProc::setEncodingType(uint32_t encoding) noexcept {
+  m_nEncodingType = encoding;
+}
+void KXBlockDataProc::setBlockInfo(BlockInfo* blockInfo) noexcept {
+  m_oBlockInfo = blockInfo;
+}
+BlockInfo* KXBlockDataProc::getBlockInfo() const noexcept {
+  return m_oBlockInfo;
+}
+void KXBlockDataProc::setDataProc(BaseDataProc* parent) noexcept {
+  m_pParentDP = parent;
+}
+BaseDataProc* KXBlockDataProc::getDataProc() const noexcept {
+  return m_pParentDP;
+}
+void KXBlockDataProc::setBlockName(std::string name) noexcept {
+  m_szBlockName = std::move(name);
+}
+void KXBlockDataProc::setM_szBlockName(std::string name) noexcept {
+  m_szBlockName = std::move(name);
+}
+const std::string& KXBlockDataProc::getBlockName() const noexcept {
+  return m_szBlockName;
+}
+int32_t KXBlockDataProc::getValidCount() const noexcept {
+  return m_nValidCount;
+}
+void KXBlockDataProc::setValidCount(int32_t count) noexcept {
+  m_nValidCount = count;
+}
+const uint8_t* KXBlockDataProc::getData() const noexcept {
+  return m_pBlockData.get();
+}
 int32_t KXBlockDataProc::getBlockRepCount() const noexcept {
   return m_oBlockInfo != nullptr ? m_oBlockInfo->m_nRepeatCount : 0;
 }
-void KXBlockDataProc::setReceived(bool received) noexcept { m_bReceived = received; }
-bool KXBlockDataProc::getReceived() const noexcept { return m_bReceived; }
+void KXBlockDataProc::setReceived(bool received) noexcept {
+  m_bReceived = received;
+}
+bool KXBlockDataProc::getReceived() const noexcept {
+  return m_bReceived;
+}
 bool KXBlockDataProc::isOccursBlock() const noexcept {
   try {
     return m_oBlockInfo != nullptr && m_oBlockInfo->isOccursBlock();
@@ -66,7 +92,9 @@ bool KXBlockDataProc::isOccursBlock() const noexcept {
   }
 }
 
-std::vector<std::shared_ptr<void>>& KXBlockDataProc::getConnCtlList() noexcept { return m_ConnCtlList; }
+std::vector<std::shared_ptr<void>>& KXBlockDataProc::getConnCtlList() noexcept {
+  return m_ConnCtlList;
+}
 
 void KXBlockDataProc::addConnCtl(std::shared_ptr<void> control) noexcept {
   if (!control) return;
@@ -100,7 +128,9 @@ FieldLinkInfo* KXBlockDataProc::getLinkInfo(int32_t position) const noexcept {
   return m_FieldLinkInfoList[static_cast<size_t>(position)].get();
 }
 
-int32_t KXBlockDataProc::getLinkCount() const noexcept { return static_cast<int32_t>(m_FieldLinkInfoList.size()); }
+int32_t KXBlockDataProc::getLinkCount() const noexcept {
+  return static_cast<int32_t>(m_FieldLinkInfoList.size());
+}
 
 void KXBlockDataProc::addRealAPLinkInfo(std::unique_ptr<RealAPLinkInfo> link) noexcept {
   if (!link) return;
@@ -124,11 +154,21 @@ void KXBlockDataProc::initRealBufferIndex() noexcept {
   m_nValidCount = 0;
 }
 
-uint32_t KXBlockDataProc::getEncodingType() const noexcept { return m_nEncodingType; }
-int32_t KXBlockDataProc::getBufCount() const noexcept { return m_nBufCount; }
-int32_t KXBlockDataProc::getStartIndex() const noexcept { return m_nStartIndex; }
-int32_t KXBlockDataProc::getBlockBuffSize() const noexcept { return m_nBlockBuffSize; }
-int64_t KXBlockDataProc::getBlockDataLen() const noexcept { return m_nBlockDataLen; }
+uint32_t KXBlockDataProc::getEncodingType() const noexcept {
+  return m_nEncodingType;
+}
+int32_t KXBlockDataProc::getBufCount() const noexcept {
+  return m_nBufCount;
+}
+int32_t KXBlockDataProc::getStartIndex() const noexcept {
+  return m_nStartIndex;
+}
+int32_t KXBlockDataProc::getBlockBuffSize() const noexcept {
+  return m_nBlockBuffSize;
+}
+int64_t KXBlockDataProc::getBlockDataLen() const noexcept {
+  return m_nBlockDataLen;
+}
 
 // ---- shared helpers -------------------------------------------------------------------------------------
 
@@ -199,7 +239,8 @@ bool KXBlockDataProc::growRecords(int32_t index, int32_t stride, GrowWipe wipe) 
     m_nBufCount = oldCount;
     return false;
   }
-  if (wipe == GrowWipe::WipeLengthThenWipe) wipeBuffer(static_cast<int32_t>(std::min(int64_t{oldCount} * stride, kInt32Max)));
+  if (wipe == GrowWipe::WipeLengthThenWipe)
+    wipeBuffer(static_cast<int32_t>(std::min(int64_t{oldCount} * stride, kInt32Max)));
   if (wipe != GrowWipe::None && m_pBlockData) wipeBuffer();
   installBuffer(std::move(area), static_cast<int32_t>(newSize));
   const int64_t from = std::min(int64_t{oldCount} * stride, newSize);
@@ -227,7 +268,8 @@ void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view 
     KeyEncDict* dict = m_oBlockInfo != nullptr ? m_oBlockInfo->getKeyEncValue(info.szFieldName) : nullptr;
     if (dict == nullptr) return;
     // The length in UTF-16 code units, narrowed to 32 bits; text that is not UTF-8 counts its bytes.
-    const int64_t units = utf8::isValid(value) ? utf8::utf16Length(value) : static_cast<int64_t>(value.size());
+    const int64_t units =
+        utf8::isValid(value) ? utf8::utf16Length(value) : static_cast<int64_t>(value.size());
     std::string size;
     num::appendZeroPadded(size, static_cast<int32_t>(units), 4);
     (*dict)["size"] = std::move(size);
@@ -236,7 +278,8 @@ void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view 
   }
 }
 
-bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataType, std::string_view value) noexcept {
+bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataType,
+                                  std::string_view value) noexcept {
   uint8_t bytes[8];
   size_t width;
   switch (dataType) {
@@ -274,7 +317,8 @@ bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataTy
 int32_t KXBlockDataProc::calcPacketSize() const noexcept {
   if (m_oBlockInfo == nullptr) return 0;
   const int64_t r = recordSize();
-  const bool repeated = (m_oBlockInfo->m_nBlockType & kBlockTypeRepeat) != 0 && m_oBlockInfo->m_nRepeatCount != 0;
+  const bool repeated =
+      (m_oBlockInfo->m_nBlockType & kBlockTypeRepeat) != 0 && m_oBlockInfo->m_nRepeatCount != 0;
   const int64_t size = repeated ? r * m_oBlockInfo->m_nRepeatCount : r;
   return static_cast<int32_t>(std::clamp<int64_t>(size, 0, kInt32Max));
 }
@@ -315,7 +359,9 @@ void KXBlockDataProc::DefaultMemory() noexcept {
   }
 }
 
-void KXBlockDataProc::clearData() noexcept { wipeBuffer(); }
+void KXBlockDataProc::clearData() noexcept {
+  wipeBuffer();
+}
 
 void KXBlockDataProc::wipeBuffer() noexcept {
   if (m_pBlockData && m_nBlockBuffSize > 0) {
@@ -337,7 +383,8 @@ void KXBlockDataProc::wipeBuffer(int32_t length) noexcept {
   m_nValidCount = 0;
 }
 
-std::unique_ptr<uint8_t[]> KXBlockDataProc::reSizeBytes(const uint8_t* oldBytes, int32_t newLength) const noexcept {
+std::unique_ptr<uint8_t[]> KXBlockDataProc::reSizeBytes(const uint8_t* oldBytes,
+                                                        int32_t newLength) const noexcept {
   auto area = newSpaces(std::max(newLength, 0));
   if (!area || oldBytes == nullptr) return area;
   const int64_t records = int64_t{recordSize()} * m_nBufCount;

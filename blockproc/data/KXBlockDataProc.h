@@ -95,11 +95,11 @@ class KXBlockDataProc {
   void initRealBufferIndex() noexcept;
 
   // ---- read-only views of the buffer state ---------------------------------------------------------
-  uint32_t getEncodingType() const noexcept;   // the text encoding identifier
-  int32_t getBufCount() const noexcept;        // buffer record count
-  int32_t getStartIndex() const noexcept;      // start index
-  int32_t getBlockBuffSize() const noexcept;   // recorded buffer size: bytes of the buffer, 0 without one
-  int64_t getBlockDataLen() const noexcept;    // block data length (dynamic receives); never above the buffer
+  uint32_t getEncodingType() const noexcept;  // the text encoding identifier
+  int32_t getBufCount() const noexcept;       // buffer record count
+  int32_t getStartIndex() const noexcept;     // start index
+  int32_t getBlockBuffSize() const noexcept;  // recorded buffer size: bytes of the buffer, 0 without one
+  int64_t getBlockDataLen() const noexcept;   // block data length (dynamic receives); never above the buffer
 
   // ---- record buffer --------------------------------------------------------------------------------
   // R * m_nRepeatCount for a repeated block whose count is not 0, else R; 0 without definition. A product
@@ -168,7 +168,8 @@ class KXBlockDataProc {
   // Stores the value under the field's hash in record nIndex of the dynamic input list, appending a new
   // record when nIndex is not an existing one (valid record count raised to nIndex + 1 unless negative).
   // No field or no value: nothing is stored and no record is made.
-  void setFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex, std::optional<std::string_view> sValue) noexcept;
+  void setFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex,
+                              std::optional<std::string_view> sValue) noexcept;
   // The dynamic value of the field in that record, or "" (looks at the dynamic input list only).
   std::string getFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex) const noexcept;
   // Fills strData with the dynamic value and bAttrValue with the stored attribute byte; false, leaving data
@@ -207,12 +208,14 @@ class KXBlockDataProc {
 
   // ---- writing ----------------------------------------------------------------------------------------
   // setFieldDataFromInfo for the field of that name. Always false.
-  bool setFieldDataFromName(std::string_view name, int32_t index, std::optional<std::string_view> value) noexcept;
+  bool setFieldDataFromName(std::string_view name, int32_t index,
+                            std::optional<std::string_view> value) noexcept;
   // Formats the value into the field of record `index`, growing the buffer to index + 1 records when needed
   // and raising the valid record count to index + 1. Always false. A negative index, R of 0 or below, a size
   // beyond 32 bits, or field bytes outside the buffer write nothing; numeric text too long for the field is
   // cut at the field's end; a binary field shorter than its type's width receives the low-order bytes.
-  bool setFieldDataFromInfo(const FieldInfo* info, int32_t index, std::optional<std::string_view> value) noexcept;
+  bool setFieldDataFromInfo(const FieldInfo* info, int32_t index,
+                            std::optional<std::string_view> value) noexcept;
   // Position in UTF-16 code units of the first occurrence of findString in text, or -1 (an empty findString
   // is found at 0).
   static int32_t findIndex(std::string_view text, std::string_view findString) noexcept;
@@ -238,7 +241,8 @@ class KXBlockDataProc {
   void setFieldAttrFromName(std::string_view name, int32_t index, uint8_t value) noexcept;
   // Writes the low 8 bits of "0x..." hexadecimal or decimal text as the attribute byte of a laid-out record
   // (index below the buffer record count); skipped for a field that carries no attribute byte.
-  void setFieldAttrHexa(const FieldInfo* info, int32_t index, std::optional<std::string_view> attrHex) noexcept;
+  void setFieldAttrHexa(const FieldInfo* info, int32_t index,
+                        std::optional<std::string_view> attrHex) noexcept;
   // '1' for '+', '1', '2'; '3' for '3'; '5' for '-', '4', '5'; 0 for any other byte.
   static uint8_t getAttrValueFromData(char byte) noexcept;
   // Fills data with the display value and the derived attribute of the source field's first byte (enable

@@ -16,17 +16,17 @@ class TranInfo {
  public:
   bool bAttribute = false, bCompress = false, bEncryption = false, bBlockMode = false, bRealMode = false,
        bOrder = false;
-  std::string sTrCode;           // the transaction code
+  std::string sTrCode;  // the transaction code
   int32_t nDataHeaderType = 0;
   std::string m_strSvrDest;
-  std::string m_strDataMode;     // empty: no data mode; ".WSKJson" and ".WSKJsonFeed" read text as UTF-8
-  int32_t m_nOccursLen = 0;      // digits of the record-count prefix ahead of a repeated reply block
+  std::string m_strDataMode;  // empty: no data mode; ".WSKJson" and ".WSKJsonFeed" read text as UTF-8
+  int32_t m_nOccursLen = 0;   // digits of the record-count prefix ahead of a repeated reply block
   std::map<std::string, std::string> m_DicTranInfoItems;
   bool m_isUseKeyEnc = false;
   int32_t m_nKeyEncCount = 0;
-  std::vector<std::unique_ptr<BlockInfo>> m_BlockInfokList;  // every block, owned, in definition order
+  std::vector<std::unique_ptr<BlockInfo>> m_BlockInfokList;       // every block, owned, in definition order
   std::map<std::string, BlockInfo*, std::less<>> m_blockInfoMap;  // by block name
-  std::vector<BlockInfo*> m_InBlockList, m_OutBlockList;         // input and output blocks, in order
+  std::vector<BlockInfo*> m_InBlockList, m_OutBlockList;          // input and output blocks, in order
 
   TranInfo() = default;
   TranInfo(const TranInfo&) = delete;

@@ -11,7 +11,9 @@ namespace blockproc::num {
 float narrowToFloat(double value) noexcept {
   // Values up to half an ulp above FLT_MAX still round to FLT_MAX.
   constexpr double kLimit = static_cast<double>(std::numeric_limits<float>::max()) + 0x1p103;
-  if (std::isnan(value)) return std::copysign(std::numeric_limits<float>::quiet_NaN(), static_cast<float>(std::signbit(value) ? -1 : 1));
+  if (std::isnan(value))
+    return std::copysign(std::numeric_limits<float>::quiet_NaN(),
+                         static_cast<float>(std::signbit(value) ? -1 : 1));
   if (value >= kLimit) return std::numeric_limits<float>::infinity();
   if (value <= -kLimit) return -std::numeric_limits<float>::infinity();
   return static_cast<float>(value);
@@ -43,12 +45,14 @@ void appendFixed(std::string& out, double value, int32_t places) {
   const int needed = 312 + precision;
   if (needed <= kStack) {
     std::array<char, kStack> buf;
-    const auto res = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::fixed, precision);
+    const auto res =
+        std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::fixed, precision);
     out.append(buf.data(), res.ptr);
     return;
   }
   std::string buf(static_cast<size_t>(needed), '\0');
-  const auto res = std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::fixed, precision);
+  const auto res =
+      std::to_chars(buf.data(), buf.data() + buf.size(), value, std::chars_format::fixed, precision);
   out.append(buf.data(), res.ptr);
 }
 

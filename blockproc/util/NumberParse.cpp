@@ -8,8 +8,12 @@ namespace blockproc::num {
 
 namespace {
 
-bool isSpace(char c) noexcept { return c == ' ' || (c >= '\t' && c <= '\r'); }
-bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+bool isSpace(char c) noexcept {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+bool isDigit(char c) noexcept {
+  return c >= '0' && c <= '9';
+}
 
 // Skips white space and an optional sign; returns the position after them and whether a '-' was seen.
 size_t skipSpaceAndSign(std::string_view text, bool& negative) noexcept {
@@ -58,9 +62,11 @@ double parseLeadingDouble(std::string_view text) noexcept {
   const size_t i = skipSpaceAndSign(text, negative);
   const std::string_view rest = text.substr(i);
   // A number starts with a digit, or with a point followed by a digit.
-  if (rest.empty() || !(isDigit(rest[0]) || (rest[0] == '.' && rest.size() > 1 && isDigit(rest[1])))) return 0.0;
+  if (rest.empty() || !(isDigit(rest[0]) || (rest[0] == '.' && rest.size() > 1 && isDigit(rest[1]))))
+    return 0.0;
   double value = 0.0;
-  const auto [ptr, ec] = std::from_chars(rest.data(), rest.data() + rest.size(), value, std::chars_format::general);
+  const auto [ptr, ec] =
+      std::from_chars(rest.data(), rest.data() + rest.size(), value, std::chars_format::general);
   if (ec == std::errc::result_out_of_range) {
     // Too large or too small for a double: decide by the decimal exponent of the leading digits.
     size_t j = 0;
@@ -91,8 +97,7 @@ uint32_t parseHex(std::string_view text) noexcept {
   bool negative;
   size_t i = skipSpaceAndSign(text, negative);
   // "%x" also takes an optional 0x or 0X prefix.
-  if (i + 1 < text.size() && text[i] == '0' && (text[i + 1] == 'x' || text[i + 1] == 'X'))
-    i += 2;
+  if (i + 1 < text.size() && text[i] == '0' && (text[i + 1] == 'x' || text[i + 1] == 'X')) i += 2;
   uint32_t value = 0;  // wraps: only the low bits are ever used
   for (; i < text.size(); ++i) {
     const char c = text[i];

@@ -23,7 +23,8 @@ int64_t parseInt64(std::string_view text) noexcept;
 double parseLeadingDouble(std::string_view text) noexcept;
 
 // As the scan format "%x": leading white space, an optional sign, hexadecimal digits of either case up to
-// the first other character (an optional 0x or 0X prefix is skipped); no digits give 0. The result is the value modulo 2^32 (a minus sign negates).
+// the first other character (an optional 0x or 0X prefix is skipped); no digits give 0. The result is the
+// value modulo 2^32 (a minus sign negates).
 uint32_t parseHex(std::string_view text) noexcept;
 
 }  // namespace blockproc::num

@@ -27,7 +27,8 @@ class FieldWriter {
  public:
   FieldWriter(uint8_t* field, int32_t length) noexcept : field_(field), length_(std::max(length, 0)) {}
   void fill(int64_t at, int64_t count, uint8_t byte) noexcept {
-    const int64_t from = std::max<int64_t>(at, 0), to = std::min<int64_t>(at + std::max<int64_t>(count, 0), length_);
+    const int64_t from = std::max<int64_t>(at, 0),
+                  to = std::min<int64_t>(at + std::max<int64_t>(count, 0), length_);
     if (from < to) std::memset(field_ + from, byte, static_cast<size_t>(to - from));
   }
   void put(int64_t at, std::string_view bytes) noexcept {
