@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Proves that a consumer builds against the library in both ways: find_package after cmake --install, and
+# add_subdirectory of the checkout. Usage: scripts/check-consumers.sh <configured build dir>
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build}
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+cmake -S examples/consumer -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake --build "$work/consumer" -j "$(nproc)" >/dev/null
+"$work/consumer/consumer"
+cmake -S tests/subproject -B "$work/subproject" >/dev/null
+cmake --build "$work/subproject" -j "$(nproc)" >/dev/null
+"$work/subproject/consumer" >/dev/null
+echo "consumers: find_package and add_subdirectory both build and run"
