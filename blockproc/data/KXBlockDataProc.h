@@ -212,8 +212,9 @@ class KXBlockDataProc {
                             std::optional<std::string_view> value) noexcept;
   // Formats the value into the field of record `index`, growing the buffer to index + 1 records when needed
   // and raising the valid record count to index + 1. Always false. A negative index, R of 0 or below, a size
-  // beyond 32 bits, or field bytes outside the buffer write nothing; numeric text too long for the field is
-  // cut at the field's end; a binary field shorter than its type's width receives the low-order bytes.
+  // beyond 32 bits, or field bytes outside the buffer after growth write nothing and leave the valid count;
+  // numeric text too long for the field is cut at the field's end; a binary field shorter than its type's
+  // width receives the low-order bytes.
   bool setFieldDataFromInfo(const FieldInfo* info, int32_t index,
                             std::optional<std::string_view> value) noexcept;
   // Position in UTF-16 code units of the first occurrence of findString in text, or -1 (an empty findString
@@ -221,13 +222,15 @@ class KXBlockDataProc {
   static int32_t findIndex(std::string_view text, std::string_view findString) noexcept;
   // Writes the value at byte nPos of the buffer (text types as the number rounded to the field's places,
   // binary types as setFieldDataFromInfo) and returns nPos + length (0 without field). Bytes that would pass
-  // the buffer, a negative index, negative places or more than 1,100 places write nothing.
+  // the buffer, a negative index (no growth either), a length of 0 or below, and for text types negative
+  // places or more than 1,100 places write nothing.
   int32_t setFieldDataExFromInfo(const FieldInfo* info, int32_t index, std::optional<std::string_view> value,
                                  int32_t nPos) noexcept;
   // setFieldDataFromInfoEX for the field of that name. Always false.
   bool setFieldDataFromNameEX(std::string_view name, int32_t index, const char* value) noexcept;
   // Copies the zero-terminated bytes as they are into a type-0 field (other types stay spaces); valid record
-  // count := index + 1. Always false. A negative index or bytes outside the buffer write nothing.
+  // count := index + 1. Always false. A negative index, R of 0 or below, or field bytes outside the buffer
+  // after growth write nothing and leave the valid count.
   bool setFieldDataFromInfoEX(const FieldInfo* info, int32_t index, const char* value) noexcept;
 
   // ---- attributes -------------------------------------------------------------------------------------

@@ -1,10 +1,58 @@
 // Handing the block's bytes out: the send buffer and the block as text.
 
+#include <algorithm>
+#include <cstring>
+
+#include "blockproc/codec/TextCodec.h"
 #include "blockproc/data/KXBlockDataProc.h"
 
 namespace blockproc {
 
-void KXBlockDataProc::getStructInputData(void*) const noexcept {}
-std::optional<std::string> KXBlockDataProc::getBlockData() const noexcept { return std::string(); }
+namespace {
+constexpr uint8_t kSpace = 0x20;
+}  // namespace
+
+void KXBlockDataProc::getStructInputData(void* sendBuffer) const noexcept {
+  if (sendBuffer == nullptr || m_oBlockInfo == nullptr || !m_pBlockData) return;
+  auto* out = static_cast<uint8_t*>(sendBuffer);
+  try {
+    const int32_t fields = m_oBlockInfo->getFieldCount();
+    for (int32_t j = 0; j < fields; ++j) {
+      const FieldInfo* f = m_oBlockInfo->getFieldInfoFromIndex(j);
+      if (f == nullptr || f->nLength <= 0) continue;
+      const int64_t pos = f->nDataPos, length = f->nLength;
+      if (const uint8_t* bytes = span(pos, length)) {
+        std::memcpy(out, bytes, static_cast<size_t>(length));
+      } else {
+        // Part of the field lies outside the buffer (a short dynamic area): those bytes go as spaces.
+        std::memset(out, kSpace, static_cast<size_t>(length));
+        const int64_t from = std::clamp<int64_t>(pos, 0, m_nBlockBuffSize);
+        const int64_t to = std::clamp<int64_t>(pos + length, 0, m_nBlockBuffSize);
+        if (const uint8_t* inside = from < to ? span(from, to - from) : nullptr)
+          std::memcpy(out + (from - pos), inside, static_cast<size_t>(to - from));
+      }
+      out += length;
+    }
+  } catch (...) {
+  }
+}
+
+std::optional<std::string> KXBlockDataProc::getBlockData() const noexcept {
+  if (!m_pBlockData) return std::string();
+  try {
+    const bool repeated = m_oBlockInfo != nullptr && (m_oBlockInfo->m_nBlockType & kBlockTypeRepeat) != 0;
+    const int64_t records = repeated ? m_nValidCount : 1;
+    const int64_t length = std::clamp<int64_t>(records * recordSize(), 0, m_nBlockBuffSize);
+    const auto* bytes = reinterpret_cast<const char*>(span(0, length));
+    if (bytes == nullptr) return std::string();
+    std::string_view text(bytes, static_cast<size_t>(length));
+    if (const void* zero = std::memchr(text.data(), 0, text.size()))
+      text = text.substr(0, static_cast<size_t>(static_cast<const char*>(zero) - text.data()));
+    if (auto utf8 = codec::decode(kTextEncodingUTF8, text)) return utf8;
+    return codec::decode(kTextEncodingCP949, text);
+  } catch (...) {
+    return std::nullopt;
+  }
+}
 
 }  // namespace blockproc

@@ -1,21 +1,164 @@
-// Writing caller values into fields.
+// Writing caller values into fields: the main writer, the positional writer and the raw-text writer.
 
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/NumberFormat.h"
+#include "blockproc/util/NumberParse.h"
+#include "blockproc/util/NumericText.h"
 
 namespace blockproc {
 
-bool KXBlockDataProc::setFieldDataFromName(std::string_view, int32_t, std::optional<std::string_view>) noexcept {
+namespace {
+
+constexpr uint8_t kSpace = 0x20;
+
+// The encoded bytes of the value being written. One per thread and reused, so a write allocates only when
+// a value is longer than any this thread has written before.
+std::string& scratchBytes() noexcept {
+  thread_local std::string bytes;
+  return bytes;
+}
+
+// Bytes a binary type occupies, 0 for a type that is not binary.
+int32_t binaryWidth(int32_t dataType) noexcept {
+  switch (dataType) {
+    case kFieldInt16:
+      return 2;
+    case kFieldFloat:
+      return 4;
+    case kFieldInt64:
+    case kFieldDouble:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
+// nPos + length, wrapping like the 32-bit sum it stands for instead of overflowing.
+int32_t positionAfter(int32_t nPos, int32_t length) noexcept {
+  return static_cast<int32_t>(static_cast<uint32_t>(nPos) + static_cast<uint32_t>(length));
+}
+
+}  // namespace
+
+// ---- main writer ----------------------------------------------------------------------------------------
+
+bool KXBlockDataProc::setFieldDataFromName(std::string_view name, int32_t index,
+                                           std::optional<std::string_view> value) noexcept {
+  return setFieldDataFromInfo(findFieldInfo(name), index, value);
+}
+
+bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
+                                           std::optional<std::string_view> value) noexcept {
+  if (info == nullptr || index < 0) return false;
+  try {
+    const int32_t r = recordSize();
+    if (r <= 0) return false;
+    if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::None)) return false;
+    const int32_t length = std::max(info->nLength, 0);
+    uint8_t* field = span(recordOffset(index, info->nDataPos), length);
+    if (field == nullptr) return false;  // the record lies past the buffer (a start index beyond it)
+    std::memset(field, kSpace, static_cast<size_t>(length));
+    m_nValidCount = std::max(m_nValidCount, index + 1);
+    if (!value) return false;
+    std::string& bytes = scratchBytes();
+    if (!encodeValue(*value, bytes)) return false;
+    if (info->getKeyEncState()) {
+      routeKeyEncrypted(*info, *value);
+      return false;
+    }
+    switch (info->nDataType) {
+      case kFieldText:
+        std::memcpy(field, bytes.data(), std::min(bytes.size(), static_cast<size_t>(length)));
+        break;
+      case kFieldNumText:
+        num::layoutNumericText(field, length, info->nDecimalLen, *value, bytes);
+        break;
+      case kFieldInt16:
+      case kFieldInt64:
+      case kFieldFloat:
+      case kFieldDouble:
+        writeBinary(field, length, info->nDataType, *value);
+        break;
+      default:
+        num::layoutDigitText(field, length, bytes);
+        break;
+    }
+  } catch (...) {
+  }
   return false;
 }
-bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo*, int32_t, std::optional<std::string_view>) noexcept {
+
+int32_t KXBlockDataProc::findIndex(std::string_view text, std::string_view findString) noexcept {
+  return num::findUtf16Index(text, findString);
+}
+
+// ---- positional writer ------------------------------------------------------------------------------------
+
+int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t index,
+                                                std::optional<std::string_view> value,
+                                                int32_t nPos) noexcept {
+  if (info == nullptr) return 0;
+  const int32_t length = info->nLength;
+  const int32_t next = positionAfter(nPos, length);
+  if (index < 0) return next;
+  try {
+    if (index >= m_nBufCount) {
+      const int32_t stride = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordFieldSize() : 0;
+      if (!growRecords(index, stride, GrowWipe::Wipe)) return next;
+    }
+    if (!value) return next;
+    std::string& bytes = scratchBytes();
+    const bool converted = encodeValue(*value, bytes);
+    if (info->getKeyEncState()) {
+      routeKeyEncrypted(*info, *value);  // even a value the encoding cannot represent
+      return next;
+    }
+    if (!converted || length <= 0) return next;
+    const int32_t type = info->nDataType;
+    if (type == kFieldText || type == kFieldNumText) {
+      const int32_t places = info->nDecimalLen;
+      if (places < 0 || places > num::kMaxDecimalPlaces) return next;
+      const std::string text = num::roundedFixedText(num::parseLeadingDouble(*value), places);
+      if (!encodeValue(text, bytes)) return next;
+      const auto n = static_cast<int32_t>(std::min(bytes.size(), static_cast<size_t>(length)));
+      if (uint8_t* at = span(nPos, n)) std::memcpy(at, bytes.data(), static_cast<size_t>(n));
+    } else if (const int32_t width = std::min(binaryWidth(type), length); width > 0) {
+      if (uint8_t* at = span(nPos, width)) writeBinary(at, width, type, *value);
+    }
+  } catch (...) {
+  }
+  return next;
+}
+
+// ---- raw-text writer --------------------------------------------------------------------------------------
+
+bool KXBlockDataProc::setFieldDataFromNameEX(std::string_view name, int32_t index,
+                                             const char* value) noexcept {
+  return setFieldDataFromInfoEX(findFieldInfo(name), index, value);
+}
+
+bool KXBlockDataProc::setFieldDataFromInfoEX(const FieldInfo* info, int32_t index,
+                                             const char* value) noexcept {
+  if (info == nullptr || index < 0) return false;
+  try {
+    const int32_t r = recordSize();
+    if (r <= 0) return false;
+    if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
+    const int32_t length = std::max(info->nLength, 0);
+    uint8_t* field = span(recordOffset(index, info->nDataPos), length);
+    if (field == nullptr) return false;
+    std::memset(field, kSpace, static_cast<size_t>(length));
+    m_nValidCount = index + 1;
+    if (value == nullptr || info->nDataType != kFieldText) return false;
+    std::memcpy(field, value, strnlen(value, static_cast<size_t>(length)));
+  } catch (...) {
+  }
   return false;
 }
-int32_t KXBlockDataProc::findIndex(std::string_view, std::string_view) noexcept { return -1; }
-int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo*, int32_t, std::optional<std::string_view>,
-                                                int32_t) noexcept {
-  return 0;
-}
-bool KXBlockDataProc::setFieldDataFromNameEX(std::string_view, int32_t, const char*) noexcept { return false; }
-bool KXBlockDataProc::setFieldDataFromInfoEX(const FieldInfo*, int32_t, const char*) noexcept { return false; }
 
 }  // namespace blockproc

@@ -1,0 +1,87 @@
+// Reading the leading number of a text: integers clamped to their range, doubles, hexadecimal.
+
+#include "blockproc/util/NumberParse.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+namespace blockproc::num {
+namespace {
+
+constexpr int64_t kI64Max = std::numeric_limits<int64_t>::max();
+constexpr int64_t kI64Min = std::numeric_limits<int64_t>::min();
+constexpr int32_t kI32Max = std::numeric_limits<int32_t>::max();
+constexpr int32_t kI32Min = std::numeric_limits<int32_t>::min();
+
+TEST(NumberParseInt, LeadingNumberOnly) {
+  const struct {
+    const char* text;
+    int64_t value;
+  } rows[] = {
+      {"1234", 1234},
+      {"  \t\n-42abc", -42},
+      {"+7", 7},
+      {"12.9", 12},
+      {"", 0},
+      {"abc", 0},
+      {"- 5", 0},  // a sign must be followed by digits
+      {"--5", 0},
+      {"0007", 7},
+      {"9223372036854775807", kI64Max},
+      {"9223372036854775808", kI64Max},
+      {"-9223372036854775808", kI64Min},
+      {"-99999999999999999999999", kI64Min},
+      {"123456789012345678901234567890", kI64Max},
+  };
+  for (const auto& r : rows) EXPECT_EQ(parseInt64(r.text), r.value) << '"' << r.text << '"';
+}
+
+TEST(NumberParseInt, ClampsToTheAskedRange) {
+  EXPECT_EQ(parseInt32("2147483647"), kI32Max);
+  EXPECT_EQ(parseInt32("2147483648"), kI32Max);
+  EXPECT_EQ(parseInt32("-2147483649"), kI32Min);
+  EXPECT_EQ(parseInt32("70000"), 70000);
+  EXPECT_EQ(parseLeadingInt("500", -100, 100), 100);
+  EXPECT_EQ(parseLeadingInt("-500", -100, 100), -100);
+  // Stops at the end of the view, never at a terminating zero.
+  const std::string_view part("12345", 3);
+  EXPECT_EQ(parseInt64(part), 123);
+}
+
+TEST(NumberParseDouble, DecimalFractionAndExponent) {
+  const struct {
+    const char* text;
+    double value;
+  } rows[] = {
+      {"12.5", 12.5},  {"  -0.1", -0.1}, {".5", 0.5},   {"5.", 5.0},  {"1e3", 1000.0}, {"1.5E-2x", 0.015},
+      {"+2.25", 2.25}, {"12abc", 12.0},  {"", 0.0},     {"abc", 0.0}, {".", 0.0},      {"-.", 0.0},
+      {"inf", 0.0},    {"nan", 0.0},     {"0x10", 0.0}, {"1e", 1.0},  {"3e+", 3.0},
+  };
+  for (const auto& r : rows) EXPECT_EQ(parseLeadingDouble(r.text), r.value) << '"' << r.text << '"';
+}
+
+TEST(NumberParseDouble, BeyondTheDoubleRange) {
+  EXPECT_EQ(parseLeadingDouble("1e400"), std::numeric_limits<double>::infinity());
+  EXPECT_EQ(parseLeadingDouble("-1e400"), -std::numeric_limits<double>::infinity());
+  const double tiny = parseLeadingDouble("-1e-400");
+  EXPECT_EQ(tiny, 0.0);
+  EXPECT_TRUE(std::signbit(tiny));
+  EXPECT_EQ(parseLeadingDouble("0.000e999"), 0.0);
+}
+
+TEST(NumberParseHex, ScanHexFormat) {
+  const struct {
+    const char* text;
+    uint32_t value;
+  } rows[] = {
+      {"0x1F", 0x1F}, {"ff", 0xFF}, {"  0XaB", 0xAB},           {"-1", 0xFFFFFFFFu},
+      {"zz", 0},      {"", 0},      {"123456789", 0x23456789u}, {"0x", 0},
+      {"12g4", 0x12},
+  };
+  for (const auto& r : rows) EXPECT_EQ(parseHex(r.text), r.value) << '"' << r.text << '"';
+}
+
+}  // namespace
+}  // namespace blockproc::num
