@@ -178,10 +178,12 @@ class KXBlockDataProc {
   // Number of records in the dynamic input list.
   int64_t getDynamicInputCnt() const noexcept;
   // Takes received bytes into an area sized to them (exactly the bytes when fewer than one record), without
-  // wiping a replaced area; block data length := the area's size when replaced. Always true.
+  // wiping a replaced area; block data length := the area's size when replaced. Always true. A size of 0
+  // or below or no bytes: valid record count 0. R of 0 or below: one record of exactly the bytes received.
   bool setDataDynamic(const void* recvData, int32_t startPos, int32_t recvSize) noexcept;
   // Takes the whole block as record 0, growing the area to the largest block so far (never shrinking; the
-  // tail is spaces). Size 0 or below: valid count and block data length 0. Always true.
+  // tail is spaces). Size 0 or below, or no bytes: valid count and block data length 0. Always true. The
+  // area is reused only when both the block data length and the area itself hold the block.
   bool resetDataDynamic(const void* data, int32_t nRecvSize) noexcept;
   // Start index 0 and valid record count 0; the dynamic input list and the buffer stay.
   void initDynamicRealBufferIndex() noexcept;
@@ -249,7 +251,8 @@ class KXBlockDataProc {
   // '1' for '+', '1', '2'; '3' for '3'; '5' for '-', '4', '5'; 0 for any other byte.
   static uint8_t getAttrValueFromData(char byte) noexcept;
   // Fills data with the display value and the derived attribute of the source field's first byte (enable
-  // byte 0 when there is no source field); false, data untouched, outside the valid records.
+  // byte 0 when there is no source field); false, data untouched, outside the valid records. A source field
+  // without bytes or whose first byte lies outside the buffer gives the attribute 0.
   bool getFieldAttrFromInfo(const FieldInfo* info, int32_t index, FieldData& data) const noexcept;
   // Stores the display value in data, then fills its attribute part as above. True.
   bool getFieldDataFromInfo(const FieldInfo* info, int32_t index, FieldData& data) const noexcept;

@@ -1,15 +1,120 @@
 // Dynamic-length input values and dynamic receives.
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
 #include "blockproc/data/KXBlockDataProc.h"
 
 namespace blockproc {
 
-void KXBlockDataProc::setFieldDataDynamicLen(const FieldInfo*, int32_t, std::optional<std::string_view>) noexcept {}
-std::string KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo*, int32_t) const noexcept { return {}; }
-bool KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo*, int32_t, FieldData&) const noexcept { return false; }
-int64_t KXBlockDataProc::getDynamicInputCnt() const noexcept { return 0; }
-bool KXBlockDataProc::setDataDynamic(const void*, int32_t, int32_t) noexcept { return true; }
-bool KXBlockDataProc::resetDataDynamic(const void*, int32_t) noexcept { return true; }
-void KXBlockDataProc::initDynamicRealBufferIndex() noexcept {}
+// ---- dynamic input list ---------------------------------------------------------------------------------
+
+void KXBlockDataProc::setFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex,
+                                             std::optional<std::string_view> sValue) noexcept {
+  if (info == nullptr || !sValue) return;
+  try {
+    const uint64_t key = info->hash();
+    if (nIndex >= 0 && static_cast<size_t>(nIndex) < m_arrDynamicInput.size()) {
+      m_arrDynamicInput[static_cast<size_t>(nIndex)][key] = std::string(*sValue);
+      return;
+    }
+    // A new record goes at the end of the list whatever its index: list position and record index agree
+    // only while indexes are set in order.
+    std::unordered_map<uint64_t, std::string> record;
+    record.emplace(key, std::string(*sValue));
+    m_arrDynamicInput.push_back(std::move(record));
+    // index + 1, held at the 32-bit limit for the largest index.
+    if (nIndex >= 0) m_nValidCount = std::max(m_nValidCount, nIndex < INT32_MAX ? nIndex + 1 : nIndex);
+  } catch (...) {
+  }
+}
+
+std::string KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex) const noexcept {
+  if (info == nullptr || nIndex < 0 || static_cast<size_t>(nIndex) >= m_arrDynamicInput.size()) return {};
+  try {
+    const auto& record = m_arrDynamicInput[static_cast<size_t>(nIndex)];
+    const auto it = record.find(info->hash());
+    return it != record.end() ? it->second : std::string();
+  } catch (...) {
+    return {};
+  }
+}
+
+bool KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex,
+                                             FieldData& data) const noexcept {
+  if (info == nullptr || !m_pBlockData || nIndex < 0 || nIndex >= m_nValidCount) return false;
+  data.setData(getFieldDataDynamicLen(info, nIndex));
+  data.setAttr(getFieldAttrFromInfo(info, nIndex));
+  return true;
+}
+
+int64_t KXBlockDataProc::getDynamicInputCnt() const noexcept {
+  return static_cast<int64_t>(m_arrDynamicInput.size());
+}
+
+void KXBlockDataProc::initDynamicRealBufferIndex() noexcept {
+  m_nStartIndex = 0;
+  m_nValidCount = 0;
+}
+
+// ---- dynamic receives -----------------------------------------------------------------------------------
+
+bool KXBlockDataProc::setDataDynamic(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
+  if (recvData == nullptr || recvSize <= 0) {
+    m_nValidCount = 0;
+    return true;
+  }
+  const int64_t r = recordSize();
+  int64_t records = r > 0 ? recvSize / r : 0;
+  int64_t size = records * r;
+  if (records <= 0) {
+    // Fewer bytes than one record (or no record size): one short record of exactly the bytes received.
+    records = 1;
+    size = recvSize;
+  }
+  const bool replace =
+      !m_pBlockData || m_nBufCount < records || size > m_nBlockDataLen || span(0, size) == nullptr;
+  if (replace) {
+    auto area = newSpaces(size);
+    if (!area) {
+      m_nValidCount = 0;
+      return true;
+    }
+    // The old area goes without a wipe: the dynamic input list and the counts stay.
+    installBuffer(std::move(area), static_cast<int32_t>(size));
+    m_nBlockDataLen = size;
+    m_nBufCount = static_cast<int32_t>(records);
+  }
+  // size never exceeds the received size: a remainder after whole records is dropped.
+  std::memcpy(span(0, size), static_cast<const uint8_t*>(recvData) + startPos, static_cast<size_t>(size));
+  m_nValidCount = static_cast<int32_t>(records);
+  return true;
+}
+
+bool KXBlockDataProc::resetDataDynamic(const void* data, int32_t nRecvSize) noexcept {
+  if (data == nullptr || nRecvSize <= 0) {
+    m_nValidCount = 0;
+    m_nBlockDataLen = 0;
+    return true;
+  }
+  // Another operation may have put a different area in place since the last dynamic receive: reuse only
+  // what both the block data length and the area itself cover.
+  m_nBlockDataLen = std::clamp<int64_t>(m_nBlockDataLen, 0, m_pBlockData ? m_nBlockBuffSize : 0);
+  if (m_nBlockDataLen >= nRecvSize) {
+    std::memset(span(0, m_nBlockDataLen), ' ', static_cast<size_t>(m_nBlockDataLen));
+  } else {
+    auto area = newSpaces(nRecvSize);
+    if (!area) {
+      m_nValidCount = 0;
+      return true;
+    }
+    installBuffer(std::move(area), nRecvSize);  // the old area goes without a wipe
+    m_nBlockDataLen = nRecvSize;
+  }
+  std::memcpy(span(0, nRecvSize), data, static_cast<size_t>(nRecvSize));
+  m_nBufCount = m_nValidCount = 1;
+  return true;
+}
 
 }  // namespace blockproc
