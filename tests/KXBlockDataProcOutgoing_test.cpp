@@ -59,6 +59,28 @@ TEST(KXBlockDataProcOutgoing, BlockOrderWhateverThePositionsAndOnlyTheFirstRecor
   EXPECT_EQ(pack(proc, 7), "L0 E0\x02\x01"s);
 }
 
+TEST(KXBlockDataProcOutgoing, EveryFieldLengthIsCopiedExactly) {
+  // Lengths 1 to 40, each field one gap byte after the previous, every byte distinct from its neighbours.
+  BlockInfo block("Lengths");
+  std::string expected;
+  int32_t pos = 0;
+  for (int32_t length = 1; length <= 40; ++length) {
+    block.addField("f" + std::to_string(length), kFieldText, length, 0, pos);
+    pos += length + 1;
+  }
+  KXBlockDataProc proc(&block);
+  proc.DefaultMemory();
+  std::string record(static_cast<size_t>(proc.getBlockBuffSize()), ' ');
+  for (size_t i = 0; i < record.size(); ++i) record[i] = static_cast<char>('!' + i % 90);
+  poke(proc, 0, record);
+  pos = 0;
+  for (int32_t length = 1; length <= 40; ++length) {
+    expected += record.substr(static_cast<size_t>(pos), static_cast<size_t>(length));
+    pos += length + 1;
+  }
+  EXPECT_EQ(pack(proc, expected.size()), expected);
+}
+
 TEST(KXBlockDataProcOutgoing, WorksFromBufferRecordZeroIgnoringTheStartIndex) {
   auto block = std::make_unique<BlockInfo>("In");
   block->setRepeat(3);

@@ -42,6 +42,28 @@ class FieldWriter {
   int64_t length_;
 };
 
+// What the numeric-text layout needs to know of a value, found in one pass over its UTF-8 bytes.
+struct ValueShape {
+  char sign = '\0';    // '+' when the value holds one anywhere, else '-' when it holds one, else none
+  int64_t point = -1;  // UTF-16 position of the first '.', or -1
+  int64_t units = 0;   // length in UTF-16 code units
+};
+
+ValueShape shapeOf(std::string_view value) noexcept {
+  ValueShape shape;
+  bool plus = false, minus = false;
+  for (const char ch : value) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (c == '+') plus = true;
+    if (c == '-') minus = true;
+    if (c == '.' && shape.point < 0) shape.point = shape.units;
+    if ((c & 0xC0) != 0x80) ++shape.units;  // as utf8::utf16Length counts
+    if (c >= 0xF0) ++shape.units;
+  }
+  shape.sign = plus ? '+' : minus ? '-' : '\0';
+  return shape;
+}
+
 }  // namespace
 
 void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t places) {
@@ -76,9 +98,8 @@ void layoutNumericText(uint8_t* field, int32_t length, int32_t decimals, std::st
   std::string_view body = bytes;
   if (!value.empty()) {
     n = std::min<int64_t>(static_cast<int64_t>(bytes.size()), L);
-    const char sign = value.find('+') != std::string_view::npos   ? '+'
-                      : value.find('-') != std::string_view::npos ? '-'
-                                                                  : '\0';
+    const ValueShape shape = shapeOf(value);
+    const char sign = shape.sign;
     if (sign != '\0') {
       // The sign byte goes first; the value's first byte is dropped wherever the sign stood.
       S = 1;
@@ -86,9 +107,8 @@ void layoutNumericText(uint8_t* field, int32_t length, int32_t decimals, std::st
       body = bytes.empty() ? bytes : bytes.substr(1);
       n = static_cast<int64_t>(body.size());
     }
-    P = findUtf16Index(value, ".");
-    const int64_t chars = utf8::utf16Length(value);
-    T = P > 0 ? chars - P : chars;
+    P = shape.point;
+    T = P > 0 ? shape.units - P : shape.units;
     if (hasDecimals && P > 0) {
       I = T < D + 1 ? n - (T - 1) : n - D;
     } else if (hasDecimals && P < 0) {
