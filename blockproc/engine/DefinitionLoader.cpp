@@ -1,0 +1,544 @@
+// Loading transaction definition files.
+
+#include "blockproc/engine/DefinitionLoader.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include <pugixml.hpp>
+
+#include "blockproc/codec/TextCodec.h"
+#include "blockproc/codec/Utf8.h"
+
+namespace blockproc {
+
+namespace {
+
+// Limits that keep a hostile file from asking for huge buffers: a block lays out at most 64 MiB.
+constexpr int64_t kMaxFieldBytes = 1'000'000;
+constexpr int64_t kMaxRepeat = 1'000'000;
+constexpr int64_t kMaxBlockBytes = int64_t{64} << 20;
+constexpr int32_t kMaxOccursLen = 9;
+constexpr int32_t kMaxFloatPlaces = 30;
+
+struct TypeName {
+  std::string_view name;
+  int32_t code;
+  int32_t width;  // bytes of a binary type, 0 for the text types
+};
+constexpr std::array<TypeName, 7> kTypes{{{"text", kFieldText, 0},
+                                          {"number", kFieldNumText, 0},
+                                          {"int16", kFieldInt16, 2},
+                                          {"int64", kFieldInt64, 8},
+                                          {"float", kFieldFloat, 4},
+                                          {"double", kFieldDouble, 8},
+                                          {"sint64", kFieldSInt64, 8}}};
+
+const TypeName* findType(std::string_view name) {
+  for (const auto& t : kTypes)
+    if (t.name == name) return &t;
+  return nullptr;
+}
+
+// A rule of the format broken at a line; caught by the loader and turned into the result.
+struct DefinitionError {
+  int32_t line;
+  std::string message;
+};
+
+std::string quoted(std::string_view text) {
+  return "'" + std::string(text) + "'";
+}
+
+// Lines of the document, for messages.
+class LineIndex {
+ public:
+  explicit LineIndex(std::string_view text) {
+    for (size_t i = 0; i < text.size(); ++i)
+      if (text[i] == '\n') m_newlines.push_back(i);
+  }
+  int32_t lineOf(ptrdiff_t offset) const {
+    if (offset < 0) return 0;
+    const auto before = std::lower_bound(m_newlines.begin(), m_newlines.end(), static_cast<size_t>(offset)) -
+                        m_newlines.begin();
+    return static_cast<int32_t>(before + 1);
+  }
+
+ private:
+  std::vector<size_t> m_newlines;
+};
+
+// One field as read from the file, before it is checked against the others.
+struct FieldSource {
+  const FieldInfo* field;
+  int32_t line;
+};
+
+// One block as read from the file.
+struct BlockSource {
+  BlockInfo* block;
+  int32_t line;
+  bool input;
+  std::string count;  // the count attribute as written ("" when absent)
+  std::vector<FieldSource> fields;
+};
+
+class Loader {
+ public:
+  Loader(std::string_view text, std::string_view name) : m_text(text), m_lines(text) {
+    m_def = std::make_unique<TransactionDefinition>();
+    m_def->sourceName = std::string(name);
+  }
+
+  std::unique_ptr<TransactionDefinition> load() {
+    checkUtf8();
+    pugi::xml_document doc;
+    parse(doc, pugi::parse_default);
+    collectLinkTexts();
+    readTransaction(rootOf(doc));
+    for (auto& block : m_blocks) checkBlock(block);
+    return std::move(m_def);
+  }
+
+ private:
+  [[noreturn]] void fail(const pugi::xml_node& node, std::string message) const {
+    throw DefinitionError{m_lines.lineOf(node.offset_debug()), std::move(message)};
+  }
+  [[noreturn]] static void fail(int32_t line, std::string message) {
+    throw DefinitionError{line, std::move(message)};
+  }
+
+  void checkUtf8() const {
+    if (utf8::isValid(m_text)) return;
+    // Walk the characters to the first one that is not UTF-8.
+    size_t at = 0;
+    while (at < m_text.size()) {
+      const auto lead = static_cast<uint8_t>(m_text[at]);
+      const size_t width = lead < 0x80         ? 1
+                           : (lead >> 5) == 6  ? 2
+                           : (lead >> 4) == 14 ? 3
+                           : (lead >> 3) == 30 ? 4
+                                               : 0;
+      if (width == 0 || !utf8::isValid(m_text.substr(at, width))) break;
+      at += width;
+    }
+    fail(m_lines.lineOf(static_cast<ptrdiff_t>(at)), "the file is not UTF-8 text; save it as UTF-8");
+  }
+
+  void parse(pugi::xml_document& doc, unsigned options) const {
+    const pugi::xml_parse_result parsed =
+        doc.load_buffer(m_text.data(), m_text.size(), options, pugi::encoding_utf8);
+    if (!parsed) throw DefinitionError{-m_lines.lineOf(parsed.offset), parsed.description()};
+  }
+
+  // The <link> elements exactly as written (entity references kept), in document order.
+  void collectLinkTexts() {
+    pugi::xml_document raw;
+    parse(raw, pugi::parse_default & ~pugi::parse_escapes);
+    for (const pugi::xpath_node& hit : raw.select_nodes("/transaction/*/block/link")) {
+      std::ostringstream out;
+      hit.node().print(out, "", pugi::format_raw | pugi::format_no_escapes);
+      m_linkTexts.push_back(out.str());
+    }
+  }
+
+  pugi::xml_node rootOf(const pugi::xml_document& doc) const {
+    pugi::xml_node root;
+    for (pugi::xml_node node : doc.children()) {
+      if (node.type() != pugi::node_element) continue;
+      if (root) fail(node, "a file holds one <transaction> element; found a second top-level element");
+      root = node;
+    }
+    if (!root) fail(1, "the file holds no <transaction> element");
+    if (std::string_view(root.name()) != "transaction")
+      fail(root, "the top-level element must be <transaction>, not <" + std::string(root.name()) + ">");
+    return root;
+  }
+
+  // Refuses attributes the element does not know, so that a misspelt name does not pass silently.
+  void allowOnly(const pugi::xml_node& node, std::initializer_list<std::string_view> known) const {
+    for (pugi::xml_attribute a : node.attributes()) {
+      if (std::find(known.begin(), known.end(), a.name()) != known.end()) continue;
+      std::string list;
+      for (std::string_view k : known) list += (list.empty() ? "" : ", ") + std::string(k);
+      fail(node, "unknown attribute " + quoted(a.name()) + " on <" + node.name() + "> (known: " + list + ")");
+    }
+  }
+
+  std::string required(const pugi::xml_node& node, const char* name) const {
+    const pugi::xml_attribute a = node.attribute(name);
+    if (!a) fail(node, "<" + std::string(node.name()) + "> needs the attribute " + quoted(name));
+    if (*a.value() == '\0') fail(node, "the attribute " + quoted(name) + " must not be empty");
+    return a.value();
+  }
+
+  // A whole number in [min, max] written as plain decimal digits; `fallback` when the attribute is absent.
+  int64_t number(const pugi::xml_node& node, const char* name, int64_t min, int64_t max,
+                 int64_t fallback) const {
+    const pugi::xml_attribute a = node.attribute(name);
+    if (!a) return fallback;
+    const std::string_view text = a.value();
+    int64_t value = 0;
+    bool digits = !text.empty() && text.size() <= 12;
+    for (char c : text) {
+      if (c < '0' || c > '9') digits = false;
+      if (digits) value = value * 10 + (c - '0');
+    }
+    if (!digits) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    if (value < min || value > max)
+      fail(node, quoted(name) + " must lie between " + std::to_string(min) + " and " + std::to_string(max) +
+                     ", not " + std::string(text));
+    return value;
+  }
+
+  bool flag(const pugi::xml_node& node, const char* name) const {
+    const pugi::xml_attribute a = node.attribute(name);
+    if (!a) return false;
+    const std::string_view v = a.value();
+    if (v == "true" || v == "yes" || v == "1") return true;
+    if (v == "false" || v == "no" || v == "0") return false;
+    fail(node, quoted(name) + " must be true or false, not " + quoted(v));
+  }
+
+  void readTransaction(const pugi::xml_node& root) {
+    allowOnly(root, {"code", "title", "datamode", "occurslen", "encoding"});
+    TranInfo& tran = m_def->tran;
+    tran.setTrCode(required(root, "code"));
+    m_def->title = root.attribute("title").value();
+    tran.m_strDataMode = root.attribute("datamode").value();
+    tran.m_nOccursLen = static_cast<int32_t>(number(root, "occurslen", 0, kMaxOccursLen, 0));
+    if (const pugi::xml_attribute enc = root.attribute("encoding")) {
+      const auto known = codec::encodingFromName(enc.value());
+      if (!known)
+        fail(root, "unknown encoding " + quoted(enc.value()) + " (try cp949, euc-kr, utf-8, ascii)");
+      m_def->encoding = *known;
+    }
+    for (pugi::xml_node side : root.children()) {
+      if (side.type() != pugi::node_element) continue;
+      const std::string_view name = side.name();
+      if (name != "input" && name != "output")
+        fail(side,
+             "unknown element <" + std::string(name) + "> in <transaction> (expected <input> or <output>)");
+      allowOnly(side, {});
+      for (pugi::xml_node block : side.children()) {
+        if (block.type() != pugi::node_element) continue;
+        if (std::string_view(block.name()) != "block")
+          fail(block, "unknown element <" + std::string(block.name()) + "> in <" + std::string(name) +
+                          "> (expected <block>)");
+        readBlock(block, name == "input");
+      }
+    }
+    if (m_blocks.empty()) fail(root, "the transaction has no blocks; add <input> or <output> with a <block>");
+  }
+
+  void readBlock(const pugi::xml_node& node, bool input) {
+    allowOnly(node, {"name", "repeat", "count", "attr"});
+    std::string name = required(node, "name");
+    if (m_def->tran.findBlock(name) != nullptr) fail(node, "duplicate block name " + quoted(name));
+    auto owned = std::make_unique<BlockInfo>(std::move(name));
+    BlockInfo& block = *owned;
+    block.m_bAttribute = flag(node, "attr");
+    if (node.attribute("repeat"))
+      block.setRepeat(static_cast<int32_t>(number(node, "repeat", 1, kMaxRepeat, 1)));
+    BlockSource source{
+        &block, m_lines.lineOf(node.offset_debug()), input, node.attribute("count").value(), {}};
+    if (node.attribute("count") && source.count.empty())
+      fail(node, "the attribute 'count' must not be empty");
+
+    std::string linkXml;
+    for (pugi::xml_node child : node.children()) {
+      if (child.type() != pugi::node_element) continue;
+      const std::string_view kind = child.name();
+      if (kind == "field") {
+        source.fields.push_back({&readField(child, block), m_lines.lineOf(child.offset_debug())});
+      } else if (kind == "link") {
+        if (!linkXml.empty()) fail(child, "block " + block.m_szBlockName + " has a second <link> element");
+        linkXml = takeLinkText(child, block);
+      } else {
+        fail(child, "unknown element <" + std::string(kind) + "> in <block> (expected <field> or <link>)");
+      }
+    }
+    if (source.fields.empty()) fail(node, "block " + block.m_szBlockName + " has no fields");
+    m_def->tran.addBlock(std::move(owned), input);
+    m_def->addExtra({std::move(linkXml), source.line});
+    m_blocks.push_back(std::move(source));
+  }
+
+  std::string takeLinkText(const pugi::xml_node& link, const BlockInfo& block) {
+    const pugi::xml_attribute name = link.attribute("name");
+    if (name && block.m_szBlockName != name.value())
+      fail(link,
+           "the <link> of block " + block.m_szBlockName + " names another block, " + quoted(name.value()));
+    if (m_nextLink >= m_linkTexts.size()) fail(link, "the <link> element could not be kept");
+    return m_linkTexts[m_nextLink++];
+  }
+
+  FieldInfo& readField(const pugi::xml_node& node, BlockInfo& block) {
+    allowOnly(node, {"name", "kor", "eng", "type", "length", "decimals", "pos", "attr", "keyenc", "account",
+                     "itemcode", "password", "attrref"});
+    std::string name = required(node, "name");
+    if (block.getFieldInfoFromName(name) != nullptr)
+      fail(node, "block " + block.m_szBlockName + " already has a field named " + quoted(name));
+    const std::string typeName = required(node, "type");
+    const TypeName* type = findType(typeName);
+    if (type == nullptr)
+      fail(node, "field " + quoted(name) + ": unknown type " + quoted(typeName) +
+                     " (expected text, number, int16, int64, float, double or sint64)");
+
+    int32_t length;
+    if (type->width > 0) {
+      length = static_cast<int32_t>(number(node, "length", 1, kMaxFieldBytes, type->width));
+      if (length != type->width)
+        fail(node, "field " + quoted(name) + " of type " + typeName + " is " + std::to_string(type->width) +
+                       " bytes long, not " + std::to_string(length) + "; leave 'length' out");
+    } else {
+      if (!node.attribute("length")) fail(node, "field " + quoted(name) + " needs the attribute 'length'");
+      length = static_cast<int32_t>(number(node, "length", 1, kMaxFieldBytes, 0));
+    }
+    const int32_t decimals = readDecimals(node, name, *type, length);
+    const int32_t pos = static_cast<int32_t>(number(node, "pos", 0, kMaxFieldBytes, -1));
+
+    FieldInfo& field = block.addField(std::move(name), type->code, length, decimals, pos);
+    field.szKorFieldName = node.attribute("kor").value();
+    field.szEngFieldName = node.attribute("eng").value();
+    field.nAttr = flag(node, "attr") ? 1 : 0;
+    field.bKeyEnc = flag(node, "keyenc");
+    field.bAccountNo = flag(node, "account");
+    field.bItemCode = flag(node, "itemcode");
+    field.bPassword = flag(node, "password");
+    field.szAttrRefKey = node.attribute("attrref").value();
+    return field;
+  }
+
+  int32_t readDecimals(const pugi::xml_node& node, const std::string& name, const TypeName& type,
+                       int32_t length) const {
+    switch (type.code) {
+      case kFieldText:
+      case kFieldNumText: {
+        const auto decimals = static_cast<int32_t>(number(node, "decimals", 0, kMaxFieldBytes, 0));
+        if (decimals >= length && decimals > 0)
+          fail(node, "field " + quoted(name) + " has " + std::to_string(decimals) + " decimals in " +
+                         std::to_string(length) + " bytes; it needs at least one byte more for the point");
+        return decimals;
+      }
+      case kFieldFloat:
+      case kFieldDouble:
+        return static_cast<int32_t>(number(node, "decimals", 0, kMaxFloatPlaces, 0));
+      default:
+        if (number(node, "decimals", 0, kMaxFieldBytes, 0) != 0)
+          fail(node,
+               "field " + quoted(name) + " of type " + std::string(type.name) + " cannot have decimals");
+        return 0;
+    }
+  }
+
+  // The rules that need the whole block, or earlier blocks: overlaps, sizes, attribute sources, counts.
+  void checkBlock(BlockSource& source) {
+    BlockInfo& block = *source.block;
+    checkOverlaps(source);
+    checkAttrSources(source);
+    const int64_t record = block.getRecordMemSize();
+    const int64_t records = block.isOccursBlock() ? block.m_nRepeatCount : 1;
+    if (record * records > kMaxBlockBytes)
+      fail(source.line, "block " + block.m_szBlockName + " lays out " + std::to_string(record * records) +
+                            " bytes; at most " + std::to_string(kMaxBlockBytes) + " are allowed");
+    block.m_nRecordSendSize = block.getRecordFieldSize();
+    readCount(source);
+  }
+
+  void checkOverlaps(const BlockSource& source) const {
+    const BlockInfo& block = *source.block;
+    struct Range {
+      int64_t from, to;
+      const FieldSource* field;
+    };
+    std::vector<Range> ranges;
+    for (const FieldSource& f : source.fields) {
+      const int64_t from = f.field->nDataPos;
+      ranges.push_back({from, from + f.field->nLength + (block.carriesAttr(*f.field) ? 1 : 0), &f});
+    }
+    std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.from < b.from; });
+    for (size_t i = 1; i < ranges.size(); ++i) {
+      const Range& a = ranges[i - 1];
+      const Range& b = ranges[i];
+      if (b.from >= a.to) continue;
+      const Range& later = a.field->line > b.field->line ? a : b;
+      const Range& other = &later == &a ? b : a;
+      fail(later.field->line, "field " + quoted(later.field->field->szFieldName) + " (bytes " +
+                                  std::to_string(later.from) + " to " + std::to_string(later.to - 1) +
+                                  ") overlaps field " + quoted(other.field->field->szFieldName) + " (bytes " +
+                                  std::to_string(other.from) + " to " + std::to_string(other.to - 1) + ")");
+    }
+  }
+
+  void checkAttrSources(const BlockSource& source) const {
+    BlockInfo& block = *source.block;
+    for (const FieldSource& f : source.fields) {
+      const std::string& key = f.field->szAttrRefKey;
+      if (key.empty()) continue;
+      const FieldInfo* from = block.getFieldInfoFromName(key);
+      if (from == nullptr)
+        fail(f.line, "field " + quoted(f.field->szFieldName) + " takes its attribute from " + quoted(key) +
+                         ", which is not a field of block " + block.m_szBlockName);
+      block.setAttrSource(key, from);
+    }
+  }
+
+  void readCount(const BlockSource& source) const {
+    BlockInfo& block = *source.block;
+    const std::string& count = source.count;
+    if (!block.isOccursBlock()) {
+      if (!count.empty())
+        fail(source.line, "block " + block.m_szBlockName +
+                              " holds one record, so 'count' does not apply; add repeat=\"N\" to repeat it");
+      return;
+    }
+    if (count.empty())
+      fail(source.line, "block " + block.m_szBlockName +
+                            " is repeated: say how its record count is given with count=\"prefix\", "
+                            "count=\"rest\" or count=\"Block.field\"");
+    if (count == "prefix") {
+      if (m_def->tran.m_nOccursLen <= 0)
+        fail(source.line, "block " + block.m_szBlockName +
+                              " has a count prefix, but the transaction's 'occurslen' (its digits) is 0");
+      block.m_nRecordLenApplyType = RCL_OCCURSLEN;
+    } else if (count == "rest") {
+      const auto& side = source.input ? m_def->tran.m_InBlockList : m_def->tran.m_OutBlockList;
+      if (side.back() != &block)
+        fail(source.line, "block " + block.m_szBlockName +
+                              " takes the rest of the data, so it must be the last " +
+                              (source.input ? "input" : "output") + " block");
+      block.m_nRecordLenApplyType = RCL_RESTDATA;
+    } else {
+      checkCountField(source);
+      block.m_nRecordLenApplyType = RCL_BLOCKFIELD_ID;
+      block.m_strRecordLenSubInfo = count;
+    }
+  }
+
+  void checkCountField(const BlockSource& source) const {
+    const std::string& count = source.count;
+    const std::string& name = source.block->m_szBlockName;
+    const size_t dot = count.find('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == count.size())
+      fail(source.line, "block " + name + ": count " + quoted(count) + " is not prefix, rest or Block.field");
+    const std::string blockName = count.substr(0, dot);
+    const std::string fieldName = count.substr(dot + 1);
+    const BlockSource* earlier = nullptr;
+    for (const BlockSource& b : m_blocks) {
+      if (b.block == source.block) break;
+      if (b.input == source.input && b.block->m_szBlockName == blockName) earlier = &b;
+    }
+    const FieldInfo* field = earlier != nullptr ? earlier->block->getFieldInfoFromName(fieldName) : nullptr;
+    if (field == nullptr)
+      fail(source.line, "block " + name + " takes its record count from " + quoted(count) +
+                            ", which does not exist: name a field of an earlier " +
+                            (source.input ? "input" : "output") + " block");
+    if (earlier->block->isOccursBlock())
+      fail(source.line, "block " + name + " takes its record count from " + quoted(count) + ", but " +
+                            blockName + " is repeated; the count must come from a one-record block");
+    const bool whole =
+        field->nDataType == kFieldInt16 || field->nDataType == kFieldInt64 ||
+        field->nDataType == kFieldSInt64 ||
+        ((field->nDataType == kFieldText || field->nDataType == kFieldNumText) && field->nDecimalLen == 0);
+    if (!whole)
+      fail(source.line, "block " + name + " takes its record count from " + quoted(count) +
+                            ", which is not a whole-number field");
+  }
+
+  std::string_view m_text;
+  LineIndex m_lines;
+  std::unique_ptr<TransactionDefinition> m_def;
+  std::vector<BlockSource> m_blocks;
+  std::vector<std::string> m_linkTexts;
+  size_t m_nextLink = 0;
+};
+
+DefinitionResult failure(DefinitionStatus status, std::string_view file, int32_t line, std::string message) {
+  DefinitionResult result;
+  result.status = status;
+  result.file = std::string(file);
+  result.line = line;
+  result.message = std::move(message);
+  return result;
+}
+
+}  // namespace
+
+// ---- TransactionDefinition
+// ----------------------------------------------------------------------------------
+
+const TransactionDefinition::BlockExtra& TransactionDefinition::extra(const BlockInfo& block) const noexcept {
+  static const BlockExtra kNone;
+  const auto& blocks = tran.m_BlockInfokList;
+  for (size_t i = 0; i < blocks.size() && i < m_extras.size(); ++i)
+    if (blocks[i].get() == &block) return m_extras[i];
+  return kNone;
+}
+
+void TransactionDefinition::addExtra(BlockExtra extra) {
+  m_extras.resize(tran.m_BlockInfokList.size());
+  if (!m_extras.empty()) m_extras.back() = std::move(extra);
+}
+
+// ---- DefinitionResult
+// ---------------------------------------------------------------------------------------
+
+std::string DefinitionResult::description() const {
+  if (status == DefinitionStatus::Ok) return "ok";
+  std::string text = file;
+  if (line > 0) text += ":" + std::to_string(line);
+  return text + ": " + message;
+}
+
+// ---- DefinitionLoader
+// ---------------------------------------------------------------------------------------
+
+DefinitionResult DefinitionLoader::loadFile(const std::string& path) noexcept {
+  try {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+      return failure(DefinitionStatus::FileError, path, 0,
+                     std::string("cannot open: ") + std::strerror(errno));
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in.bad()) return failure(DefinitionStatus::FileError, path, 0, "cannot read the file");
+    return loadString(text, path);
+  } catch (...) {
+    return failure(DefinitionStatus::FileError, path, 0, "cannot read the file (out of memory)");
+  }
+}
+
+DefinitionResult DefinitionLoader::loadString(std::string_view xml, std::string_view name) noexcept {
+  try {
+    DefinitionResult result;
+    result.file = std::string(name);
+    result.definition = Loader(xml, name).load();
+    return result;
+  } catch (const DefinitionError& e) {
+    // A negative line marks an XML syntax error.
+    return failure(e.line < 0 ? DefinitionStatus::XmlError : DefinitionStatus::BadDefinition, name,
+                   e.line < 0 ? -e.line : e.line, e.message);
+  } catch (...) {
+    return failure(DefinitionStatus::BadDefinition, name, 0, "out of memory while loading");
+  }
+}
+
+int32_t dataTypeFromName(std::string_view name) noexcept {
+  const TypeName* type = findType(name);
+  return type != nullptr ? type->code : -1;
+}
+
+const char* dataTypeName(int32_t dataType) noexcept {
+  for (const auto& t : kTypes)
+    if (t.code == dataType) return t.name.data();
+  return "unknown";
+}
+
+}  // namespace blockproc

@@ -1,0 +1,105 @@
+#pragma once
+// The transaction-level parent: one block processor per block of a loaded transaction. It splits a received
+// reply among the output blocks, and builds request bytes (or reply bytes, for tools and tests) from values.
+//
+// The three ways a repeated block's record count reaches the reader of a reply:
+//   RCL_OCCURSLEN      a count of the transaction's occurs-length digits stands right before the block;
+//   RCL_RESTDATA       the block takes the rest of the data (whole records only);
+//   RCL_BLOCKFIELD_ID  the count is the value of a field of an earlier one-record block ("Block.field").
+// A one-record block always takes exactly one record. Nothing is read past the end of the given bytes.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "blockproc/data/BaseDataProc.h"
+#include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/engine/DefinitionLoader.h"
+
+namespace blockproc {
+
+// The number with a comma between groups of three digits: 1200 gives "1,200", -1234567 "-1,234,567".
+std::string withThousands(int64_t value);
+
+// Values for the records of one block, by field name, as callers write them.
+struct RecordValues {
+  std::vector<std::pair<std::string, std::string>> fields;  // field name and value, written in this order
+  std::vector<std::pair<std::string, uint8_t>> attrs;       // field name and attribute byte
+};
+
+struct BlockValues {
+  std::string block;                  // block name
+  std::vector<RecordValues> records;  // one for a one-record block
+};
+
+class TransactionProc : public BaseDataProc {
+ public:
+  // Where one output block was found in a reply.
+  struct BlockSlice {
+    KXBlockDataProc* proc = nullptr;
+    int64_t countOffset = -1;  // the count prefix's first byte, or -1 when the block has none
+    int32_t countLength = 0;   // digits of the count prefix
+    int64_t offset = 0;        // the block's first record
+    int64_t length = 0;        // bytes of its records
+    int32_t records = 0;
+  };
+  struct ReplyResult {
+    bool ok = false;
+    std::string message;             // what is wrong ("" when ok)
+    std::vector<BlockSlice> slices;  // the blocks handed their records, in order (also before a failure)
+    int64_t used = 0;                // bytes accounted for by the slices
+  };
+  struct BuildResult {
+    bool ok = false;
+    std::string message;  // what is wrong ("" when ok)
+    std::string bytes;    // the built bytes (empty unless ok)
+  };
+
+  // One processor per block of the definition (not owned; it must outlive this parent), in the
+  // definition's encoding, laid out with default contents, linked to this parent, with the block's link
+  // element loaded. Throws only std::bad_alloc.
+  explicit TransactionProc(TransactionDefinition& definition);
+  ~TransactionProc() override;
+  TransactionProc(const TransactionProc&) = delete;
+  TransactionProc& operator=(const TransactionProc&) = delete;
+
+  const TransactionDefinition& definition() const noexcept { return m_definition; }
+  // Sets the text encoding of every block processor.
+  void setEncodingType(uint32_t encoding) noexcept;
+  uint32_t getEncodingType() const noexcept { return m_encoding; }
+
+  // The processor of the block of that name, or nullptr.
+  KXBlockDataProc* findBlockProc(std::string_view name) const noexcept;
+  const std::vector<KXBlockDataProc*>& inputProcs() const noexcept { return m_InblockDPList; }
+  const std::vector<KXBlockDataProc*>& outputProcs() const noexcept { return m_OutblockDPList; }
+
+  // Splits a reply among the output blocks, in order, and hands each its records with setData. Blocks the
+  // reply does not reach hold no record. A reply shorter or longer than its blocks need is refused with a
+  // message naming the block and the byte counts; the blocks before the problem keep their records.
+  ReplyResult receiveReply(const void* data, int64_t size) noexcept;
+
+  // The request: for every input block in order, its count prefix when it has one, then each record's
+  // fields back to back (getStructInputData). A block the values leave out sends one record of defaults
+  // (no record when it is repeated). A count field left out is filled with its block's record count.
+  BuildResult buildRequest(const std::vector<BlockValues>& values) noexcept;
+  // The reply that receiveReply would split into these values: for every output block in order, its count
+  // prefix when it has one, then its records as laid out in memory (attribute bytes included).
+  BuildResult buildReply(const std::vector<BlockValues>& values) noexcept;
+
+ private:
+  struct Side;
+  BuildResult build(const std::vector<BlockValues>& values, bool input) noexcept;
+  void loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept;
+
+  TransactionDefinition& m_definition;
+  uint32_t m_encoding;
+  std::vector<std::unique_ptr<KXBlockDataProc>> m_blockDPList;  // every block, in definition order
+  std::vector<KXBlockDataProc*> m_InblockDPList, m_OutblockDPList;
+  std::map<std::string, KXBlockDataProc*, std::less<>> m_blockDPMap;
+};
+
+}  // namespace blockproc
