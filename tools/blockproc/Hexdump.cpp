@@ -1,0 +1,115 @@
+// The hexdump subcommand: every byte of a reply with the block, record and field it belongs to.
+
+#include <algorithm>
+#include <iostream>
+
+#include "Cli.h"
+#include "blockproc/codec/Utf8.h"
+
+namespace blockproc::cli {
+
+namespace {
+
+constexpr int64_t kBytesPerLine = 16;
+constexpr size_t kHexWidth = kBytesPerLine * 3 - 1;
+
+// A labelled byte range of the reply.
+struct Range {
+  int64_t offset;
+  int64_t length;
+  std::string label;
+  std::string value;
+};
+
+// The fields, attribute bytes and unused bytes of one record, in byte order.
+void addRecord(std::vector<Range>& out, const KXBlockDataProc& proc, int64_t base, int32_t index) {
+  const BlockInfo& block = *proc.getBlockInfo();
+  const std::string prefix =
+      block.m_szBlockName + (proc.isOccursBlock() ? "[" + std::to_string(index) + "]" : std::string());
+  std::vector<Range> ranges;
+  for (const Column& c : columnsOf(proc)) {
+    const int64_t pos = c.field->nDataPos + (c.attr ? c.field->nLength : 0);
+    ranges.push_back(
+        {base + pos, c.attr ? 1 : c.field->nLength, prefix + "." + c.name, cellValue(proc, c, index)});
+  }
+  std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.offset < b.offset; });
+  int64_t at = base;
+  const int64_t end = base + block.getRecordMemSize();
+  for (Range& r : ranges) {
+    if (r.offset > at) out.push_back({at, r.offset - at, prefix + " (unused)", ""});
+    at = std::max(at, r.offset + r.length);
+    out.push_back(std::move(r));
+  }
+  if (at < end) out.push_back({at, end - at, prefix + " (unused)", ""});
+}
+
+std::vector<Range> rangesOf(const TransactionProc::ReplyResult& received, int64_t size) {
+  std::vector<Range> out;
+  for (const auto& slice : received.slices) {
+    const KXBlockDataProc& proc = *slice.proc;
+    if (slice.countOffset >= 0)
+      out.push_back({slice.countOffset, slice.countLength, proc.getBlockName() + " (record count)",
+                     std::to_string(slice.records)});
+    const int64_t recordSize = proc.getBlockInfo()->getRecordMemSize();
+    for (int32_t i = 0; i < slice.records; ++i) addRecord(out, proc, slice.offset + i * recordSize, i);
+  }
+  if (received.used < size) out.push_back({received.used, size - received.used, "(not read)", ""});
+  return out;
+}
+
+std::string hexOf(std::string_view bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text;
+  for (char c : bytes) {
+    const auto b = static_cast<uint8_t>(c);
+    if (!text.empty()) text += ' ';
+    text += kHex[b >> 4];
+    text += kHex[b & 15];
+  }
+  return text;
+}
+
+std::string offsetOf(int64_t offset) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text(8, '0');
+  for (int i = 7; i >= 0 && offset > 0; --i, offset >>= 4) text[static_cast<size_t>(i)] = kHex[offset & 15];
+  return text;
+}
+
+std::string lineOf(int64_t offset, std::string_view bytes, const std::string& label, size_t labelWidth,
+                   const std::string& value) {
+  std::string line = offsetOf(offset) + "  " + padded(hexOf(bytes), kHexWidth, false) + "  " +
+                     padded(label, labelWidth, false) + "  " + printable(value);
+  while (!line.empty() && line.back() == ' ') line.pop_back();
+  return line + "\n";
+}
+
+}  // namespace
+
+int runHexdump(const HexdumpOptions& options) {
+  const Session session = openSession(options.common);
+  const std::string reply = readInput(options.reply, "reply");
+  const auto size = static_cast<int64_t>(reply.size());
+  const auto received = session.proc->receiveReply(reply.data(), size);
+  const std::vector<Range> ranges = rangesOf(received, size);
+
+  size_t labelWidth = utf8::displayWidth("field");
+  for (const Range& r : ranges) labelWidth = std::max(labelWidth, utf8::displayWidth(r.label));
+  std::string out = session.definition->tran.getTrCode() + " reply: " + withThousands(size) +
+                    (size == 1 ? " byte" : " bytes") + "\n\n";
+  out += padded("offset", 8, false) + "  " + padded("bytes", kHexWidth, false) + "  " +
+         padded("field", labelWidth, false) + "  value\n";
+  for (const Range& r : ranges) {
+    for (int64_t at = 0; at < r.length; at += kBytesPerLine) {
+      const int64_t n = std::min(kBytesPerLine, r.length - at);
+      const std::string_view bytes(reply.data() + r.offset + at, static_cast<size_t>(n));
+      out += at == 0 ? lineOf(r.offset, bytes, r.label, labelWidth, r.value)
+                     : lineOf(r.offset + at, bytes, "", labelWidth, "");
+    }
+  }
+  std::cout << out;
+  if (!received.ok) throw Failure{kExitData, sourceName(options.reply) + ": " + received.message};
+  return kExitOk;
+}
+
+}  // namespace blockproc::cli

@@ -1,0 +1,121 @@
+// blockproc: looks into transaction data with a transaction definition file.
+//
+//   blockproc inspect DEF                 the layout of every block
+//   blockproc decode DEF REPLY            every field of every record of a reply
+//   blockproc encode DEF VALUES.json      request (or reply) bytes built from values
+//   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
+//   blockproc realtime DEF STREAM --block NAME   real-time records, newest first
+//
+// Exit codes: 0 success, 1 data errors, 2 usage or definition errors.
+
+#include <exception>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+#include "Cli.h"
+
+#ifndef BLOCKPROC_VERSION
+#define BLOCKPROC_VERSION "unknown"
+#endif
+
+namespace {
+
+using namespace blockproc::cli;
+
+void addDefinition(CLI::App& command, CommonOptions& common) {
+  command.add_option("DEF", common.definition, "transaction definition file (XML)")->required();
+}
+
+void addEncoding(CLI::App& command, CommonOptions& common) {
+  command.add_option(
+      "--encoding", common.encoding,
+      "text encoding of the records, instead of the definition's (cp949, euc-kr, utf-8, ascii, "
+      "latin1)");
+}
+
+void addFormat(CLI::App& command, std::string& format) {
+  command.add_option("--format", format, "output format: table, json or csv")
+      ->check(CLI::IsMember({"table", "json", "csv"}))
+      ->capture_default_str();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"blockproc: inspect, decode and build the data blocks of transactions"};
+  app.set_version_flag("--version", std::string("blockproc ") + BLOCKPROC_VERSION);
+  app.require_subcommand(1);
+  app.footer("Exit codes: 0 success, 1 data errors, 2 usage or definition errors.");
+
+  CommonOptions inspect;
+  CLI::App* inspectCmd = app.add_subcommand("inspect", "show every block's layout: fields, positions, sizes");
+  addDefinition(*inspectCmd, inspect);
+
+  DecodeOptions decode;
+  CLI::App* decodeCmd = app.add_subcommand("decode", "show every field of every record of a reply");
+  addDefinition(*decodeCmd, decode.common);
+  decodeCmd->add_option("REPLY", decode.reply, "reply bytes (- reads standard input)")->required();
+  addFormat(*decodeCmd, decode.format);
+  addEncoding(*decodeCmd, decode.common);
+  decodeCmd->add_option("--block", decode.block, "show only this output block");
+
+  EncodeOptions encode;
+  CLI::App* encodeCmd = app.add_subcommand("encode", "build request bytes from field values in JSON");
+  addDefinition(*encodeCmd, encode.common);
+  encodeCmd
+      ->add_option("VALUES", encode.values,
+                   "JSON: per block an object of field values, or a list of them for a repeated block "
+                   "(- reads standard input)")
+      ->required();
+  encodeCmd->add_option("-o,--output", encode.output,
+                        "write the bytes to this file instead of standard output");
+  encodeCmd->add_flag("--reply", encode.reply,
+                      "build reply bytes from output blocks (decode's JSON) instead");
+  addEncoding(*encodeCmd, encode.common);
+
+  HexdumpOptions hexdump;
+  CLI::App* hexdumpCmd =
+      app.add_subcommand("hexdump", "show a reply's bytes labelled with block, record and field");
+  addDefinition(*hexdumpCmd, hexdump.common);
+  hexdumpCmd->add_option("REPLY", hexdump.reply, "reply bytes (- reads standard input)")->required();
+  addEncoding(*hexdumpCmd, hexdump.common);
+
+  RealtimeOptions realtime;
+  CLI::App* realtimeCmd =
+      app.add_subcommand("realtime", "feed a stream of real-time records, show newest first");
+  addDefinition(*realtimeCmd, realtime.common);
+  realtimeCmd
+      ->add_option("STREAM", realtime.stream, "real-time records back to back (- reads standard input)")
+      ->required();
+  realtimeCmd->add_option("--block", realtime.block, "the block whose records the stream holds")->required();
+  realtimeCmd->add_option("--keep", realtime.keep, "keep only the newest N records (default: all)")
+      ->check(CLI::Range(1, 1000000));
+  addFormat(*realtimeCmd, realtime.format);
+  addEncoding(*realtimeCmd, realtime.common);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? kExitOk : kExitUsage;
+  }
+
+  try {
+    if (*inspectCmd) return runInspect(inspect);
+    if (*decodeCmd) return runDecode(decode);
+    if (*encodeCmd) return runEncode(encode);
+    if (*hexdumpCmd) return runHexdump(hexdump);
+    if (*realtimeCmd) return runRealtime(realtime);
+  } catch (const Failure& failure) {
+    std::cout.flush();
+    std::cerr << "blockproc: " << failure.message << "\n";
+    return failure.code;
+  } catch (const std::exception& e) {
+    std::cerr << "blockproc: " << e.what() << "\n";
+    return kExitData;
+  } catch (...) {
+    std::cerr << "blockproc: unexpected failure\n";
+    return kExitData;
+  }
+  return kExitUsage;
+}
