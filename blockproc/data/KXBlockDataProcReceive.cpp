@@ -1,11 +1,140 @@
 // Receiving record data: normal, reverse and real-time receives.
+//
+// Each receive splits the received size into N records of R bytes (at least one; a remainder of less than
+// one record after the last whole record is dropped) and copies min(N * R, size) bytes. Every copy goes
+// through span(), so a buffer laid out with another stride is never written past its end.
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
 
 namespace blockproc {
 
-bool KXBlockDataProc::setData(const void*, int32_t, int32_t) noexcept { return true; }
-bool KXBlockDataProc::setDataReverse(const void*, int32_t, int32_t) noexcept { return true; }
-bool KXBlockDataProc::insertRealData(const void*, int32_t, int32_t) noexcept { return false; }
+namespace {
+
+constexpr uint8_t kSpace = 0x20;
+constexpr int32_t kRealBufferRecords = 99;  // a real-time block without a buffer makes this many records
+
+// How a receive of `size` bytes divides into records of `recordLen` (> 0) bytes.
+struct RecordSplit {
+  int32_t records;  // N: whole records, at least 1
+  int64_t copied;   // bytes taken: min(N * R, size)
+};
+
+RecordSplit splitRecords(int32_t size, int32_t recordLen) noexcept {
+  const int32_t records = std::max(size / recordLen, 1);
+  return {records, std::min<int64_t>(int64_t{records} * recordLen, size)};
+}
+
+// The received bytes to copy from. When they lie inside the record buffer itself (a caller handing a block
+// its own bytes) they are copied aside first, since the receive may replace or overwrite that buffer.
+const uint8_t* receivedBytes(const void* recvData, int32_t startPos, int64_t length, const uint8_t* buffer,
+                             int64_t bufferSize, std::string& aside) {
+  const auto* from = static_cast<const uint8_t*>(recvData) + startPos;
+  const std::less<const uint8_t*> before;
+  const bool overlaps =
+      buffer != nullptr && before(from, buffer + bufferSize) && before(buffer, from + length);
+  if (!overlaps) return from;
+  aside.assign(reinterpret_cast<const char*>(from), static_cast<size_t>(length));
+  return reinterpret_cast<const uint8_t*>(aside.data());
+}
+
+}  // namespace
+
+bool KXBlockDataProc::setData(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
+  const int32_t r = recordSize();
+  if (recvData == nullptr || recvSize <= 0 || r <= 0) {
+    m_nValidCount = 0;
+    return true;
+  }
+  const RecordSplit split = splitRecords(recvSize, r);
+  try {
+    std::string aside;
+    const uint8_t* from =
+        receivedBytes(recvData, startPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
+    if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) {
+      m_nValidCount = 0;
+      return true;
+    }
+    uint8_t* to = span(0, split.copied);
+    if (to == nullptr) {
+      m_nValidCount = 0;
+      return true;
+    }
+    std::memcpy(to, from, static_cast<size_t>(split.copied));
+    m_nValidCount = split.records;
+  } catch (...) {
+    m_nValidCount = 0;
+  }
+  return true;
+}
+
+bool KXBlockDataProc::setDataReverse(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
+  const int32_t r = recordSize();
+  if (recvData == nullptr || recvSize <= 0 || r <= 0) {
+    m_nValidCount = 0;
+    return true;
+  }
+  const RecordSplit split = splitRecords(recvSize, r);
+  try {
+    std::string aside;
+    const uint8_t* from =
+        receivedBytes(recvData, startPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
+    if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) {
+      m_nValidCount = 0;
+      return true;
+    }
+    uint8_t* to = span(0, int64_t{split.records} * r);
+    if (to == nullptr) {
+      m_nValidCount = 0;
+      return true;
+    }
+    // Received record k becomes buffer record N - 1 - k. Only a receive shorter than one record (N = 1)
+    // has a short record; the rest of it becomes spaces.
+    const int64_t last = split.records - 1;
+    for (int64_t k = 0; k <= last; ++k) {
+      const int64_t have = std::min<int64_t>(split.copied - k * r, r);
+      uint8_t* record = to + (last - k) * r;
+      std::memcpy(record, from + k * r, static_cast<size_t>(have));
+      std::memset(record + have, kSpace, static_cast<size_t>(r - have));
+    }
+    m_nValidCount = split.records;
+  } catch (...) {
+    m_nValidCount = 0;
+  }
+  return true;
+}
+
+bool KXBlockDataProc::insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept {
+  const int32_t r = recordSize();
+  if (recvData == nullptr || recvSize <= 0 || r <= 0) return false;
+  const RecordSplit split = splitRecords(recvSize, r);
+  try {
+    std::string aside;
+    const uint8_t* from =
+        receivedBytes(recvData, starPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
+    if (!m_pBlockData) {
+      // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
+      // leaves it; a refused insert keeps the new buffer.
+      if (!replaceWithSpaces(kRealBufferRecords, r)) return false;
+      m_nStartIndex = kRealBufferRecords;
+    }
+    // No record is free before the first valid one: refused rather than writing before the buffer.
+    if (m_nStartIndex <= 0) return false;
+    const int32_t start = m_nStartIndex - 1;
+    if (int64_t{m_nBufCount} < int64_t{start} + m_nValidCount + split.records) return false;
+    uint8_t* to = span(int64_t{start} * r, split.copied);
+    if (to == nullptr) return false;
+    std::memcpy(to, from, static_cast<size_t>(split.copied));
+    m_nStartIndex = start;
+    m_nValidCount += split.records;
+  } catch (...) {
+    return false;
+  }
+  return true;
+}
 
 }  // namespace blockproc
