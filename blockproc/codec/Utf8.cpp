@@ -120,6 +120,10 @@ int64_t utf16Length(std::string_view text) noexcept {
 }
 
 void appendLatin1(std::string& out, std::string_view bytes) {
+  if (isAscii(bytes)) {
+    out.append(bytes);  // the common case: one copy
+    return;
+  }
   for (unsigned char c : bytes) {
     if (c < 0x80) {
       out.push_back(static_cast<char>(c));

@@ -1,16 +1,243 @@
-// Reading fields as display strings.
+// Reading fields as display strings: one field of one record, and one field of every valid record.
+//
+// Field bytes are taken through span() only. Text types are trimmed and decoded (or get their implied
+// decimal point); binary types are little-endian values of 2, 8, 4, 8 and 8 bytes, zero-extended when the
+// field holds fewer bytes than the value's width.
 
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstring>
+
+#include "blockproc/codec/TextCodec.h"
+#include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/NumberFormat.h"
+#include "blockproc/util/NumericText.h"
 
 namespace blockproc {
 
-std::string KXBlockDataProc::readField(const FieldInfo*, int32_t, bool) const noexcept { return {}; }
-std::string KXBlockDataProc::getFieldDataFromInfo(const FieldInfo*, int32_t) const noexcept { return {}; }
-std::string KXBlockDataProc::getFieldDataFromIndex(int32_t, int32_t) const noexcept { return {}; }
-std::string KXBlockDataProc::getFieldDataFromName(std::string_view, int32_t) const noexcept { return {}; }
-std::string KXBlockDataProc::getFieldDataFromInfoEX(const FieldInfo*, int32_t) const noexcept { return {}; }
-std::string KXBlockDataProc::getFieldDataFromNameEX(std::string_view, int32_t) const noexcept { return {}; }
-std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo*) const noexcept { return {}; }
-std::string KXBlockDataProc::getDataValueAllIdxFromName(std::string_view) const noexcept { return {}; }
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
+
+// The all-records read prints an int64 at least this wide, zero-padded after any sign.
+constexpr int32_t kJoinedInt64Width = 6;
+
+std::string_view asText(const uint8_t* bytes, int64_t length) noexcept {
+  return {reinterpret_cast<const char*>(bytes), static_cast<size_t>(length)};
+}
+
+// The bytes less their trailing spaces and NULs.
+std::string_view trimTrailing(std::string_view bytes) noexcept {
+  size_t n = bytes.size();
+  while (n > 0 && (bytes[n - 1] == ' ' || bytes[n - 1] == '\0')) --n;
+  return bytes.substr(0, n);
+}
+
+bool isBinaryType(int32_t dataType) noexcept {
+  return dataType >= kFieldInt16 && dataType <= kFieldSInt64;
+}
+
+// Bytes of a binary type's value.
+int64_t binaryWidth(int32_t dataType) noexcept {
+  switch (dataType) {
+    case kFieldInt16:
+      return 2;
+    case kFieldFloat:
+      return 4;
+    default:
+      return 8;
+  }
+}
+
+// Up to 8 little-endian bytes as the low-order bytes of a zeroed 8-byte value.
+struct RawValue {
+  std::array<uint8_t, 8> bytes{};
+  explicit RawValue(std::string_view from) noexcept {
+    std::memcpy(bytes.data(), from.data(), std::min(from.size(), bytes.size()));
+  }
+  template <typename T>
+  T as() const noexcept {
+    T value;
+    std::memcpy(&value, bytes.data(), sizeof value);
+    return value;
+  }
+};
+
+// 10 to the power `places`; exact in a double up to 10^22, as std::pow gives them.
+double powerOfTen(int32_t places) noexcept {
+  static constexpr std::array<double, 23> kExact{1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                 1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                                 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  if (places >= 0 && places < static_cast<int32_t>(kExact.size())) return kExact[static_cast<size_t>(places)];
+  return std::pow(10.0, places);
+}
+
+// Appends the display form of a binary value; `int64Width` is the zero-padded width of a type-3 value
+// (0 for none). False for places the readers refuse.
+bool appendBinary(std::string& out, int32_t dataType, int32_t places, const RawValue& value,
+                  int32_t int64Width) {
+  switch (dataType) {
+    case kFieldInt16:
+      num::appendInt(out, value.as<int16_t>());
+      return true;
+    case kFieldInt64:
+      if (int64Width > 0) {
+        num::appendZeroPadded(out, value.as<int64_t>(), int64Width);
+      } else {
+        num::appendInt(out, value.as<int64_t>());
+      }
+      return true;
+    case kFieldSInt64:
+      num::appendInt(out, value.as<int64_t>());
+      return true;
+    case kFieldFloat: {
+      if (places > num::kMaxDecimalPlaces) return false;
+      // Divided in double precision, stored back as a float, printed as a double.
+      const float scaled = num::narrowToFloat(static_cast<double>(value.as<float>()) / powerOfTen(places));
+      num::appendFixed(out, static_cast<double>(scaled), places);
+      return true;
+    }
+    case kFieldDouble:
+      if (places > num::kMaxDecimalPlaces) return false;
+      num::appendFixed(out, value.as<double>(), places);
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Text that ends in an ideographic space loses its space separators and TABs at both ends.
+void trimIdeographicPadding(std::string& text) {
+  if (!utf8::endsWithIdeographicSpace(text)) return;
+  const std::string_view kept = utf8::trimSpaceSeparators(text);
+  const auto from = static_cast<size_t>(kept.data() - text.data());
+  text.erase(from + kept.size());
+  text.erase(0, from);
+}
+
+// Appends the display form of a text field (types 0 and 1): numeric text gets its implied point, other text
+// is decoded with `encoding`. False when nothing can be shown.
+bool appendFieldText(std::string& out, std::string_view field, int32_t places, uint32_t encoding,
+                     uint32_t ownEncoding) {
+  const std::string_view trimmed = trimTrailing(field);
+  if (places > 0 && trimmed.find('.') == std::string_view::npos) {
+    if (places > num::kMaxDecimalPlaces) return false;
+    num::appendDecimalInserted(out, trimmed, places);
+    return true;
+  }
+  if (trimmed.empty()) return true;
+  if (!codec::decodeAppend(encoding, trimmed, out)) {
+    // Undecodable bytes at the very end of an untrimmed field are a double-byte character cut by the
+    // field's end: decode once more, in the processor's own encoding, without the last byte.
+    if (trimmed.size() != field.size()) return false;
+    if (!codec::decodeAppend(ownEncoding, trimmed.substr(0, trimmed.size() - 1), out)) return false;
+  }
+  trimIdeographicPadding(out);
+  return true;
+}
+
+// Appends the joined text of every record untrimmed; a double-byte character cut at the end of the last
+// record is dropped by one retry without the last byte.
+bool appendJoinedText(std::string& out, std::string_view joined, uint32_t encoding) {
+  return codec::decodeAppend(encoding, joined, out) ||
+         codec::decodeAppend(encoding, joined.substr(0, joined.size() - 1), out);
+}
+
+}  // namespace
+
+// ---- one field of one record ----------------------------------------------------------------------------
+
+std::string KXBlockDataProc::readField(const FieldInfo* info, int32_t index, bool jsonMode) const noexcept {
+  std::string out;
+  if (info == nullptr || !m_pBlockData || index < 0 || index >= m_nValidCount) return out;
+  const int32_t length = info->nLength;
+  const int32_t type = info->nDataType;
+  if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
+  const int64_t offset = recordOffset(index, info->nDataPos);
+  const uint8_t* field = span(offset, length);
+  if (field == nullptr) return out;
+  try {
+    bool shown;
+    if (isBinaryType(type)) {
+      // Type 5 always takes 8 bytes from the field's start, as many as the buffer holds.
+      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, m_nBlockBuffSize - offset)
+                                                : std::min<int64_t>(length, binaryWidth(type));
+      shown = appendBinary(out, type, info->nDecimalLen, RawValue(asText(field, take)), 0);
+    } else {
+      shown = appendFieldText(out, asText(field, length), info->nDecimalLen,
+                              jsonMode ? kTextEncodingUTF8 : m_nEncodingType, m_nEncodingType);
+    }
+    if (!shown) out.clear();
+  } catch (...) {
+    out.clear();
+  }
+  return out;
+}
+
+std::string KXBlockDataProc::getFieldDataFromInfo(const FieldInfo* info, int32_t index) const noexcept {
+  if (info == nullptr) return {};
+  return readField(info, index, isWebSocketJsonMode());
+}
+
+std::string KXBlockDataProc::getFieldDataFromIndex(int32_t fieldPosition, int32_t index) const noexcept {
+  const FieldInfo* info = nullptr;
+  try {
+    if (m_oBlockInfo != nullptr) info = m_oBlockInfo->getFieldInfoFromIndex(fieldPosition);
+  } catch (...) {
+    return {};
+  }
+  return getFieldDataFromInfo(info, index);
+}
+
+std::string KXBlockDataProc::getFieldDataFromName(std::string_view name, int32_t index) const noexcept {
+  return getFieldDataFromInfo(findFieldInfo(name), index);
+}
+
+std::string KXBlockDataProc::getFieldDataFromInfoEX(const FieldInfo* info, int32_t index) const noexcept {
+  return readField(info, index, false);
+}
+
+std::string KXBlockDataProc::getFieldDataFromNameEX(std::string_view name, int32_t index) const noexcept {
+  return readField(findFieldInfo(name), index, false);
+}
+
+// ---- one field of every valid record ----------------------------------------------------------------------
+
+std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) const noexcept {
+  std::string out;
+  if (info == nullptr || !m_pBlockData || m_nValidCount <= 0) return out;
+  const int64_t length = info->nLength;
+  const int32_t type = info->nDataType;
+  if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
+  // The records lie at offsets linear in their index: when the first and the last valid record hold the
+  // field inside the buffer, every record between them does too.
+  const int64_t first = recordOffset(0, info->nDataPos);
+  const int64_t stride = recordOffset(1, info->nDataPos) - first;
+  const int64_t last = m_nValidCount - 1;
+  if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
+  try {
+    // Binary types need only the first value's bytes of the joined run; text needs all of it.
+    const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * m_nValidCount;
+    std::string joined;
+    joined.reserve(static_cast<size_t>(wanted));
+    for (int64_t i = 0; i <= last && static_cast<int64_t>(joined.size()) < wanted; ++i) {
+      const int64_t take = std::min<int64_t>(length, wanted - static_cast<int64_t>(joined.size()));
+      joined.append(asText(span(first + i * stride, take), take));
+    }
+    const bool shown = isBinaryType(type)
+                           ? appendBinary(out, type, info->nDecimalLen, RawValue(joined), kJoinedInt64Width)
+                           : appendJoinedText(out, joined, m_nEncodingType);
+    if (!shown) out.clear();
+  } catch (...) {
+    out.clear();
+  }
+  return out;
+}
+
+std::string KXBlockDataProc::getDataValueAllIdxFromName(std::string_view name) const noexcept {
+  return getFieldDataAllIdxFromInfo(findFieldInfo(name));
+}
 
 }  // namespace blockproc
