@@ -1,6 +1,7 @@
 #include "blockproc/codec/TextCodec.h"
 
 #include <gtest/gtest.h>
+#include <iconv.h>
 
 #include "blockproc/codec/Utf8.h"
 
@@ -83,6 +84,30 @@ TEST(Utf8, LengthsTrimsAndWidths) {
   std::string latin;
   utf8::appendLatin1(latin, "A\xE9");
   EXPECT_EQ(latin, "A\xC3\xA9");
+}
+
+TEST(TextCodec, CodePage949AgreesWithTheCLibraryOnEveryBytePair) {
+  iconv_t cd = iconv_open("UTF-8", "CP949");
+  ASSERT_NE(cd, reinterpret_cast<iconv_t>(-1));
+  int mismatches = 0;
+  for (unsigned lead = 0x80; lead <= 0xFF; ++lead) {
+    for (unsigned trail = 0; trail <= 0xFF; ++trail) {
+      // The pair alone, then inside ASCII text.
+      const std::string pair{static_cast<char>(lead), static_cast<char>(trail)};
+      for (std::string in : {pair, "A" + pair + "B"}) {
+        char converted[16];
+        char* src = in.data();
+        char* dst = converted;
+        size_t srcLeft = in.size(), dstLeft = sizeof converted;
+        const bool ok = iconv(cd, &src, &srcLeft, &dst, &dstLeft) != static_cast<size_t>(-1) && srcLeft == 0;
+        iconv(cd, nullptr, nullptr, nullptr, nullptr);
+        const auto ours = codec::decode(kTextEncodingCP949, in);
+        if (ours.has_value() != ok || (ok && *ours != std::string(converted, dst))) ++mismatches;
+      }
+    }
+  }
+  iconv_close(cd);
+  EXPECT_EQ(mismatches, 0);
 }
 
 }  // namespace

@@ -3,8 +3,13 @@
 #include <iconv.h>
 
 #include <array>
+#include <atomic>
+#include <bit>
 #include <cctype>
 #include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
 
 #include "blockproc/codec/Utf8.h"
 
@@ -97,6 +102,105 @@ Converter* converter(uint32_t encoding, bool toUtf8) noexcept {
   return nullptr;
 }
 
+// Code page 949 decoding by table. The C library's converter stays the one source of the mapping: the row of
+// a lead byte (the character of every byte pair it starts) is converted once per process, when the lead byte
+// is first met, and a pair the converter refuses is refused here too. A row the table cannot hold (the lead
+// byte is a character on its own, or a pair becomes more than three UTF-8 bytes) leaves the decoding to the
+// converter.
+class Cp949Table {
+ public:
+  enum class Result { Decoded, Invalid, AskConverter };
+
+  // Appends the UTF-8 form of bytes; Invalid or AskConverter leave out unchanged.
+  static Result decodeAppend(std::string_view bytes, std::string& out) noexcept {
+    const size_t oldSize = out.size();
+    try {
+      // ASCII stays one byte and a pair becomes at most three; four are written for every pair.
+      out.resize(oldSize + bytes.size() * 3 / 2 + 4);
+    } catch (...) {
+      return Result::AskConverter;
+    }
+    const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
+    const size_t n = bytes.size();
+    char* dst = out.data() + oldSize;
+    Result result = Result::Decoded;
+    for (size_t i = 0; i < n;) {
+      if (s[i] < 0x80) {
+        *dst++ = static_cast<char>(s[i++]);
+        continue;
+      }
+      const Row* row = rowOf(s[i]);
+      if (row == nullptr || !row->usable) {
+        result = Result::AskConverter;
+        break;
+      }
+      const uint32_t entry = i + 1 < n ? row->pairs[s[i + 1]] : 0;
+      if (entry == 0) {
+        result = Result::Invalid;
+        break;
+      }
+      std::memcpy(dst, &entry, 4);  // little-endian: the UTF-8 bytes first, then the length byte
+      dst += entry >> 24;
+      i += 2;
+    }
+    out.resize(result == Result::Decoded ? static_cast<size_t>(dst - out.data()) : oldSize);
+    return result;
+  }
+
+ private:
+  struct Row {
+    bool usable = true;
+    // By trail byte: the UTF-8 bytes in the low three bytes, their count in the high byte; 0: no character.
+    std::array<uint32_t, 256> pairs{};
+  };
+
+  // Published rows, by lead byte - 0x80. Rows are never freed, so decoding stays safe while the process
+  // ends.
+  static inline constinit std::array<std::atomic<const Row*>, 128> rows_{};
+  static inline constinit std::mutex building_{};
+
+  // The row of a lead byte (0x80 to 0xFF), built on first use; nullptr when it cannot be built.
+  static const Row* rowOf(unsigned char lead) noexcept {
+    std::atomic<const Row*>& slot = rows_[lead - 0x80u];
+    if (const Row* row = slot.load(std::memory_order_acquire)) return row;
+    try {
+      const std::lock_guard<std::mutex> lock(building_);
+      if (const Row* row = slot.load(std::memory_order_relaxed)) return row;
+      const Row* row = build(lead).release();
+      slot.store(row, std::memory_order_release);
+      return row;
+    } catch (...) {
+      return nullptr;
+    }
+  }
+
+  static std::unique_ptr<Row> build(unsigned char lead) {
+    Converter toUtf8("UTF-8", "CP949");
+    if (!toUtf8.ok()) return nullptr;
+    auto row = std::make_unique<Row>();
+    std::string utf8;
+    const char single[1] = {static_cast<char>(lead)};
+    if (toUtf8.convertAppend({single, 1}, utf8, 8)) {
+      row->usable = false;
+      return row;
+    }
+    for (unsigned trail = 0; trail <= 0xFF; ++trail) {
+      const char pair[2] = {static_cast<char>(lead), static_cast<char>(trail)};
+      utf8.clear();
+      if (!toUtf8.convertAppend({pair, 2}, utf8, 8)) continue;
+      if (utf8.empty() || utf8.size() > 3) {
+        row->usable = false;
+        return row;
+      }
+      uint32_t entry = static_cast<uint32_t>(utf8.size()) << 24;
+      for (size_t k = 0; k < utf8.size(); ++k)
+        entry |= uint32_t{static_cast<unsigned char>(utf8[k])} << (8 * k);
+      row->pairs[trail] = entry;
+    }
+    return row;
+  }
+};
+
 bool appendBytes(std::string& out, std::string_view bytes) noexcept {
   try {
     out.append(bytes);
@@ -129,6 +233,10 @@ bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) n
       }
     case Kind::Iconv: {
       if (utf8::isAscii(bytes)) return appendBytes(out, bytes);
+      if (encoding == kTextEncodingCP949) {
+        const Cp949Table::Result result = Cp949Table::decodeAppend(bytes, out);
+        if (result != Cp949Table::Result::AskConverter) return result == Cp949Table::Result::Decoded;
+      }
       Converter* c = converter(encoding, true);
       // A double-byte character becomes at most three UTF-8 bytes, a single byte at most three as well.
       return c != nullptr && c->convertAppend(bytes, out, bytes.size() * 3 / 2 + 4);
