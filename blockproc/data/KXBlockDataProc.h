@@ -144,7 +144,8 @@ class KXBlockDataProc {
   // ---- receiving --------------------------------------------------------------------------------------
   // Takes recvSize bytes from recvData + startPos as records in received order from buffer record 0; valid
   // record count := the record count. Always true. A size of 0 or below, no bytes, or R of 0 or below empty
-  // the block for readers (valid record count 0) and copy nothing.
+  // the block for readers (valid record count 0) and copy nothing. Bytes taken from the record buffer itself
+  // are copied aside first, so a block may receive its own bytes.
   bool setData(const void* recvData, int32_t startPos, int32_t recvSize) noexcept;
   // As setData with the records in reverse order (the last received becomes record 0); the rest of a short
   // record becomes spaces. Always true.
@@ -152,7 +153,8 @@ class KXBlockDataProc {
   // Puts the received record in front of the held ones (record 0 is always the newest): the start index
   // moves back one record. Makes its own 99-record buffer when there is none. False, changing nothing, when
   // the records do not fit: no free record before the first valid one (start index 0), the buffer too short
-  // for start index - 1 + valid count + N, no bytes, or R of 0 or below.
+  // for start index - 1 + valid count + N, no bytes, or R of 0 or below. A buffer it had to make stays, with
+  // the start index at its end (99), when the insert is refused.
   bool insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept;
 
   // ---- outgoing ---------------------------------------------------------------------------------------
@@ -203,7 +205,8 @@ class KXBlockDataProc {
   // getFieldDataFromInfoEX for the field of that name.
   std::string getFieldDataFromNameEX(std::string_view name, int32_t index) const noexcept;
   // The field's bytes of every valid record joined and decoded untrimmed (types 0, 1), or the first valid
-  // record's binary value (type 3 as "%06li"); "" without valid records for every type.
+  // record's binary value (type 3 as "%06li"); "" without valid records for every type, and "" when a valid
+  // record's field lies outside the buffer. A binary value takes min(width, joined bytes), zero-extended.
   std::string getFieldDataAllIdxFromInfo(const FieldInfo* info) const noexcept;
   // getFieldDataAllIdxFromInfo for the field of that name.
   std::string getDataValueAllIdxFromName(std::string_view name) const noexcept;
