@@ -137,6 +137,7 @@ class KXBlockDataProc {
   // ---- XML block definition -------------------------------------------------------------------------
   // Takes the block name from every "name" attribute of the element and appends a real-time link record for
   // each "REALAP" child and a field link record for every other child; nullptr changes nothing.
+  // A "deflink" with fewer than three items leaves pLinkIndex none; the running indexes stop at INT32_MAX.
   void setXmlInfo(const TBXMLElement* element) noexcept;
   // The text with &lt; &gt; &amp; &quot; &apos; replaced, one pass each in that order.
   static std::string Entity2Ref(std::string_view text) noexcept;
