@@ -16,12 +16,26 @@ namespace {
 
 constexpr uint8_t kSpace = 0x20;
 
-// The encoded bytes of the value being written. One per thread and reused, so a write allocates only when
-// a value is longer than any this thread has written before.
-std::string& scratchBytes() noexcept {
-  thread_local std::string bytes;
-  return bytes;
-}
+// The encoded bytes of the value being written: one string per thread, reused, so that a write allocates
+// only for a value longer than the ones before it. An unusually long value's storage is let go afterwards.
+class ScratchBytes {
+ public:
+  ScratchBytes() noexcept : bytes_(storage()) {}
+  ~ScratchBytes() {
+    if (bytes_.capacity() > kKeep) std::string().swap(bytes_);
+  }
+  ScratchBytes(const ScratchBytes&) = delete;
+  ScratchBytes& operator=(const ScratchBytes&) = delete;
+  std::string& get() noexcept { return bytes_; }
+
+ private:
+  static constexpr size_t kKeep = 4096;
+  static std::string& storage() noexcept {
+    thread_local std::string bytes;
+    return bytes;
+  }
+  std::string& bytes_;
+};
 
 // Bytes a binary type occupies, 0 for a type that is not binary.
 int32_t binaryWidth(int32_t dataType) noexcept {
@@ -65,7 +79,8 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
     std::memset(field, kSpace, static_cast<size_t>(length));
     m_nValidCount = std::max(m_nValidCount, index + 1);
     if (!value) return false;
-    std::string& bytes = scratchBytes();
+    ScratchBytes scratch;
+    std::string& bytes = scratch.get();
     if (!encodeValue(*value, bytes)) return false;
     if (info->getKeyEncState()) {
       routeKeyEncrypted(*info, *value);
@@ -112,7 +127,8 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
       if (!growRecords(index, stride, GrowWipe::Wipe)) return next;
     }
     if (!value) return next;
-    std::string& bytes = scratchBytes();
+    ScratchBytes scratch;
+    std::string& bytes = scratch.get();
     const bool converted = encodeValue(*value, bytes);
     if (info->getKeyEncState()) {
       routeKeyEncrypted(*info, *value);  // even a value the encoding cannot represent
