@@ -174,7 +174,7 @@ INSTANTIATE_TEST_SUITE_P(
             "blockproc: standard input: OutBlock is an output block; give --reply to build a reply, or name "
             "input blocks\n"},
         BadInput{"record_not_an_object", "encode " + kDef + " -", R"({"InBlock": [1]})", 1,
-                 "blockproc: InBlock[0] must be an object of field values\n"},
+                 "blockproc: standard input: InBlock[0] must be an object of field values\n"},
         BadInput{"realtime_without_block", "realtime " + kDef + " examples/current_price.stream", "", 2,
                  "--block is required", true},
         BadInput{"realtime_unknown_block",

@@ -274,7 +274,10 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
           }
         }
       }
-      const int64_t need = count * recordSize;
+      // count * recordSize, held at the 64-bit limit: a count read from the data may be absurd.
+      const int64_t need = recordSize > 0 && count > std::numeric_limits<int64_t>::max() / recordSize
+                               ? std::numeric_limits<int64_t>::max()
+                               : count * recordSize;
       if (need > size - at)
         throw Refusal{"block " + name + " needs " + bytes(need) + " for " + records(count) + "; " +
                       withThousands(size - at) + " remain"};

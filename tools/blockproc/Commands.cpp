@@ -6,7 +6,6 @@
 
 #include "Cli.h"
 #include "blockproc/codec/TextCodec.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc::cli {
 
@@ -86,14 +85,32 @@ std::string linksLine(const KXBlockDataProc& proc) {
 
 constexpr std::string_view kAttrSuffix = "@attr";
 
+// Decimal digits, or hexadecimal ones behind "0x": the value when it is a byte (0 to 255), else -1.
+int byteFromText(std::string_view text) {
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  if (text.empty() || text.size() > 3) return -1;
+  int value = 0;
+  for (char c : text) {
+    const int digit = c >= '0' && c <= '9'   ? c - '0'
+                      : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                      : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                             : 99;
+    if (digit >= base) return -1;
+    value = value * base + digit;
+  }
+  return value <= 255 ? value : -1;
+}
+
 uint8_t attrByte(const nlohmann::json& value, const std::string& where) {
   if (value.is_number_unsigned() && value.get<uint64_t>() <= 255)
     return static_cast<uint8_t>(value.get<uint64_t>());
   if (value.is_string()) {
-    const std::string text = value.get<std::string>();
-    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const int64_t byte = hex ? num::parseHex(text) : num::parseLeadingInt(text, -1, 256);
-    if (!text.empty() && byte >= 0 && byte <= 255) return static_cast<uint8_t>(byte);
+    const int byte = byteFromText(value.get<std::string>());
+    if (byte >= 0) return static_cast<uint8_t>(byte);
   }
   throw Failure{kExitData,
                 where + " must be an attribute byte: 0 to 255, or hexadecimal text such as \"0x35\""};
@@ -120,17 +137,19 @@ RecordValues recordFrom(const nlohmann::json& record, const std::string& where) 
 std::vector<BlockValues> valuesFrom(const nlohmann::json& root, const std::string& file) {
   if (!root.is_object())
     throw Failure{kExitData, sourceName(file) + ": the values must be a JSON object of blocks"};
-  const nlohmann::json& blocks =
-      root.contains("blocks") && root["blocks"].is_object() ? root["blocks"] : root;
+  if (root.contains("blocks") && !root["blocks"].is_object())
+    throw Failure{kExitData, sourceName(file) + ": \"blocks\" must be an object of blocks"};
+  const nlohmann::json& blocks = root.contains("blocks") ? root["blocks"] : root;
   std::vector<BlockValues> values;
   for (const auto& [name, block] : blocks.items()) {
     if (&blocks == &root && name == "code") continue;  // what decode writes beside the blocks
     BlockValues entry{name, {}};
     if (block.is_array()) {
       for (size_t i = 0; i < block.size(); ++i)
-        entry.records.push_back(recordFrom(block[i], name + "[" + std::to_string(i) + "]"));
+        entry.records.push_back(
+            recordFrom(block[i], sourceName(file) + ": " + name + "[" + std::to_string(i) + "]"));
     } else if (block.is_object()) {
-      entry.records.push_back(recordFrom(block, name));
+      entry.records.push_back(recordFrom(block, sourceName(file) + ": " + name));
     } else {
       throw Failure{kExitData, sourceName(file) + ": block " + name +
                                    " must be an object (one record) or a list of objects (records)"};

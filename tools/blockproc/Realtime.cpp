@@ -1,6 +1,7 @@
 // The realtime subcommand: a stream of real-time records fed in front of each other, shown newest first.
 
 #include <iostream>
+#include <limits>
 
 #include "Cli.h"
 
@@ -35,6 +36,9 @@ int runRealtime(const RealtimeOptions& options) {
     throw Failure{kExitData, sourceName(options.stream) + ": the stream holds " + withThousands(size) +
                                  " bytes, not a whole number of " + withThousands(recordSize) + "-byte " +
                                  block.m_szBlockName + " records"};
+  if (size > std::numeric_limits<int32_t>::max())
+    throw Failure{kExitData,
+                  sourceName(options.stream) + ": a stream of more than 2 GiB is more than this tool takes"};
   const int64_t records = size / recordSize;
   const int64_t keep = options.keep > 0 ? options.keep : std::max<int64_t>(records, 1);
   if (keep * recordSize > kMaxKeepBytes)
