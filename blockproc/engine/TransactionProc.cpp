@@ -259,9 +259,9 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
           case RCL_BLOCKFIELD_ID:
           default: {
             const auto [countBlock, countField] = splitFieldRef(block.m_strRecordLenSubInfo);
-            const auto reached =
-                std::find_if(result.slices.begin(), result.slices.end(),
-                             [&](const BlockSlice& s) { return s.proc->getBlockName() == countBlock; });
+            const auto reached = std::find_if(
+                result.slices.begin(), result.slices.end(),
+                [wanted = countBlock](const BlockSlice& s) { return s.proc->getBlockName() == wanted; });
             if (reached == result.slices.end() || reached->proc->findFieldInfo(countField) == nullptr)
               throw Refusal{"block " + name + " takes its record count from " + block.m_strRecordLenSubInfo +
                             ", which is not a field of an earlier block of the reply"};
