@@ -166,6 +166,18 @@ TEST(KXBlockDataProcRead, EntryChecksAndBounds) {
   EXPECT_EQ(proc.getFieldDataFromInfo(&wide, 1), "CDEF");
   EXPECT_EQ(proc.getFieldDataFromInfo(&wide, 2), "");
   EXPECT_EQ(proc.getFieldDataAllIdxFromInfo(&wide), "");
+
+  // Records of size 0 and a valid count near the 32-bit limit: the join is refused at once rather than
+  // repeating the same bytes two billion times.
+  BlockInfo noSize("Z");
+  noSize.m_nRecordIOMemSize = 1;
+  const FieldInfo& z = noSize.addField("z", kFieldText, 2);
+  KXBlockDataProc zero(&noSize);
+  zero.setData("AB", 0, 2);
+  noSize.m_nRecordIOMemSize = 0;  // the definition changed under a laid-out buffer
+  zero.setValidCount(INT32_MAX);
+  EXPECT_EQ(zero.getFieldDataFromInfo(&z, 5), "AB");
+  EXPECT_EQ(zero.getFieldDataAllIdxFromInfo(&z), "");
 }
 
 TEST(KXBlockDataProcRead, EveryResultIsUtf8) {

@@ -207,7 +207,8 @@ class KXBlockDataProc {
   std::string getFieldDataFromNameEX(std::string_view name, int32_t index) const noexcept;
   // The field's bytes of every valid record joined and decoded untrimmed (types 0, 1), or the first valid
   // record's binary value (type 3 as "%06li"); "" without valid records for every type, and "" when a valid
-  // record's field lies outside the buffer. A binary value takes min(width, joined bytes), zero-extended.
+  // record's field lies outside the buffer; "" for text of several records when the record size is 0 or
+  // less. A binary value takes min(width, joined bytes), zero-extended.
   std::string getFieldDataAllIdxFromInfo(const FieldInfo* info) const noexcept;
   // getFieldDataAllIdxFromInfo for the field of that name.
   std::string getDataValueAllIdxFromName(std::string_view name) const noexcept;

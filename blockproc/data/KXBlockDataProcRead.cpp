@@ -217,6 +217,10 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
   const int64_t stride = recordOffset(1, info->nDataPos) - first;
   const int64_t last = m_nValidCount - 1;
   if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
+  // Records of no size (or less) are not distinct: a text join of them would repeat the same bytes once per
+  // valid record, which may be billions of times.
+  if (stride <= 0 && last > 0 && !isBinaryType(type)) [[unlikely]]
+    return out;
   try {
     // Binary types need only the first value's bytes of the joined run; text needs all of it.
     const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * m_nValidCount;
