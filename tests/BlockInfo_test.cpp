@@ -26,6 +26,13 @@ TEST(BlockInfo, PositionsFollowFieldsAndAttributeBytes) {
 
   attributed.m_nRecordIOMemSize = 40;  // set explicitly by an engine
   EXPECT_EQ(attributed.getRecordMemSize(), 40);
+
+  // The worked-out sizes are kept, and worked out again once a field is added or the attribute flag flips.
+  plain.addField("tail", kFieldText, 3);
+  EXPECT_EQ(plain.getRecordMemSize(), 37);
+  EXPECT_EQ(plain.getRecordFieldSize(), 23);
+  plain.m_bAttribute = true;
+  EXPECT_EQ(plain.getRecordMemSize(), 38);
 }
 
 TEST(BlockInfo, SizesNeverOverflow) {

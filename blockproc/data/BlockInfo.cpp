@@ -46,21 +46,36 @@ void BlockInfo::setAttrSource(std::string key, const FieldInfo* source) {
   m_dicAttrFieldInfo[std::move(key)] = source;
 }
 
+template <typename Compute>
+int32_t BlockInfo::SizeCache::get(size_t fieldCount, bool attribute, Compute compute) const {
+  if (fieldCount == 0 || fieldCount > (uint64_t{1} << 30)) return compute();
+  const uint64_t key = (uint64_t{fieldCount} * 2 + (attribute ? 1 : 0)) << 32;
+  const uint64_t packed = m_packed.load(std::memory_order_relaxed);
+  if ((packed & ~uint64_t{0xFFFFFFFF}) == key) return static_cast<int32_t>(packed & 0x7FFFFFFF);
+  const int32_t size = compute();
+  m_packed.store(key | static_cast<uint32_t>(size), std::memory_order_relaxed);
+  return size;
+}
+
 int32_t BlockInfo::getRecordMemSize() const {
   if (m_nRecordIOMemSize >= 0) return m_nRecordIOMemSize;
-  int64_t size = 0;
-  for (const auto& f : m_FieldInfoList) {
-    if (f->nLength <= 0) continue;
-    size = std::max(size, int64_t{f->nDataPos} + f->nLength + (carriesAttr(*f) ? 1 : 0));
-  }
-  return static_cast<int32_t>(std::min(size, kInt32Max));
+  return m_memSize.get(m_FieldInfoList.size(), m_bAttribute, [this] {
+    int64_t size = 0;
+    for (const auto& f : m_FieldInfoList) {
+      if (f->nLength <= 0) continue;
+      size = std::max(size, int64_t{f->nDataPos} + f->nLength + (carriesAttr(*f) ? 1 : 0));
+    }
+    return static_cast<int32_t>(std::min(size, kInt32Max));
+  });
 }
 
 int32_t BlockInfo::getRecordFieldSize() const {
   if (m_nRecordIOSize >= 0) return m_nRecordIOSize;
-  int64_t size = 0;
-  for (const auto& f : m_FieldInfoList) size += std::max(f->nLength, 0);
-  return static_cast<int32_t>(std::min(size, kInt32Max));
+  return m_fieldSize.get(m_FieldInfoList.size(), m_bAttribute, [this] {
+    int64_t size = 0;
+    for (const auto& f : m_FieldInfoList) size += std::max(f->nLength, 0);
+    return static_cast<int32_t>(std::min(size, kInt32Max));
+  });
 }
 
 int32_t BlockInfo::getFieldCount() const {

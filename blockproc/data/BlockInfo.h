@@ -1,7 +1,9 @@
 #pragma once
 // The block definition: the fields of one block's record in block order, and how many records it holds.
 
+#include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
@@ -28,9 +30,34 @@ inline constexpr int32_t FUNC_BASE_INDEX = -1, FUNC_COMPARE_INDEX = 0, FUNC_COMP
 inline constexpr int8_t kBlockTypeRepeat = 4;
 
 // Hash and equality that let a std::string_view look up a std::string key without allocating.
+// Hashes field names (short, from definitions) eight bytes at a time, inline: a by-name read is a lookup.
 struct StringHash {
   using is_transparent = void;
-  size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+  size_t operator()(std::string_view s) const noexcept {
+    const char* p = s.data();
+    size_t n = s.size();
+    uint64_t h = 0x9E3779B97F4A7C15ULL ^ n;
+    uint64_t word;
+    for (; n >= 8; n -= 8, p += 8) {
+      std::memcpy(&word, p, 8);
+      h = (h ^ word) * 0xBF58476D1CE4E5B9ULL;
+      h ^= h >> 29;
+    }
+    // The last 1 to 7 bytes by two overlapping loads (or three single bytes), never one byte at a time.
+    if (n >= 4) {
+      uint32_t lo, hi;
+      std::memcpy(&lo, p, 4);
+      std::memcpy(&hi, p + n - 4, 4);
+      word = (uint64_t{hi} << 32) | lo;
+    } else if (n > 0) {
+      word = (uint64_t{static_cast<uint8_t>(p[0])} << 16) | (uint64_t{static_cast<uint8_t>(p[n / 2])} << 8) |
+             static_cast<uint8_t>(p[n - 1]);
+    } else {
+      word = 0;
+    }
+    h = (h ^ word) * 0x94D049BB133111EBULL;
+    return static_cast<size_t>(h ^ (h >> 31));
+  }
 };
 
 class BlockInfo {
@@ -73,10 +100,12 @@ class BlockInfo {
   bool carriesAttr(const FieldInfo& field) const noexcept { return m_bAttribute || field.nAttr != 0; }
 
   // Bytes of one record including attribute bytes: m_nRecordIOMemSize when set, else the furthest field end
-  // (nDataPos + nLength, plus its attribute byte), capped at INT32_MAX; 0 for a block without fields.
+  // (nDataPos + nLength, plus its attribute byte), capped at INT32_MAX; 0 for a block without fields. The
+  // worked-out size is kept until a field is added or m_bAttribute changes (a definition's size is fixed for
+  // its life, so a field edited in place after the first call is not seen).
   virtual int32_t getRecordMemSize() const;
   // The record stride of the positional writer: m_nRecordIOSize when set, else the sum of the field lengths
-  // (fields back to back, no attribute bytes), capped at INT32_MAX.
+  // (fields back to back, no attribute bytes), capped at INT32_MAX; kept as getRecordMemSize keeps its own.
   virtual int32_t getRecordFieldSize() const;
   virtual int32_t getFieldCount() const;
   // The field at that position in block order, or nullptr outside 0 to count - 1.
@@ -98,7 +127,20 @@ class BlockInfo {
   const KeyEncDict* findKeyEncValue(std::string_view fieldName) const;
 
  private:
+  // A worked-out size with the field count and attribute flag it was worked out for, packed in one word so
+  // that readers on several threads see a consistent pair: (count * 2 + attribute) << 32 | size.
+  class SizeCache {
+   public:
+    template <typename Compute>
+    int32_t get(size_t fieldCount, bool attribute, Compute compute) const;
+
+   private:
+    mutable std::atomic<uint64_t> m_packed{0};  // 0: nothing kept (a key is never 0 once a field exists)
+  };
+
   std::map<std::string, KeyEncDict, std::less<>> m_keyEncValues;
+  SizeCache m_memSize;
+  SizeCache m_fieldSize;
 };
 
 }  // namespace blockproc
