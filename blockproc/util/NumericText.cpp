@@ -22,6 +22,17 @@ void appendPart(std::string& out, std::string_view text, size_t from, size_t wid
   utf8::appendLatin1(out, part);
 }
 
+// Whether every byte is ASCII other than NUL, so that it stands for itself in UTF-8 and ends no part early.
+bool isPlainAscii(std::string_view text) noexcept {
+  unsigned char any = 0, nul = 0;
+  for (const char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    any |= c;
+    nul |= static_cast<unsigned char>(c == 0);
+  }
+  return any < 0x80 && nul == 0;
+}
+
 // Writes into one field of `length` bytes and drops whatever would fall outside it.
 class FieldWriter {
  public:
@@ -70,11 +81,23 @@ void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t p
   const auto n = static_cast<int64_t>(trimmed.size());
   int64_t p = 0;
   while (p < n && trimmed[static_cast<size_t>(p)] == ' ') ++p;
-  if (p < n && (trimmed[static_cast<size_t>(p)] == '-' || trimmed[static_cast<size_t>(p)] == '+')) {
+  const bool hasSign =
+      p < n && (trimmed[static_cast<size_t>(p)] == '-' || trimmed[static_cast<size_t>(p)] == '+');
+  const int64_t intDigits = n - places - p - (hasSign ? 1 : 0);
+  if (intDigits > 0 && n < 64 && isPlainAscii(trimmed)) {
+    // The usual field: short, ASCII, no NUL. The point goes in, nothing is padded, one append.
+    char buf[65];
+    const auto head = static_cast<size_t>(n - places - p);
+    std::memcpy(buf, trimmed.data() + p, head);
+    buf[head] = '.';
+    std::memcpy(buf + head + 1, trimmed.data() + p + head, static_cast<size_t>(places));
+    out.append(buf, head + 1 + static_cast<size_t>(places));
+    return;
+  }
+  if (hasSign) {
     out.push_back(trimmed[static_cast<size_t>(p)]);
     ++p;
   }
-  const int64_t intDigits = n - places - p;
   if (intDigits > 0) {
     appendPart(out, trimmed, static_cast<size_t>(p), static_cast<size_t>(intDigits));
     out.push_back('.');
