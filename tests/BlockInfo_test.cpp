@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 namespace blockproc {
 namespace {
 
@@ -52,6 +55,18 @@ TEST(BlockInfo, LookupsAreExactAndKeepTheFirstOfAName) {
   EXPECT_EQ(block.getFieldInfoFromIndex(2), nullptr);
   EXPECT_EQ(block.getFieldInfoFromIndex(-1), nullptr);
   EXPECT_NE(block.getFieldInfoFromIndex(0)->hash(), block.getFieldInfoFromIndex(1)->hash());
+
+  // Names of every length around the hash's 4- and 8-byte steps, through several growths of the index.
+  BlockInfo wide("W");
+  std::vector<const FieldInfo*> fields;
+  for (int i = 0; i < 600; ++i)
+    fields.push_back(
+        &wide.addField(std::string(1 + i % 19, 'a' + i % 26) + std::to_string(i), kFieldText, 1));
+  for (int i = 0; i < 600; ++i)
+    ASSERT_EQ(wide.getFieldInfoFromName(fields[static_cast<size_t>(i)]->szFieldName),
+              fields[static_cast<size_t>(i)]);
+  EXPECT_EQ(wide.getFieldInfoFromName(""), nullptr);
+  EXPECT_EQ(wide.getFieldInfoFromName("a0 "), nullptr);
 }
 
 TEST(BlockInfo, RepeatBitDecidesOccurs) {

@@ -31,7 +31,7 @@ FieldInfo& BlockInfo::addField(std::string name, int32_t dataType, int32_t lengt
 
 FieldInfo& BlockInfo::addField(std::unique_ptr<FieldInfo> field) {
   field->nIndex = static_cast<int32_t>(m_FieldInfoList.size());
-  m_FieldMap.try_emplace(field->szFieldName, field.get());  // keeps the first field of a name
+  m_FieldMap.insert(field->szFieldName, field.get());  // keeps the first field of a name
   m_FieldInfoList.push_back(std::move(field));
   m_nFieldCount = static_cast<int32_t>(m_FieldInfoList.size());
   return *m_FieldInfoList.back();
@@ -88,8 +88,7 @@ const FieldInfo* BlockInfo::getFieldInfoFromIndex(int32_t position) const {
 }
 
 const FieldInfo* BlockInfo::getFieldInfoFromName(std::string_view name) const {
-  const auto it = m_FieldMap.find(name);
-  return it == m_FieldMap.end() ? nullptr : it->second;
+  return m_FieldMap.find(name);
 }
 
 KeyEncDict* BlockInfo::getKeyEncValue(std::string_view fieldName) {

@@ -3,16 +3,15 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "blockproc/data/FieldInfo.h"
+#include "blockproc/data/FieldNameIndex.h"
 
 namespace blockproc {
 
@@ -30,36 +29,6 @@ inline constexpr int32_t FUNC_BASE_INDEX = -1, FUNC_COMPARE_INDEX = 0, FUNC_COMP
 inline constexpr int8_t kBlockTypeRepeat = 4;
 
 // Hash and equality that let a std::string_view look up a std::string key without allocating.
-// Hashes field names (short, from definitions) eight bytes at a time, inline: a by-name read is a lookup.
-struct StringHash {
-  using is_transparent = void;
-  size_t operator()(std::string_view s) const noexcept {
-    const char* p = s.data();
-    size_t n = s.size();
-    uint64_t h = 0x9E3779B97F4A7C15ULL ^ n;
-    uint64_t word;
-    for (; n >= 8; n -= 8, p += 8) {
-      std::memcpy(&word, p, 8);
-      h = (h ^ word) * 0xBF58476D1CE4E5B9ULL;
-      h ^= h >> 29;
-    }
-    // The last 1 to 7 bytes by two overlapping loads (or three single bytes), never one byte at a time.
-    if (n >= 4) {
-      uint32_t lo, hi;
-      std::memcpy(&lo, p, 4);
-      std::memcpy(&hi, p + n - 4, 4);
-      word = (uint64_t{hi} << 32) | lo;
-    } else if (n > 0) {
-      word = (uint64_t{static_cast<uint8_t>(p[0])} << 16) | (uint64_t{static_cast<uint8_t>(p[n / 2])} << 8) |
-             static_cast<uint8_t>(p[n - 1]);
-    } else {
-      word = 0;
-    }
-    h = (h ^ word) * 0x94D049BB133111EBULL;
-    return static_cast<size_t>(h ^ (h >> 31));
-  }
-};
-
 class BlockInfo {
  public:
   std::string m_szBlockName;
@@ -69,8 +38,7 @@ class BlockInfo {
   RCL_TYPE m_nRecordLenApplyType = RCL_OCCURSLEN;
   TranInfo* m_oTranInfo = nullptr;                          // the transaction it belongs to; not owned
   std::vector<std::unique_ptr<FieldInfo>> m_FieldInfoList;  // block order
-  std::unordered_map<std::string, const FieldInfo*, StringHash, std::equal_to<>>
-      m_FieldMap;                   // first of a name
+  FieldNameIndex m_FieldMap;                                // first field of each name
   int32_t m_nRecordIOSize = -1;     // record field size when 0 or more; below 0 it is worked out
   int32_t m_nRecordIOMemSize = -1;  // record memory size when 0 or more; below 0 it is worked out
   int32_t m_nRecordSendSize = 0;    // unused by the processor
