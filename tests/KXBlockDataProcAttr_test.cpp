@@ -4,6 +4,8 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "TestBlocks.h"
 #include "blockproc/data/KXBlockDataProc.h"
@@ -24,14 +26,11 @@ std::unique_ptr<BlockInfo> attrBlock(int32_t repeat) {
 }
 
 TEST(KXBlockDataProcAttr, DerivedAttributeMapping) {
-  for (int b = 0; b < 256; ++b) {
-    const char c = static_cast<char>(b);
-    uint8_t expected = 0;
-    if (c == '+' || c == '1' || c == '2') expected = '1';
-    if (c == '3') expected = '3';
-    if (c == '-' || c == '4' || c == '5') expected = '5';
-    EXPECT_EQ(KXBlockDataProc::getAttrValueFromData(c), expected) << "byte " << b;
-  }
+  std::string mapped;  // "byte value " for every byte of the 256 that maps to an attribute
+  for (int b = 0; b < 256; ++b)
+    if (const uint8_t v = KXBlockDataProc::getAttrValueFromData(static_cast<char>(b)); v != 0)
+      mapped += std::string{static_cast<char>(b), static_cast<char>(v), ' '};
+  EXPECT_EQ(mapped, "+1 -5 11 21 33 45 55 ");
 }
 
 TEST(KXBlockDataProcAttr, HexaTextParsing) {
@@ -55,44 +54,32 @@ TEST(KXBlockDataProcAttr, HexaTextParsing) {
   EXPECT_EQ(bufferBytes(proc, 0, 5), "     ");  // the field's data is never touched
 }
 
-TEST(KXBlockDataProcAttr, PlainWriterChecksValidRecordsHexaWriterLaidOutRecords) {
+TEST(KXBlockDataProcAttr, PlainWriterTakesValidRecordsHexaWriterLaidOutOnesBothBesideTheData) {
   auto block = attrBlock(3);
+  const FieldInfo* code = block->getFieldInfoFromName("code");
   const FieldInfo* qty = block->getFieldInfoFromName("qty");
   KXBlockDataProc proc(block.get());
   proc.DefaultMemory();
+  proc.setFieldDataFromInfoEX(code, 1, "ABCDE");
+  proc.setFieldDataFromInfoEX(qty, 1, "wxyz");
   proc.setValidCount(2);
-  const std::string before = bufferBytes(proc);
-
+  proc.setFieldAttrFromInfo(code, 0, 0x31);
+  proc.setFieldAttrFromName("code", 1, 0x32);
+  proc.setFieldAttrFromName("qty", 1, 0x33);
   proc.setFieldAttrFromInfo(qty, 2, 'P');  // not a valid record
   proc.setFieldAttrFromInfo(qty, -1, 'P');
   proc.setFieldAttrHexa(qty, 3, "0x48");  // past the laid-out records
   proc.setFieldAttrHexa(qty, -1, "0x48");
   proc.setFieldAttrFromName("nope", 0, 'P');
   proc.setFieldAttrFromInfo(nullptr, 0, 'P');
-  EXPECT_EQ(bufferBytes(proc), before);
-
+  const std::string valid = "     1     ABCDE2wxyz3";
+  EXPECT_EQ(bufferBytes(proc), valid + std::string(11, ' '));
   proc.setFieldAttrHexa(qty, 2, "0x48");  // laid out though not valid
-  EXPECT_EQ(bufferBytes(proc, 2 * 11 + 10, 1), "H");
-  EXPECT_EQ(proc.getFieldAttrFromInfo(qty, 2), 0);  // the reader still sees only valid records
-}
+  EXPECT_EQ(bufferBytes(proc), valid + "          H");
 
-TEST(KXBlockDataProcAttr, AttributeByteSitsBesideTheDataAndLeavesItAlone) {
-  auto block = attrBlock(2);
-  const FieldInfo* code = block->getFieldInfoFromName("code");
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  proc.setFieldDataFromInfoEX(code, 1, "ABCDE");
-  proc.setFieldDataFromInfoEX(block->getFieldInfoFromName("qty"), 1, "wxyz");
-
-  proc.setFieldAttrFromInfo(code, 0, 0x31);
-  proc.setFieldAttrFromName("code", 1, 0x32);
-  proc.setFieldAttrFromName("qty", 1, 0x33);
-  EXPECT_EQ(bufferBytes(proc),
-            "     1     "
-            "ABCDE2wxyz3");
   EXPECT_EQ(proc.getFieldAttrFromInfo(code, 0), 0x31);
   EXPECT_EQ(proc.getFieldAttrFromInfo(code, 1), 0x32);
-  EXPECT_EQ(proc.getFieldAttrFromInfo(code, 2), 0);  // outside the valid records
+  EXPECT_EQ(proc.getFieldAttrFromInfo(qty, 2), 0);  // the reader sees only valid records
   EXPECT_EQ(proc.getFieldAttrFromInfo(nullptr, 0), 0);
 }
 
@@ -123,6 +110,12 @@ TEST(KXBlockDataProcAttr, FieldWithoutAttributeByteIsNeitherReadNorWritten) {
   EXPECT_EQ(proc.getFieldAttrFromInfo(&b, 1), 0);
 }
 
+// A fill's data, attribute and enable byte.
+using Fill = std::tuple<std::string, int, int>;
+Fill filled(const FieldData& d) {
+  return {d.getData(), d.getAttr(), d.getAttrAble()};
+}
+
 // sign(5) @0 is the attribute source of price(5) @5; plain(3) @10 has no source.
 struct KXBlockDataProcDerivedAttr : ::testing::Test {
   BlockInfo block{"Derived"};
@@ -137,29 +130,29 @@ struct KXBlockDataProcDerivedAttr : ::testing::Test {
   }
 };
 
-TEST_F(KXBlockDataProcDerivedAttr, FillTakesTheSourceFieldsFirstByte) {
+TEST_F(KXBlockDataProcDerivedAttr, FillTakesTheSourceFieldsFirstByteOrClearsTheEnableByte) {
   const struct {
     const char* source;
-    uint8_t attr;
-  } cases[] = {{"+150", '1'}, {"-20", '5'}, {"3", '3'}, {" 5", 0}, {"2", '1'}, {"4", '5'}, {"0", 0}};
+    int attr;
+  } cases[] = {{"+150", '1'}, {"-20", '5'}, {"3", '3'}, {" 5", 0}};  // the first byte, blank or not
   for (const auto& c : cases) {
     proc.setFieldDataFromInfoEX(&sign, 0, c.source);
     FieldData data;
-    data.setAttrAble(7);
+    data.setAttrAble(7);  // untouched when there is a source
     ASSERT_TRUE(proc.getFieldAttrFromInfo(&price, 0, data)) << c.source;
-    EXPECT_EQ(data.getAttr(), c.attr) << c.source;
-    EXPECT_EQ(data.getAttrAble(), 7) << c.source;  // untouched when there is a source
+    EXPECT_EQ(filled(data), (Fill{"12345", c.attr, 7})) << c.source;
     EXPECT_EQ(proc.getFieldAttrFromName("price", 0), c.attr) << c.source;
+    FieldData full;  // the one-call fill
+    ASSERT_TRUE(proc.getFieldDataFromInfo(&price, 0, full)) << c.source;
+    EXPECT_EQ(filled(full), (Fill{"12345", c.attr, 1})) << c.source;
   }
-}
 
-TEST_F(KXBlockDataProcDerivedAttr, NoSourceClearsTheEnableByteOnly) {
+  // No source: the enable byte is cleared, the attribute left alone.
   FieldData data;
   data.setAttr(0x77);
   ASSERT_TRUE(proc.getFieldAttrFromInfo(&plain, 0, data));
   EXPECT_EQ(data.getAttr(), 0x77);
   EXPECT_EQ(data.getAttrAble(), 0);
-
   EXPECT_EQ(proc.getFieldEnableFromName("plain", 0), "0");
   EXPECT_EQ(proc.getFieldEnableFromName("price", 0), "1");
   EXPECT_EQ(proc.getFieldAttrFromName("plain", 0), 0);
@@ -167,31 +160,17 @@ TEST_F(KXBlockDataProcDerivedAttr, NoSourceClearsTheEnableByteOnly) {
 }
 
 TEST_F(KXBlockDataProcDerivedAttr, RecordsOutsideTheValidOnesAreLeftAsTheyWere) {
-  for (int32_t index : {-1, 1}) {
+  const std::pair<const FieldInfo*, int32_t> outside[] = {{&price, -1}, {&price, 1}, {nullptr, 0}};
+  for (const auto& [info, index] : outside) {
     FieldData data;
     data.setData("keep");
     data.setAttr(9);
-    EXPECT_FALSE(proc.getFieldAttrFromInfo(&price, index, data));
-    EXPECT_EQ(data.getData(), "keep");
-    EXPECT_EQ(data.getAttr(), 9);
-    EXPECT_EQ(data.getAttrAble(), 1);
+    EXPECT_FALSE(proc.getFieldAttrFromInfo(info, index, data)) << index;
+    EXPECT_EQ(filled(data), (Fill{"keep", 9, 1})) << index;
+    // The one-call fill still reports true and stores the empty display value.
+    EXPECT_TRUE(proc.getFieldDataFromInfo(info, index, data)) << index;
+    EXPECT_EQ(data.getData(), "") << index;
   }
-  FieldData none;
-  none.setData("keep");
-  EXPECT_FALSE(proc.getFieldAttrFromInfo(nullptr, 0, none));
-  EXPECT_EQ(none.getData(), "keep");
-
-  // The one-call fill still reports true and stores the empty display value.
-  EXPECT_TRUE(proc.getFieldDataFromInfo(&price, 1, none));
-  EXPECT_EQ(none.getData(), "");
-}
-
-TEST_F(KXBlockDataProcDerivedAttr, FillCarriesTheDisplayValue) {
-  proc.setFieldDataFromInfoEX(&sign, 0, "-7");
-  FieldData data;
-  EXPECT_TRUE(proc.getFieldDataFromInfo(&price, 0, data));
-  EXPECT_EQ(data.getData(), "12345");
-  EXPECT_EQ(data.getAttr(), '5');
 }
 
 }  // namespace

@@ -21,45 +21,39 @@ struct KXBlockDataProcDynamic : ::testing::Test {
   FieldInfo& head = block.addField("head", kFieldText, 4);
   FieldInfo& tail = block.addField("tail", kFieldText, 6);
   KXBlockDataProc proc{&block};
+
+  // "bytes|buffer size/laid-out records/valid records/block data length"
+  static std::string state(const KXBlockDataProc& p) {
+    return bufferBytes(p) + "|" + std::to_string(p.getBlockBuffSize()) + "/" +
+           std::to_string(p.getBufCount()) + "/" + std::to_string(p.getValidCount()) + "/" +
+           std::to_string(p.getBlockDataLen());
+  }
+  // The dynamic input list as "head:tail|" per position.
+  std::string list() const {
+    std::string out;
+    for (int32_t i = 0; i < proc.getDynamicInputCnt(); ++i)
+      out += proc.getFieldDataDynamicLen(&head, i) + ":" + proc.getFieldDataDynamicLen(&tail, i) + "|";
+    return out;
+  }
 };
 
-TEST_F(KXBlockDataProcDynamic, ValuesAreKeptPerRecordAndField) {
+TEST_F(KXBlockDataProcDynamic, ListAppendsNewRecordsWhateverTheirIndex) {
   proc.setFieldDataDynamicLen(&head, 0, "A");
-  EXPECT_EQ(proc.getDynamicInputCnt(), 1);
+  proc.setFieldDataDynamicLen(&head, 0, "B");  // an existing record is overwritten
+  EXPECT_EQ(list(), "B:|");
   EXPECT_EQ(proc.getValidCount(), 1);
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 0), "A");
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&tail, 0), "");
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 1), "");
-  EXPECT_EQ(proc.getFieldDataDynamicLen(nullptr, 0), "");
-
-  proc.setFieldDataDynamicLen(&head, 0, "B");
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 0), "B");
-  EXPECT_EQ(proc.getDynamicInputCnt(), 1);
-  EXPECT_EQ(proc.getData(), nullptr);  // never formatted into a buffer
-}
-
-TEST_F(KXBlockDataProcDynamic, NewRecordsAreAppendedWhateverTheirIndex) {
-  proc.setFieldDataDynamicLen(&head, 0, "A");
-  proc.setFieldDataDynamicLen(&head, 5, "X");
-  EXPECT_EQ(proc.getDynamicInputCnt(), 2);
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 1), "X");
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 5), "");
+  proc.setFieldDataDynamicLen(&head, 5, "X");  // list position 1, valid count index + 1
   EXPECT_EQ(proc.getValidCount(), 6);
-
-  proc.setFieldDataDynamicLen(&tail, -1, "N");
-  EXPECT_EQ(proc.getDynamicInputCnt(), 3);
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&tail, 2), "N");
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&tail, -1), "");
-  EXPECT_EQ(proc.getValidCount(), 6);
-
-  // No field or no value: nothing stored, no record made.
-  proc.setFieldDataDynamicLen(nullptr, 7, "Y");
+  proc.setFieldDataDynamicLen(&tail, -1, "N");   // appended as well, the valid count stays
+  proc.setFieldDataDynamicLen(nullptr, 7, "Y");  // no field or no value: nothing stored, no record made
   proc.setFieldDataDynamicLen(&head, 7, std::nullopt);
-  EXPECT_EQ(proc.getDynamicInputCnt(), 3);
+  EXPECT_EQ(list(), "B:|X:|:N|");
   EXPECT_EQ(proc.getValidCount(), 6);
-
+  for (const int32_t outside : {-1, 3, 5}) EXPECT_EQ(proc.getFieldDataDynamicLen(&head, outside), "");
+  EXPECT_EQ(proc.getFieldDataDynamicLen(nullptr, 0), "");
   proc.setFieldDataDynamicLen(&head, INT32_MAX, "big");
   EXPECT_EQ(proc.getValidCount(), INT32_MAX);
+  EXPECT_EQ(proc.getData(), nullptr);  // the list is never formatted into a buffer
 }
 
 TEST_F(KXBlockDataProcDynamic, FillNeedsABufferAndAValidRecord) {
@@ -68,12 +62,14 @@ TEST_F(KXBlockDataProcDynamic, FillNeedsABufferAndAValidRecord) {
   FieldData data;
   data.setData("keep");
   EXPECT_FALSE(proc.getFieldDataDynamicLen(&tail, 0, data));  // no buffer, though the value is listed
-  EXPECT_EQ(data.getData(), "keep");
 
   proc.DefaultMemory();
   proc.setFieldDataDynamicLen(&tail, 0, "value");
   proc.setFieldAttrFromInfo(&tail, 0, 'Q');
   data.setAttrAble(5);
+  for (const int32_t bad : {1, -1}) EXPECT_FALSE(proc.getFieldDataDynamicLen(&tail, bad, data)) << bad;
+  EXPECT_FALSE(proc.getFieldDataDynamicLen(nullptr, 0, data));
+  EXPECT_EQ(data.getData(), "keep");
   ASSERT_TRUE(proc.getFieldDataDynamicLen(&tail, 0, data));
   EXPECT_EQ(data.getData(), "value");
   EXPECT_EQ(data.getAttr(), 'Q');
@@ -81,12 +77,6 @@ TEST_F(KXBlockDataProcDynamic, FillNeedsABufferAndAValidRecord) {
   ASSERT_TRUE(proc.getFieldDataDynamicLen(&head, 0, data));  // nothing set, no attribute byte
   EXPECT_EQ(data.getData(), "");
   EXPECT_EQ(data.getAttr(), 0);
-
-  data.setData("keep");
-  EXPECT_FALSE(proc.getFieldDataDynamicLen(&tail, 1, data));
-  EXPECT_FALSE(proc.getFieldDataDynamicLen(&tail, -1, data));
-  EXPECT_FALSE(proc.getFieldDataDynamicLen(nullptr, 0, data));
-  EXPECT_EQ(data.getData(), "keep");
 }
 
 TEST_F(KXBlockDataProcDynamic, ListSurvivesDynamicReceivesButNotNormalOnes) {
@@ -96,69 +86,44 @@ TEST_F(KXBlockDataProcDynamic, ListSurvivesDynamicReceivesButNotNormalOnes) {
   proc.setDataDynamic(kBytes, 0, 45);  // replaces the area
   proc.resetDataDynamic(kBytes, 60);   // replaces it again
   proc.resetDataDynamic(kBytes, 3);
-  proc.initDynamicRealBufferIndex();
-  EXPECT_EQ(proc.getDynamicInputCnt(), 2);
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 1), "B");
+  proc.initRealBufferIndex();
+  proc.initDynamicRealBufferIndex();  // back to the first record; list and buffer stay
+  EXPECT_EQ(proc.getStartIndex(), 0);
+  EXPECT_EQ(state(proc), "012" + std::string(57, ' ') + "|60/1/0/60");
+  EXPECT_EQ(list(), "A:|B:|");
 
   // A normal receive of more records than the buffer holds wipes the old buffer and so the list.
   proc.resetDataDynamic(kBytes, 10);  // buffer record count 1
   proc.setData(kBytes, 0, 30);
-  EXPECT_EQ(proc.getDynamicInputCnt(), 0);
-  EXPECT_EQ(proc.getFieldDataDynamicLen(&head, 0), "");
+  EXPECT_EQ(list(), "");
 }
 
-TEST_F(KXBlockDataProcDynamic, SetDataDynamicSizesTheArea) {
-  proc.setDataDynamic(kBytes, 0, 25);
-  EXPECT_EQ(proc.getBlockBuffSize(), 20);
-  EXPECT_EQ(proc.getBufCount(), 2);
-  EXPECT_EQ(proc.getValidCount(), 2);
-  EXPECT_EQ(proc.getBlockDataLen(), 20);
-  EXPECT_EQ(bufferBytes(proc), "0123456789abcdefghij");
+TEST_F(KXBlockDataProcDynamic, SetDataDynamicReusesTheAreaOnlyWhenItFits) {
+  proc.setDataDynamic(kBytes, 0, 25);  // the half record left over is dropped
+  EXPECT_EQ(state(proc), "0123456789abcdefghij|20/2/2/20");
   const uint8_t* area = proc.getData();
-
-  // One record from position 3 fits the area: reused, the rest keeps its bytes.
-  proc.setDataDynamic(kBytes, 3, 15);
+  proc.setDataDynamic(kBytes, 3, 15);  // one record from position 3: the rest keeps its bytes
   EXPECT_EQ(proc.getData(), area);
-  EXPECT_EQ(bufferBytes(proc), "3456789abcabcdefghij");
-  EXPECT_EQ(proc.getValidCount(), 1);
-  EXPECT_EQ(proc.getBufCount(), 2);
-  EXPECT_EQ(proc.getBlockDataLen(), 20);
-
-  // Three records do not fit: a new area of exactly three records.
-  proc.setDataDynamic(kBytes, 0, 39);
-  EXPECT_EQ(proc.getBlockBuffSize(), 30);
-  EXPECT_EQ(proc.getBufCount(), 3);
-  EXPECT_EQ(proc.getBlockDataLen(), 30);
+  EXPECT_EQ(state(proc), "3456789abcabcdefghij|20/2/1/20");
+  proc.setDataDynamic(kBytes, 0, 39);  // three records do not fit: a new area of exactly three
+  EXPECT_EQ(state(proc), std::string(kBytes, 30) + "|30/3/3/30");
 
   proc.setDataDynamic(kBytes, 0, 0);
-  EXPECT_EQ(proc.getValidCount(), 0);
-  EXPECT_EQ(proc.getBlockBuffSize(), 30);
+  EXPECT_EQ(state(proc), std::string(kBytes, 30) + "|30/3/0/30");
+  proc.resetDataDynamic(kBytes, 0);  // the block data length drops to 0: the area is not reused
+  proc.setDataDynamic(kBytes, 0, 10);
+  EXPECT_EQ(state(proc), "0123456789|10/1/1/10");
   proc.setDataDynamic(nullptr, 0, 10);
   EXPECT_EQ(proc.getValidCount(), 0);
 }
 
 TEST_F(KXBlockDataProcDynamic, ShortReceiveGetsAnAreaOfExactlyItsBytes) {
   proc.setDataDynamic(kBytes, 0, 4);
-  EXPECT_EQ(bufferBytes(proc), "0123");
-  EXPECT_EQ(proc.getBufCount(), 1);
-  EXPECT_EQ(proc.getValidCount(), 1);
-  EXPECT_EQ(proc.getBlockDataLen(), 4);
+  EXPECT_EQ(state(proc), "0123|4/1/1/4");
+  proc.setDataDynamic(kBytes, 0, 6);  // still less than one record, but the 4-byte area is too small
+  EXPECT_EQ(state(proc), "012345|6/1/1/6");
 
-  // More bytes, still less than one record: the 4-byte area is too small and is replaced.
-  proc.setDataDynamic(kBytes, 0, 7);
-  EXPECT_EQ(bufferBytes(proc), "0123456");
-  EXPECT_EQ(proc.getBlockDataLen(), 7);
-
-  // A block without record size takes whatever it receives as one record.
-  BlockInfo empty("Empty");
-  KXBlockDataProc bare(&empty);
-  bare.setDataDynamic(kBytes, 1, 5);
-  EXPECT_EQ(bufferBytes(bare), "12345");
-  EXPECT_EQ(bare.getValidCount(), 1);
-}
-
-TEST_F(KXBlockDataProcDynamic, ReadsOfAFieldPastAShortAreaGiveNothing) {
-  proc.setDataDynamic(kBytes, 0, 6);  // head fits, tail would need bytes 4 to 9
+  // head fits, tail would need bytes 4 to 9: it reads as nothing.
   EXPECT_EQ(proc.getFieldDataFromInfo(&head, 0), "0123");
   EXPECT_EQ(proc.getFieldDataFromInfo(&tail, 0), "");
   EXPECT_EQ(proc.getFieldDataFromInfoEX(&tail, 0), "");
@@ -166,59 +131,40 @@ TEST_F(KXBlockDataProcDynamic, ReadsOfAFieldPastAShortAreaGiveNothing) {
   FieldData data;
   EXPECT_TRUE(proc.getFieldDataFromInfo(&tail, 0, data));
   EXPECT_EQ(data.getData(), "");
+
+  // A block without record size takes whatever it receives as one record.
+  BlockInfo empty("Empty");
+  KXBlockDataProc bare(&empty);
+  bare.setDataDynamic(kBytes, 1, 5);
+  EXPECT_EQ(state(bare), "12345|5/1/1/5");
 }
 
-TEST_F(KXBlockDataProcDynamic, ResetReusesTheLargestAreaAndBlanksItsTail) {
+TEST_F(KXBlockDataProcDynamic, ResetReusesTheAreaItCoversAndBlanksItsTail) {
   proc.resetDataDynamic(kBytes, 30);
   const uint8_t* area = proc.getData();
+  proc.resetDataDynamic(kBytes + 1, 30);  // exactly as long as the area: reused
+  EXPECT_EQ(proc.getData(), area);
   proc.resetDataDynamic("ABCDEFGHIJKL", 12);
   EXPECT_EQ(proc.getData(), area);
-  EXPECT_EQ(bufferBytes(proc), "ABCDEFGHIJKL" + std::string(18, ' '));
-  EXPECT_EQ(proc.getBlockDataLen(), 30);
-  EXPECT_EQ(proc.getBufCount(), 1);
-  EXPECT_EQ(proc.getValidCount(), 1);
-
+  EXPECT_EQ(state(proc), "ABCDEFGHIJKL" + std::string(18, ' ') + "|30/1/1/30");
   proc.resetDataDynamic(kBytes, 40);  // grows
-  EXPECT_EQ(proc.getBlockBuffSize(), 40);
-  EXPECT_EQ(proc.getBlockDataLen(), 40);
+  EXPECT_EQ(state(proc), std::string(kBytes, 40) + "|40/1/1/40");
 
-  proc.resetDataDynamic(kBytes, 0);
-  EXPECT_EQ(proc.getValidCount(), 0);
-  EXPECT_EQ(proc.getBlockDataLen(), 0);
-  EXPECT_EQ(proc.getBlockBuffSize(), 40);  // the area stays
-
-  proc.resetDataDynamic(kBytes, 5);  // nothing of the block data length is left to reuse
-  EXPECT_EQ(bufferBytes(proc), "01234");
-  EXPECT_EQ(proc.getBlockDataLen(), 5);
-}
-
-TEST_F(KXBlockDataProcDynamic, ResetAfterAnotherOperationReplacedTheAreaStaysInside) {
+  // Another operation replaced the area with a smaller one: a reset stays inside it.
   block.setRepeat(2);
-  proc.resetDataDynamic(kBytes, 30);
   proc.DefaultMemory();  // one record held: replaced by a 20-byte buffer
   ASSERT_EQ(proc.getBlockBuffSize(), 20);
-  EXPECT_LE(proc.getBlockDataLen(), proc.getBlockBuffSize());
-
+  EXPECT_LE(proc.getBlockDataLen(), 20);
   proc.resetDataDynamic("abcdefghijklmno", 15);
   EXPECT_EQ(bufferBytes(proc), "abcdefghijklmno     ");
   EXPECT_LE(proc.getBlockDataLen(), 20);
-
   proc.resetDataDynamic(kBytes, 25);  // more than the area holds: a new one
-  EXPECT_EQ(proc.getBlockBuffSize(), 25);
-  EXPECT_EQ(proc.getBlockDataLen(), 25);
-  EXPECT_EQ(bufferBytes(proc), std::string(kBytes, 25));
-}
+  EXPECT_EQ(state(proc), std::string(kBytes, 25) + "|25/1/1/25");
 
-TEST_F(KXBlockDataProcDynamic, InitDynamicRealBufferIndexKeepsListAndBuffer) {
-  block.setRepeat(4);
-  proc.DefaultMemory();
-  proc.setFieldDataDynamicLen(&head, 4, "v");
-  proc.initRealBufferIndex();
-  proc.initDynamicRealBufferIndex();
-  EXPECT_EQ(proc.getStartIndex(), 0);
-  EXPECT_EQ(proc.getValidCount(), 0);
-  EXPECT_EQ(proc.getDynamicInputCnt(), 1);
-  EXPECT_EQ(proc.getBlockBuffSize(), 40);
+  proc.resetDataDynamic(kBytes, 0);  // the area stays
+  EXPECT_EQ(state(proc), std::string(kBytes, 25) + "|25/1/0/0");
+  proc.resetDataDynamic(kBytes, 5);  // nothing of the block data length is left to reuse
+  EXPECT_EQ(state(proc), "01234|5/1/1/5");
 }
 
 }  // namespace

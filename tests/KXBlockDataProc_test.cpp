@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <string>
 
 #include "TestBlocks.h"
 
@@ -12,6 +12,7 @@ namespace blockproc {
 namespace {
 
 using testing::bufferBytes;
+using namespace std::string_literals;
 
 // A 10-byte record: text(3) num(7, 2 places).
 std::unique_ptr<BlockInfo> tenByteBlock(int8_t type = 0, int32_t repeat = 0) {
@@ -23,31 +24,48 @@ std::unique_ptr<BlockInfo> tenByteBlock(int8_t type = 0, int32_t repeat = 0) {
   return block;
 }
 
-TEST(KXBlockDataProcObject, NewProcessorState) {
-  auto block = tenByteBlock();
+// "bytes|buffer size/laid-out records/valid records", the bytes "none" when there is no buffer.
+std::string state(const KXBlockDataProc& p) {
+  return (p.getData() != nullptr ? bufferBytes(p) : "none") + "|" + std::to_string(p.getBlockBuffSize()) +
+         "/" + std::to_string(p.getBufCount()) + "/" + std::to_string(p.getValidCount());
+}
+
+// The state of a fresh processor after laying out the block's defaults.
+std::string laidOut(BlockInfo& block) {
+  KXBlockDataProc proc(&block);
+  proc.DefaultMemory();
+  return state(proc);
+}
+
+TEST(KXBlockDataProcObject, NewProcessorAndItsLists) {
+  auto block = tenByteBlock(0, 7);
   KXBlockDataProc proc(block.get());
-  EXPECT_EQ(proc.getLinkCount(), 0);
-  EXPECT_EQ(proc.getRealAPLinkCount(), 0);
-  EXPECT_EQ(proc.getValidCount(), 0);
-  EXPECT_EQ(proc.getLinkInfo(0), nullptr);
-  EXPECT_EQ(proc.getRealAPLinkInfo(0), nullptr);
-  EXPECT_EQ(proc.getData(), nullptr);
+  EXPECT_EQ(state(proc), "none|0/0/0");
   EXPECT_FALSE(proc.getReceived());
   EXPECT_TRUE(proc.getConnCtlList().empty());
   EXPECT_EQ(proc.getBlockName(), "OutBlock");
   EXPECT_EQ(proc.getEncodingType(), kTextEncodingCP949);
   EXPECT_EQ(proc.getDataProc(), nullptr);
-  EXPECT_EQ(proc.getBlockBuffSize(), 0);
-}
+  EXPECT_EQ(proc.getBlockRepCount(), 7);  // the definition's count even with the repeat bit clear
+  EXPECT_FALSE(proc.isOccursBlock());
+  EXPECT_EQ(proc.getRealAPLinkInfo(0), nullptr);
+  proc.addFieldLinkInfo(std::make_unique<FieldLinkInfo>(0));
+  proc.addFieldLinkInfo(std::make_unique<FieldLinkInfo>(1));
+  proc.addRealAPLinkInfo(std::make_unique<RealAPLinkInfo>(0));
+  EXPECT_EQ(proc.getLinkCount(), 2);
+  EXPECT_EQ(proc.getRealAPLinkCount(), 1);
+  EXPECT_EQ(proc.getLinkInfo(1)->nFieldIndex, 1);
+  EXPECT_EQ(proc.getLinkInfo(2), nullptr);
+  EXPECT_EQ(proc.getLinkInfo(-1), nullptr);
+  proc.setBlockName("Renamed");
+  EXPECT_EQ(proc.getBlockName(), "Renamed");
+  proc.setValidCount(-3);  // stored unchecked
+  EXPECT_EQ(proc.getValidCount(), -3);
 
-TEST(KXBlockDataProcObject, ConnectedControlsAreComparedByIdentity) {
-  KXBlockDataProc proc(nullptr);
+  // Connected controls are compared by identity, not by value.
   auto a = std::make_shared<std::string>("same");
-  auto b = std::make_shared<std::string>("same");  // equal value, distinct object
-  proc.addConnCtl(a);
-  proc.addConnCtl(a);
-  proc.addConnCtl(b);
-  EXPECT_EQ(proc.getConnCtlList().size(), 2u);
+  auto b = std::make_shared<std::string>("same");
+  for (const auto& control : {a, a, b}) proc.addConnCtl(control);
   int never = 0;
   proc.removeConnCtl(&never);
   EXPECT_EQ(proc.getConnCtlList().size(), 2u);
@@ -56,137 +74,76 @@ TEST(KXBlockDataProcObject, ConnectedControlsAreComparedByIdentity) {
   EXPECT_EQ(proc.getConnCtlList()[0].get(), b.get());
 }
 
-TEST(KXBlockDataProcObject, LinkListsAndAccessors) {
-  auto block = tenByteBlock(0, 7);
-  KXBlockDataProc proc(block.get());
-  proc.addFieldLinkInfo(std::make_unique<FieldLinkInfo>(0));
-  proc.addFieldLinkInfo(std::make_unique<FieldLinkInfo>(1));
-  proc.addRealAPLinkInfo(std::make_unique<RealAPLinkInfo>(0));
-  EXPECT_EQ(proc.getLinkCount(), 2);
-  EXPECT_EQ(proc.getLinkInfo(1)->nFieldIndex, 1);
-  EXPECT_EQ(proc.getLinkInfo(2), nullptr);
-  EXPECT_EQ(proc.getLinkInfo(-1), nullptr);
-  EXPECT_EQ(proc.getRealAPLinkCount(), 1);
-  EXPECT_EQ(proc.getBlockRepCount(), 7);  // the definition's count even with the repeat bit clear
-  EXPECT_FALSE(proc.isOccursBlock());
-  proc.setBlockName("Renamed");
-  EXPECT_EQ(proc.getBlockName(), "Renamed");
-  proc.setValidCount(-3);  // stored unchecked
-  EXPECT_EQ(proc.getValidCount(), -3);
-}
-
-TEST(KXBlockDataProcBuffer, PacketSize) {
-  struct Case {
+TEST(KXBlockDataProcBuffer, PacketSizeAndLaidOutRecords) {
+  const struct {
     int8_t type;
-    int32_t repeat;
-    int32_t size;
-  } cases[] = {{0, 3, 10}, {4, 3, 30}, {4, 0, 10}, {5, 2, 20}, {4, -2, 0}};
+    int32_t repeat, packetSize;
+    std::string layout;
+  } cases[] = {{0, 3, 10, "   0000.00|10/1/1"},
+               {4, 3, 30, "   0000.00   0000.00   0000.00|30/3/3"},
+               {4, 0, 10, "none|0/0/0"},
+               {5, 2, 20, "   0000.00   0000.00|20/2/2"},
+               {4, -2, 0, "none|0/0/0"}};
   for (const auto& c : cases) {
     auto block = tenByteBlock(c.type, c.repeat);
-    EXPECT_EQ(KXBlockDataProc(block.get()).calcPacketSize(), c.size) << int{c.type} << "/" << c.repeat;
+    EXPECT_EQ(KXBlockDataProc(block.get()).calcPacketSize(), c.packetSize) << int{c.type} << "/" << c.repeat;
+    EXPECT_EQ(laidOut(*block), c.layout) << int{c.type} << "/" << c.repeat;
   }
   EXPECT_EQ(KXBlockDataProc(nullptr).calcPacketSize(), 0);
 }
 
 TEST(KXBlockDataProcBuffer, DefaultContentsByTypeAndDecimalShape) {
   BlockInfo block("B");
-  block.addField("t", kFieldText, 3);
-  block.addField("n72", kFieldNumText, 7, 2);
-  block.addField("n32", kFieldNumText, 3, 2);
-  block.addField("n22", kFieldNumText, 2, 2);
-  block.addField("n70", kFieldNumText, 7, 0);
-  block.addField("i16", kFieldInt16, 2);
-  block.addField("f64", kFieldDouble, 8);
-  block.addField("none", kFieldNumText, 0, 0);
-  KXBlockDataProc proc(&block);
-  proc.DefaultMemory();
-  EXPECT_EQ(bufferBytes(proc), "   0000.00.00000000000          ");
-  EXPECT_EQ(proc.getBufCount(), 1);
-  EXPECT_EQ(proc.getValidCount(), 1);
+  const int32_t shapes[][3] = {{kFieldText, 3, 0},    {kFieldNumText, 7, 2}, {kFieldNumText, 3, 2},
+                               {kFieldNumText, 2, 2}, {kFieldNumText, 7, 0}, {kFieldInt16, 2, 0},
+                               {kFieldDouble, 8, 0},  {kFieldNumText, 0, 0}};
+  for (const auto& [type, length, decimals] : shapes) block.addField("f", type, length, decimals);
+  EXPECT_EQ(laidOut(block), "   0000.00.00000000000          |32/1/1");
 }
 
-TEST(KXBlockDataProcBuffer, RepeatedLayoutAndEmptyCounts) {
-  auto block = tenByteBlock(4, 3);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  EXPECT_EQ(proc.getBlockBuffSize(), 30);
-  EXPECT_EQ(bufferBytes(proc), "   0000.00   0000.00   0000.00");
-  EXPECT_EQ(proc.getValidCount(), 3);
-
-  auto none = tenByteBlock(4, 0);
-  KXBlockDataProc empty(none.get());
-  empty.DefaultMemory();
-  EXPECT_EQ(empty.getData(), nullptr);
-  EXPECT_EQ(empty.getBufCount(), 0);
-  EXPECT_EQ(empty.getValidCount(), 0);
-}
-
-TEST(KXBlockDataProcBuffer, DefaultMemoryReusesALargeEnoughBufferAndKeepsGapBytes) {
+TEST(KXBlockDataProcBuffer, LayoutIsRedoneInPlaceOrAnewAndWipesBlankIt) {
   BlockInfo block("B");
   block.m_bAttribute = true;
+  block.setRepeat(2);
   block.addField("t", kFieldText, 3);  // attribute byte at 3
   block.addField("n", kFieldNumText, 4, 1);
   KXBlockDataProc proc(&block);
   proc.DefaultMemory();
-  const uint8_t* first = proc.getData();
-  const_cast<uint8_t*>(first)[3] = 'A';  // the attribute byte belongs to no field's data
-  const_cast<uint8_t*>(first)[0] = 'x';
-  proc.DefaultMemory();
+  auto* first = const_cast<uint8_t*>(proc.getData());
+  first[3] = 'A';  // the attribute byte belongs to no field's data
+  first[0] = 'x';
+  proc.DefaultMemory();  // a large enough buffer is reused
   EXPECT_EQ(proc.getData(), first);
-  EXPECT_EQ(bufferBytes(proc), "   A00.0 ");
-}
-
-TEST(KXBlockDataProcBuffer, DefaultMemoryRelaysOutWhenTheBufferIsTooSmall) {
-  auto block = tenByteBlock(4, 2);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  block->m_nRepeatCount = 4;
-  proc.DefaultMemory();
-  EXPECT_EQ(proc.getBufCount(), 4);
-  EXPECT_EQ(proc.getBlockBuffSize(), 40);
-  EXPECT_EQ(bufferBytes(proc, 30, 10), "   0000.00");
-}
-
-TEST(KXBlockDataProcBuffer, WipesBlankEverythingAndKeepTheLayout) {
-  auto block = tenByteBlock(4, 2);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  proc.clearData();
-  EXPECT_EQ(bufferBytes(proc), std::string(20, ' '));
-  EXPECT_EQ(proc.getValidCount(), 0);
-  EXPECT_EQ(proc.getBufCount(), 2);
-  EXPECT_EQ(proc.getBlockBuffSize(), 20);
+  const std::string defaults = "   A00.0     00.0 ";
+  EXPECT_EQ(bufferBytes(proc), defaults);
 
   // The length form blanks only dynamic-length data: nothing when there is none.
-  proc.DefaultMemory();
   proc.wipeBuffer(1000);
-  EXPECT_EQ(bufferBytes(proc), "   0000.00   0000.00");
+  EXPECT_EQ(bufferBytes(proc), defaults);
   EXPECT_EQ(proc.getValidCount(), 0);
+  proc.DefaultMemory();
+  proc.clearData();
+  EXPECT_EQ(state(proc), std::string(18, ' ') + "|18/2/0");
+  proc.initRealBufferIndex();  // real-time records start past the laid-out ones
+  EXPECT_EQ(proc.getStartIndex(), 2);
+  EXPECT_EQ(proc.getValidCount(), 0);
+
+  block.setRepeat(3);  // more records than the buffer holds: laid out anew
+  proc.DefaultMemory();
+  EXPECT_EQ(state(proc), "    00.0     00.0     00.0 |27/3/3");
 }
 
 TEST(KXBlockDataProcBuffer, ReSizeBytesCopiesTheRecordsItHolds) {
   auto block = tenByteBlock(4, 2);
   KXBlockDataProc proc(block.get());
-  auto fresh = proc.reSizeBytes(nullptr, 5);
-  EXPECT_EQ(std::memcmp(fresh.get(), "     \0", 6), 0);
-
+  const auto resized = [&](const uint8_t* old, int32_t length) {  // with the terminating zero
+    return std::string(reinterpret_cast<const char*>(proc.reSizeBytes(old, length).get()), length + 1);
+  };
+  EXPECT_EQ(resized(nullptr, 5), "     \0"s);
   proc.DefaultMemory();
-  auto grown = proc.reSizeBytes(proc.getData(), 25);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(grown.get()), 26),
-            std::string("   0000.00   0000.00     \0", 26));
-  auto shrunk = proc.reSizeBytes(proc.getData(), 4);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(shrunk.get()), 5), std::string("   0\0", 5));
-  auto negative = proc.reSizeBytes(proc.getData(), -4);
-  EXPECT_EQ(negative[0], 0);
-}
-
-TEST(KXBlockDataProcBuffer, InitRealBufferIndexMovesToTheEnd) {
-  auto block = tenByteBlock(4, 20);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  proc.initRealBufferIndex();
-  EXPECT_EQ(proc.getStartIndex(), 20);
-  EXPECT_EQ(proc.getValidCount(), 0);
+  EXPECT_EQ(resized(proc.getData(), 25), "   0000.00   0000.00     \0"s);
+  EXPECT_EQ(resized(proc.getData(), 4), "   0\0"s);
+  EXPECT_EQ(proc.reSizeBytes(proc.getData(), -4)[0], 0);
 }
 
 TEST(KXBlockDataProcBuffer, BadDefinitionsLayOutNothingAndNeverCrash) {
@@ -195,25 +152,17 @@ TEST(KXBlockDataProcBuffer, BadDefinitionsLayOutNothingAndNeverCrash) {
   negative.addField("a", kFieldText, 4);
   negative.addField("b", kFieldNumText, -3, 2);
   negative.addField("c", kFieldNumText, 4, 9, 2'000'000'000);  // far past the record
-  KXBlockDataProc proc(&negative);
-  proc.DefaultMemory();
-  EXPECT_EQ(proc.getData(), nullptr);
-  EXPECT_EQ(proc.getValidCount(), 0);
+  EXPECT_EQ(laidOut(negative), "none|0/0/0");
 
   BlockInfo huge("H");
   huge.setRepeat(1'000'000);
   huge.addField("a", kFieldText, 100'000);
-  KXBlockDataProc big(&huge);
-  big.DefaultMemory();  // 10^11 bytes do not fit 32 bits
-  EXPECT_EQ(big.getData(), nullptr);
-  EXPECT_EQ(big.getBufCount(), 0);
+  EXPECT_EQ(laidOut(huge), "none|0/0/0");  // 10^11 bytes do not fit 32 bits
 
   BlockInfo outside("O");
   outside.m_nRecordIOMemSize = 4;  // a record size shorter than its fields
   outside.addField("a", kFieldNumText, 8, 2);
-  KXBlockDataProc shortRecord(&outside);
-  shortRecord.DefaultMemory();
-  EXPECT_EQ(bufferBytes(shortRecord), "    ");
+  EXPECT_EQ(laidOut(outside), "    |4/1/1");
 }
 
 TEST(KXBlockDataProcLookup, ExactNamesFirstInBlockOrder) {
@@ -221,13 +170,10 @@ TEST(KXBlockDataProcLookup, ExactNamesFirstInBlockOrder) {
   block.addField("A", kFieldText, 1);
   FieldInfo& b = block.addField("B", kFieldText, 1);
   block.addField("A", kFieldText, 1);
-  b.bPassword = true;
-  b.bAccountNo = true;
+  b.bPassword = b.bAccountNo = true;
   KXBlockDataProc proc(&block);
-  EXPECT_EQ(proc.getFieldIndexFromName("A"), 0);
-  EXPECT_EQ(proc.getFieldIndexFromName("B"), 1);
-  EXPECT_EQ(proc.getFieldIndexFromName("C"), -1);
-  EXPECT_EQ(proc.getFieldIndexFromName("a"), -1);
+  for (const auto& [name, index] : {std::pair{"A", 0}, {"B", 1}, {"C", -1}, {"a", -1}})
+    EXPECT_EQ(proc.getFieldIndexFromName(name), index) << name;
   EXPECT_EQ(proc.findFieldInfo("B"), &b);
   EXPECT_TRUE(proc.isPasswordField("B"));
   EXPECT_TRUE(proc.isAccountNoField("B"));
