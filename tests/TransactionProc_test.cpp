@@ -155,7 +155,8 @@ TEST(TransactionProc, LinksTheSampleAndRebuildsItsReplyFromTheDecodedValues) {
 // Input blocks: a header with a count field, a repeated block counted by it, one counted by a prefix.
 const std::string kRequestBlocks = R"(<transaction code='T' occurslen='3'><input>
 <block name='In'><field name='code' type='text' length='4'/><field name='n' type='int16'/>
-  <field name='qty' type='number' length='6' decimals='2'/><field name='flag' type='int16'/></block>
+  <field name='qty' type='number' length='6' decimals='2'/><field name='flag' type='int16'/>
+  <field name='vol' type='int64'/></block>
 <block name='Items' repeat='3' count='In.n'><field name='id' type='text' length='2'/></block>
 <block name='Tags' repeat='2' count='prefix'><field name='t' type='text' length='1'/></block>
 </input></transaction>)";
@@ -168,15 +169,15 @@ BlockValues inBlock(std::vector<std::pair<std::string, std::string>> fields) {
 TEST(TransactionProc, BuildsRequestsOrSaysWhatIsWrong) {
   Loaded t = load(kRequestBlocks);
   ASSERT_TRUE(t.proc);
-  auto built = t.proc->buildRequest({inBlock({{"code", "AB"}, {"qty", "1.5"}}),
+  auto built = t.proc->buildRequest({inBlock({{"code", "AB"}, {"qty", " 1.5 "}}),
                                      {"Items", {{{{"id", "x1"}}, {}}, {{{"id", "y2"}}, {}}}},
                                      {"Tags", {{{{"t", "k"}}, {}}}}});
   EXPECT_TRUE(built.ok) << built.message;  // the count field and the count prefix filled in
-  EXPECT_EQ(built.bytes, "AB  \x02" + std::string(1, '\0') + "001.50  x1y2001k");
+  EXPECT_EQ(built.bytes, "AB  \x02" + std::string(1, '\0') + "001.50" + std::string(10, ' ') + "x1y2001k");
   // Blocks left out: the one-record block sends its defaults, the repeated ones nothing but their count.
   built = t.proc->buildRequest({});
   EXPECT_TRUE(built.ok) << built.message;
-  EXPECT_EQ(built.bytes, "    " + std::string(2, '\0') + "000.00  000");
+  EXPECT_EQ(built.bytes, "    " + std::string(2, '\0') + "000.00" + std::string(10, ' ') + "000");
 
   const std::pair<std::vector<BlockValues>, std::string> refusals[] = {
       {{{"Out", {}}}, "'Out' is not an input block of T (its input blocks: In, Items, Tags)"},
@@ -186,6 +187,8 @@ TEST(TransactionProc, BuildsRequestsOrSaysWhatIsWrong) {
       {{inBlock({{"qty", "1234.5"}})},
        "In.qty: '1234.5' does not fit: the field has room for 3 digits before the point"},
       {{inBlock({{"flag", "40000"}})}, "In.flag: '40000' lies outside -32,768 to 32,767"},
+      {{inBlock({{"vol", "-9223372036854775809"}})},
+       "In.vol: '-9223372036854775809' lies outside -9,223,372,036,854,775,808 to 9,223,372,036,854,775,807"},
       {{inBlock({{"code", "\xF0\x9F\x98\x80"}})}, "In.code: '\xF0\x9F\x98\x80' cannot be written in cp949"},
       {{{"In", {{}, {}}}}, "block In holds one record; 2 were given"},
       {{{"Tags", {}}, {"Tags", {}}}, "values for block Tags are given twice"},

@@ -3,6 +3,7 @@
 #include "blockproc/engine/TransactionProc.h"
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 
 #include "blockproc/codec/TextCodec.h"
@@ -66,18 +67,15 @@ struct NumberShape {
   int64_t integerBytes = 0;  // bytes ahead of the point, sign excluded
 };
 
-// Numeric text as the writers take it: a sign as the first character, or spaces around; digits with at
-// most one point; for floating-point types also an exponent.
+// Numeric text as the engine hands it to the writers (surrounding spaces already gone): an optional sign,
+// digits with at most one point, and for floating-point types an optional exponent.
 NumberShape numberShape(std::string_view text, bool exponent) {
   NumberShape shape;
   size_t i = 0;
   if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
     shape.sign = true;
     ++i;
-  } else {
-    while (i < text.size() && text[i] == ' ') ++i;
   }
-  const size_t start = i;
   int digits = 0;
   while (i < text.size() && isDigit(text[i])) ++i, ++digits;
   shape.integerBytes = static_cast<int64_t>(i - (shape.sign ? 1 : 0));
@@ -94,9 +92,20 @@ NumberShape numberShape(std::string_view text, bool exponent) {
       i = j;
     }
   }
-  while (i < text.size() && text[i] == ' ') ++i;
-  shape.ok = i == text.size() && start <= i;
+  shape.ok = i == text.size();
   return shape;
+}
+
+// A number's text without the spaces around it: " 123.45" is the number 123.45, and the writers would
+// otherwise take the spaces as digits.
+std::string_view trimSpaces(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
+}
+
+bool isNumberType(int32_t dataType) {
+  return dataType >= kFieldNumText && dataType <= kFieldSInt64;
 }
 
 // Why the value cannot be written into the field as it stands, or "".
@@ -132,6 +141,11 @@ std::string valueProblem(const FieldInfo& field, std::string_view value, uint32_
     case kFieldSInt64: {
       const NumberShape shape = numberShape(value, false);
       if (!shape.ok || value.find('.') != std::string_view::npos) return "is not a whole number";
+      int64_t v = 0;
+      const std::string_view digits = value[0] == '+' ? value.substr(1) : value;
+      const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v);
+      if (ec != std::errc() || end != digits.data() + digits.size())
+        return "lies outside -9,223,372,036,854,775,808 to 9,223,372,036,854,775,807";
       return {};
     }
     case kFieldFloat:
@@ -385,9 +399,10 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& record, int32_t inde
   for (const auto& [name, value] : record.fields) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
-    const std::string problem = valueProblem(*field, value, proc.getEncodingType());
+    const std::string_view written = isNumberType(field->nDataType) ? trimSpaces(value) : value;
+    const std::string problem = valueProblem(*field, written, proc.getEncodingType());
     if (!problem.empty()) throw Refusal{block + "." + name + ": '" + value + "' " + problem};
-    proc.setFieldDataFromInfo(field, index, value);
+    proc.setFieldDataFromInfo(field, index, written);
   }
   for (const auto& [name, attr] : record.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);

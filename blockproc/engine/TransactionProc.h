@@ -84,7 +84,9 @@ class TransactionProc : public BaseDataProc {
 
   // The request: for every input block in order, its count prefix when it has one, then each record's
   // fields back to back (getStructInputData). A block the values leave out sends one record of defaults
-  // (no record when it is repeated). A count field left out is filled with its block's record count.
+  // (no record when it is repeated). A count field left out is filled with its block's record count. A value
+  // for a number field loses the spaces around it; one that is not a number of the field's type, lies outside
+  // its range or does not fit is refused with the field and the reason.
   BuildResult buildRequest(const std::vector<BlockValues>& values) noexcept;
   // The reply that receiveReply would split into these values: for every output block in order, its count
   // prefix when it has one, then its records as laid out in memory (attribute bytes included).
