@@ -10,7 +10,6 @@
 namespace blockproc {
 namespace {
 
-using testing::bufferBytes;
 using namespace std::string_literals;
 
 // Puts raw bytes into the record buffer at an offset (the buffer must already hold them).
@@ -27,23 +26,13 @@ std::string pack(const KXBlockDataProc& proc, size_t expected) {
   return send.substr(0, expected);
 }
 
-TEST(KXBlockDataProcOutgoing, PacksFieldsBackToBackWithoutAttributeBytes) {
-  BlockInfo block("In");
-  block.addField("a", kFieldText, 10).nAttr = 1;  // attribute byte at 10
-  block.addField("b", kFieldNumText, 5, 1);       // at 11: a 16-byte record
-  KXBlockDataProc proc(&block);
-  proc.setFieldDataFromName("a", 0, "hello");
-  proc.setFieldDataFromName("b", 0, "3.5");
-  poke(proc, 10, "A");
-  ASSERT_EQ(proc.getBlockBuffSize(), 16);
-  EXPECT_EQ(pack(proc, 15), "hello     003.5");
-}
-
-TEST(KXBlockDataProcOutgoing, BlockOrderWhateverThePositionsAndOnlyTheFirstRecord) {
+TEST(KXBlockDataProcOutgoing, FieldsBackToBackInBlockOrderFromBufferRecordZero) {
+  // Positions out of block order, an attribute byte, a gap byte and a field of length 0: the send buffer
+  // gets only the fields' bytes, back to back in block order, from the buffer's first record.
   BlockInfo block("In");
   block.setRepeat(4);
-  block.addField("late", kFieldText, 3, 0, 6);
-  block.addField("none", kFieldText, 0, 0, 2);  // adds nothing, does not move the write position
+  block.addField("late", kFieldText, 3, 0, 6).nAttr = 1;  // attribute byte at 9
+  block.addField("none", kFieldText, 0, 0, 2);
   block.addField("early", kFieldText, 2, 0, 0);
   block.addField("bin", kFieldInt16, 2, 0, 3);
   KXBlockDataProc proc(&block);
@@ -54,42 +43,28 @@ TEST(KXBlockDataProcOutgoing, BlockOrderWhateverThePositionsAndOnlyTheFirstRecor
     proc.setFieldDataFromName("early", i, "E" + tag);
     proc.setFieldDataFromName("bin", i, "258");
   }
-  poke(proc, 5, "#");  // a gap byte that belongs to no field
-  EXPECT_EQ(proc.getValidCount(), 4);
+  poke(proc, 5, "#");
+  poke(proc, 9, "A");
+  EXPECT_EQ(pack(proc, 7), "L0 E0\x02\x01"s);
+  proc.initRealBufferIndex();  // the start index plays no part
   EXPECT_EQ(pack(proc, 7), "L0 E0\x02\x01"s);
 }
 
 TEST(KXBlockDataProcOutgoing, EveryFieldLengthIsCopiedExactly) {
   // Lengths 1 to 40, each field one gap byte after the previous, every byte distinct from its neighbours.
+  const auto byteAt = [](int32_t offset) { return static_cast<char>('!' + offset % 90); };
   BlockInfo block("Lengths");
   std::string expected;
-  int32_t pos = 0;
-  for (int32_t length = 1; length <= 40; ++length) {
+  for (int32_t length = 1, pos = 0; length <= 40; pos += length + 1, ++length) {
     block.addField("f" + std::to_string(length), kFieldText, length, 0, pos);
-    pos += length + 1;
+    for (int32_t i = pos; i < pos + length; ++i) expected += byteAt(i);
   }
   KXBlockDataProc proc(&block);
   proc.DefaultMemory();
-  std::string record(static_cast<size_t>(proc.getBlockBuffSize()), ' ');
-  for (size_t i = 0; i < record.size(); ++i) record[i] = static_cast<char>('!' + i % 90);
+  std::string record;
+  for (int32_t i = 0; i < proc.getBlockBuffSize(); ++i) record += byteAt(i);
   poke(proc, 0, record);
-  pos = 0;
-  for (int32_t length = 1; length <= 40; ++length) {
-    expected += record.substr(static_cast<size_t>(pos), static_cast<size_t>(length));
-    pos += length + 1;
-  }
   EXPECT_EQ(pack(proc, expected.size()), expected);
-}
-
-TEST(KXBlockDataProcOutgoing, WorksFromBufferRecordZeroIgnoringTheStartIndex) {
-  auto block = std::make_unique<BlockInfo>("In");
-  block->setRepeat(3);
-  block->addField("t", kFieldText, 2);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  poke(proc, 0, "r0r1r2");
-  proc.initRealBufferIndex();
-  EXPECT_EQ(pack(proc, 2), "r0");
 }
 
 TEST(KXBlockDataProcOutgoing, BytesOutsideTheBufferGoAsSpaces) {
@@ -104,15 +79,11 @@ TEST(KXBlockDataProcOutgoing, BytesOutsideTheBufferGoAsSpaces) {
   poke(proc, 0, "abcdef");
   EXPECT_EQ(pack(proc, 11), "abcdef     ");
 
-  // Without a buffer nothing is written at all.
+  // Without a buffer, a send buffer or a block definition nothing is written at all.
   KXBlockDataProc empty(&block);
   EXPECT_EQ(pack(empty, 0), "");
-  std::string untouched(4, '#');
-  empty.getStructInputData(untouched.data());
-  EXPECT_EQ(untouched, "####");
   proc.getStructInputData(nullptr);
-  KXBlockDataProc(nullptr).getStructInputData(untouched.data());
-  EXPECT_EQ(untouched, "####");
+  EXPECT_EQ(pack(KXBlockDataProc(nullptr), 0), "");
 }
 
 TEST(KXBlockDataProcBlockData, RecordCountFollowsTheRepeatBit) {
@@ -133,40 +104,36 @@ TEST(KXBlockDataProcBlockData, RecordCountFollowsTheRepeatBit) {
   KXBlockDataProc repeated(block.get());
   repeated.DefaultMemory();
   poke(repeated, 0, "r0  r1  r2  ");
-  repeated.setValidCount(0);
-  EXPECT_EQ(repeated.getBlockData(), "");
-  repeated.setValidCount(2);
-  EXPECT_EQ(repeated.getBlockData(), "r0  r1  ");
-  repeated.setValidCount(50);
-  EXPECT_EQ(repeated.getBlockData(), "r0  r1  r2  ");
-  repeated.setValidCount(-1);
-  EXPECT_EQ(repeated.getBlockData(), "");
+  const struct {
+    int32_t valid;
+    const char* text;
+  } rows[] = {{0, ""}, {2, "r0  r1  "}, {50, "r0  r1  r2  "}, {-1, ""}};
+  for (const auto& r : rows) {
+    repeated.setValidCount(r.valid);
+    EXPECT_EQ(repeated.getBlockData(), r.text) << r.valid;
+  }
 }
 
-TEST(KXBlockDataProcBlockData, Utf8FirstThenCodePage949ThenNothing) {
-  auto block = std::make_unique<BlockInfo>("B");
-  block->addField("t", kFieldText, 6);
-  KXBlockDataProc proc(block.get());
-  proc.setEncodingType(kTextEncodingASCII);  // the processor's encoding plays no part
-  proc.DefaultMemory();
-
-  poke(proc, 0, "\xEA\xB0\x80\xEB\x82\x98");  // valid UTF-8 stays as it is
-  EXPECT_EQ(proc.getBlockData(), "\xEA\xB0\x80\xEB\x82\x98");
-  poke(proc, 0, "\xB0\xA1\xB3\xAA\xB4\xD9");  // cp949 only
-  EXPECT_EQ(proc.getBlockData(), "\xEA\xB0\x80\xEB\x82\x98\xEB\x8B\xA4");
-  poke(proc, 0, "ab\xFF\xFF  ");  // neither
-  EXPECT_EQ(proc.getBlockData(), std::nullopt);
-}
-
-TEST(KXBlockDataProcBlockData, CutAtTheFirstZeroByte) {
+TEST(KXBlockDataProcBlockData, Utf8FirstThenCodePage949ThenNothingCutAtTheFirstZeroByte) {
   auto block = std::make_unique<BlockInfo>("B");
   block->addField("t", kFieldText, 10);
   KXBlockDataProc proc(block.get());
+  proc.setEncodingType(kTextEncodingASCII);  // the processor's encoding plays no part
   proc.DefaultMemory();
-  poke(proc, 0, "abcde\0\xFF\xFFgh"s);  // the undecodable bytes after the zero do not count
-  EXPECT_EQ(proc.getBlockData(), "abcde");
-  poke(proc, 0, "\0"s);
-  EXPECT_EQ(proc.getBlockData(), "");
+  const struct {
+    std::string bytes;
+    std::optional<std::string> text;
+  } rows[] = {
+      {"\xEA\xB0\x80\xEB\x82\x98    ", "\xEA\xB0\x80\xEB\x82\x98    "},  // valid UTF-8 stays as it is
+      {"\xB0\xA1\xB3\xAA\xB4\xD9    ", "\xEA\xB0\x80\xEB\x82\x98\xEB\x8B\xA4    "},  // cp949 only
+      {"ab\xFF\xFF      ", std::nullopt},                                            // neither
+      {"abcde\0\xFF\xFFgh"s, "abcde"},  // the undecodable bytes after the zero do not count
+      {"\0         "s, ""},
+  };
+  for (const auto& r : rows) {
+    poke(proc, 0, r.bytes);
+    EXPECT_EQ(proc.getBlockData(), r.text);
+  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -15,9 +16,8 @@ namespace {
 using testing::bufferBytes;
 using namespace std::string_literals;
 
-// cp949 bytes of the Hangul syllables U+AC00, U+B098, U+B2E4 (written in UTF-8 in the values).
+// The Hangul syllables U+AC00, U+B098, U+B2E4 in UTF-8; in cp949 they are B0A1 B3AA B4D9.
 constexpr const char* kGaNaDa = "\xEA\xB0\x80\xEB\x82\x98\xEB\x8B\xA4";
-const std::string kGaNaDaCp949 = "\xB0\xA1\xB3\xAA\xB4\xD9";
 constexpr const char* kEmoji = "\xF0\x9F\x98\x80";  // not representable in cp949
 
 // A block with one field of the given shape at position 0.
@@ -50,7 +50,22 @@ class ThrowingField : public FieldInfo {
 
 // ---- main writer ----------------------------------------------------------------------------------------
 
-TEST(KXBlockDataProcWrite, NumericTextWorkedExamples) {
+// Writes the value into field "f" of that shape, followed by a text field holding "zz", and returns the
+// field's bytes; the neighbour must come out untouched.
+std::string written(int32_t type, int32_t length, int32_t decimals, const char* value) {
+  auto block = oneField(type, length, decimals);
+  block->addField("after", kFieldText, 2);
+  KXBlockDataProc proc(block.get());
+  proc.setFieldDataFromName("after", 0, "zz");
+  EXPECT_FALSE(proc.setFieldDataFromName("f", 0, value));
+  const std::string record = bufferBytes(proc);
+  EXPECT_EQ(record.substr(static_cast<size_t>(length)), "zz") << "spilled past the field";
+  return record.substr(0, static_cast<size_t>(length));
+}
+
+TEST(KXBlockDataProcWrite, NumericTextLayout) {
+  // Zero-filled behind the sign (found anywhere in the value), the places completed, a long value cut at
+  // the field's end.
   const struct {
     const char* value;
     int32_t length;
@@ -66,90 +81,41 @@ TEST(KXBlockDataProcWrite, NumericTextWorkedExamples) {
       {"+12", 5, 0, "+0012"},          {"", 5, 0, "00000"},
       {"1234567", 5, 0, "12345"},      {"5-3", 6, 0, "-000-3"},
   };
-  for (const auto& r : rows) {
-    // A trailing text field shows that the numeric text never spills into its neighbour.
-    auto block = oneField(kFieldNumText, r.length, r.decimals);
-    block->addField("after", kFieldText, 2);
-    KXBlockDataProc proc(block.get());
-    EXPECT_FALSE(proc.setFieldDataFromName("after", 0, "zz"));
-    EXPECT_FALSE(proc.setFieldDataFromName("f", 0, r.value));
-    EXPECT_EQ(bufferBytes(proc), std::string(r.field) + "zz")
+  for (const auto& r : rows)
+    EXPECT_EQ(written(kFieldNumText, r.length, r.decimals, r.value), r.field)
         << r.value << " L" << r.length << " D" << r.decimals;
-  }
 }
 
-TEST(KXBlockDataProcWrite, TextIsLeftAlignedAndCutAtTheFieldLength) {
-  auto block = oneField(kFieldText, 5);
-  KXBlockDataProc proc(block.get());
-  proc.setFieldDataFromName("f", 0, "ABC");
-  EXPECT_EQ(bufferBytes(proc), "ABC  ");
-  proc.setFieldDataFromName("f", 0, "ABCDEFG");
-  EXPECT_EQ(bufferBytes(proc), "ABCDE");
-  proc.setFieldDataFromName("f", 0, kGaNaDa);  // six bytes in cp949: the third syllable is cut in half
-  EXPECT_EQ(bufferBytes(proc), kGaNaDaCp949.substr(0, 5));
-  proc.setFieldDataFromName("f", 0, "");
-  EXPECT_EQ(bufferBytes(proc), "     ");
-
-  proc.setEncodingType(kTextEncodingUTF8);
-  proc.setFieldDataFromName("f", 0, "A"s + kGaNaDa);
-  EXPECT_EQ(bufferBytes(proc), "A\xEA\xB0\x80\xEB");
+TEST(KXBlockDataProcWrite, TextBinaryAndOtherTypesLayout) {
+  // Text is left-aligned and cut, inside a double-byte character too.
+  EXPECT_EQ(written(kFieldText, 5, 0, "ABC"), "ABC  ");
+  EXPECT_EQ(written(kFieldText, 5, 0, "ABCDEFG"), "ABCDE");
+  EXPECT_EQ(written(kFieldText, 5, 0, kGaNaDa), "\xB0\xA1\xB3\xAA\xB4");
+  EXPECT_EQ(written(kFieldText, 5, 0, ""), "     ");
+  // Binary types take the leading number, little-endian and unscaled by the places.
+  EXPECT_EQ(written(kFieldInt16, 2, 0, "1234"), "\xD2\x04");
+  EXPECT_EQ(written(kFieldInt16, 2, 0, "70000"), "\x70\x11");  // the low 16 bits
+  EXPECT_EQ(written(kFieldInt16, 2, 0, "-2"), "\xFE\xFF");
+  EXPECT_EQ(written(kFieldInt16, 2, 0, ""), "\x00\x00"s);
+  EXPECT_EQ(written(kFieldInt16, 2, 0, "x12"), "\x00\x00"s);
+  EXPECT_EQ(written(kFieldInt16, 4, 0, " 1234abc"), "\xD2\x04  ");  // the rest of the field stays spaces
+  EXPECT_EQ(written(kFieldInt64, 8, 0, "1234567890123"), "\xCB\x04\xFB\x71\x1F\x01\x00\x00"s);
+  EXPECT_EQ(written(kFieldInt64, 8, 0, "99999999999999999999"), "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F");
+  EXPECT_EQ(written(kFieldInt64, 8, 0, "-1"), "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF");
+  EXPECT_EQ(written(kFieldInt64, 3, 0, "1234567890123"), "\xCB\x04\xFB");  // the low-order bytes
+  EXPECT_EQ(written(kFieldFloat, 4, 2, "12.5"), "\x00\x00\x48\x41"s);
+  EXPECT_EQ(written(kFieldFloat, 4, 0, "0.1"), "\xCD\xCC\xCC\x3D");
+  EXPECT_EQ(written(kFieldDouble, 8, 3, "12.5"), "\x00\x00\x00\x00\x00\x00\x29\x40"s);
+  EXPECT_EQ(written(kFieldDouble, 8, 0, "-1e400"), "\x00\x00\x00\x00\x00\x00\xF0\xFF"s);
+  EXPECT_EQ(written(kFieldDouble, 1, 0, "12.5"), "\x00"s);
+  // Other types: the digits text right-aligned behind zeros, with no sign handling.
+  EXPECT_EQ(written(kFieldSInt64, 8, 0, "123"), "00000123");
+  EXPECT_EQ(written(kFieldSInt64, 6, 0, "-12"), "000-12");
+  EXPECT_EQ(written(kFieldSInt64, 3, 0, "12345"), "123");
+  EXPECT_EQ(written(42, 4, 0, ""), "0000");
 }
 
-TEST(KXBlockDataProcWrite, BinaryTypesFromTheLeadingNumber) {
-  const struct {
-    int32_t type;
-    int32_t length;
-    int32_t decimals;
-    const char* value;
-    std::string field;
-  } rows[] = {
-      {kFieldInt16, 2, 0, "1234", "\xD2\x04"s},
-      {kFieldInt16, 2, 0, "70000", "\x70\x11"s},  // the low 16 bits
-      {kFieldInt16, 2, 0, "-2", "\xFE\xFF"s},
-      {kFieldInt16, 2, 0, "", "\x00\x00"s},
-      {kFieldInt16, 2, 0, "x12", "\x00\x00"s},
-      {kFieldInt16, 4, 0, " 1234abc", "\xD2\x04  "s},  // the rest of the field stays spaces
-      {kFieldInt64, 8, 0, "1234567890123", "\xCB\x04\xFB\x71\x1F\x01\x00\x00"s},
-      {kFieldInt64, 8, 0, "99999999999999999999", "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F"s},  // clamped
-      {kFieldInt64, 8, 0, "-1", "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s},
-      {kFieldFloat, 4, 2, "12.5", "\x00\x00\x48\x41"s},  // not scaled by the places
-      {kFieldFloat, 4, 0, "0.1", "\xCD\xCC\xCC\x3D"s},
-      {kFieldDouble, 8, 3, "12.5", "\x00\x00\x00\x00\x00\x00\x29\x40"s},
-      {kFieldDouble, 8, 0, "-1e400", "\x00\x00\x00\x00\x00\x00\xF0\xFF"s},
-      {kFieldInt64, 3, 0, "1234567890123", "\xCB\x04\xFB"s},  // a short field takes the low-order bytes
-      {kFieldDouble, 1, 0, "12.5", "\x00"s},
-  };
-  for (const auto& r : rows) {
-    auto block = oneField(r.type, r.length, r.decimals);
-    block->addField("after", kFieldText, 2);
-    KXBlockDataProc proc(block.get());
-    proc.setFieldDataFromName("after", 0, "zz");
-    proc.setFieldDataFromName("f", 0, r.value);
-    EXPECT_EQ(bufferBytes(proc), r.field + "zz") << "type " << r.type << " value " << r.value;
-  }
-}
-
-TEST(KXBlockDataProcWrite, OtherTypesAsDigitsTextWithoutSignHandling) {
-  const struct {
-    int32_t type;
-    int32_t length;
-    const char* value;
-    const char* field;
-  } rows[] = {
-      {kFieldSInt64, 8, "123", "00000123"},
-      {kFieldSInt64, 6, "-12", "000-12"},
-      {kFieldSInt64, 3, "12345", "123"},
-      {42, 4, "", "0000"},
-  };
-  for (const auto& r : rows) {
-    auto block = oneField(r.type, r.length);
-    KXBlockDataProc proc(block.get());
-    proc.setFieldDataFromName("f", 0, r.value);
-    EXPECT_EQ(bufferBytes(proc), r.field) << r.value;
-  }
-}
-
-TEST(KXBlockDataProcWrite, AbsentOrUnconvertibleValuesLeaveTheFieldBlank) {
+TEST(KXBlockDataProcWrite, EncodingDecidesTheBytesAndUnconvertibleValuesLeaveTheFieldBlank) {
   auto block = textAndNumber();
   KXBlockDataProc proc(block.get());
   proc.DefaultMemory();  // "    000.00"
@@ -165,50 +131,47 @@ TEST(KXBlockDataProcWrite, AbsentOrUnconvertibleValuesLeaveTheFieldBlank) {
   proc.setFieldDataFromName("n", 0, "1.5");
   proc.setFieldDataFromName("t", 0, kGaNaDa);
   EXPECT_EQ(bufferBytes(proc), "    001.50");
+  proc.setEncodingType(kTextEncodingUTF8);  // the cut falls inside a three-byte character
+  proc.setFieldDataFromName("t", 0, "AB"s + kGaNaDa);
+  EXPECT_EQ(bufferBytes(proc, 0, 4), "AB\xEA\xB0");
   proc.setEncodingType(0xDEAD);  // no codec knows it: even ASCII text cannot be converted
   proc.setFieldDataFromName("n", 0, "1.5");
+  proc.setFieldDataFromName("t", 0, "ab");
   EXPECT_EQ(bufferBytes(proc), "          ");
 }
 
-TEST(KXBlockDataProcWrite, GrowthIsExactAndNewRecordsArePlainSpaces) {
+TEST(KXBlockDataProcWrite, ValidCountIsRaisedNeverLoweredAndGrowthIsExact) {
   auto block = textAndNumber();
-  block->setRepeat(1);
+  block->setRepeat(2);
   KXBlockDataProc proc(block.get());
   proc.DefaultMemory();
-  proc.setFieldDataFromName("t", 0, "r0");
-  proc.setFieldDataFromName("t", 3, "r3");
-  EXPECT_EQ(proc.getBufCount(), 4);
-  EXPECT_EQ(proc.getBlockBuffSize(), 40);
-  EXPECT_EQ(proc.getValidCount(), 4);
-  // Record 0 keeps its bytes; records 1 to 3 are spaces (no default zeros) apart from the written field.
-  EXPECT_EQ(bufferBytes(proc), "r0  000.00" + std::string(20, ' ') + "r3        ");
-
-  KXBlockDataProc fresh(block.get());
-  for (int32_t i = 0; i < 3; ++i) {
-    fresh.setFieldDataFromName("n", i, "1");
-    EXPECT_EQ(fresh.getBufCount(), i + 1);
-    EXPECT_EQ(fresh.getBlockBuffSize(), 10 * (i + 1));
-  }
-  EXPECT_EQ(bufferBytes(fresh), "    001.00    001.00    001.00");
-}
-
-TEST(KXBlockDataProcWrite, ValidCountIsRaisedNeverLowered) {
-  auto block = textAndNumber();
-  block->setRepeat(5);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  EXPECT_EQ(proc.getValidCount(), 5);
-  proc.setFieldDataFromName("t", 0, "x");
-  EXPECT_EQ(proc.getValidCount(), 5);
   proc.setValidCount(0);
-  proc.setFieldDataFromName("t", 2, "x");
-  EXPECT_EQ(proc.getValidCount(), 3);
-  EXPECT_EQ(proc.getBufCount(), 5);  // no growth inside the buffer
+  proc.setFieldDataFromName("t", 1, "r1");
+  EXPECT_EQ(proc.getValidCount(), 2);
+  proc.setFieldDataFromName("t", 0, "r0");
+  EXPECT_EQ(proc.getValidCount(), 2);
+  EXPECT_EQ(proc.getBufCount(), 2);  // no growth inside the buffer
+
+  // Growth to exactly index + 1 records; the old records keep their bytes, the new ones are plain spaces
+  // (no default zeros) apart from the written field. The dynamic input list is kept.
+  proc.setFieldDataDynamicLen(block->getFieldInfoFromIndex(0), 0, "dyn");
+  proc.setFieldDataFromName("t", 4, "r4");
+  EXPECT_EQ(proc.getBufCount(), 5);
+  EXPECT_EQ(proc.getValidCount(), 5);
+  EXPECT_EQ(proc.getDynamicInputCnt(), 1);
+  EXPECT_EQ(bufferBytes(proc), "r0  000.00r1  000.00" + std::string(20, ' ') + "r4        ");
+
+  KXBlockDataProc fresh(block.get());  // no buffer yet
+  fresh.setFieldDataFromName("n", 1, "1");
+  EXPECT_EQ(fresh.getBufCount(), 2);
+  EXPECT_EQ(fresh.getValidCount(), 2);
+  EXPECT_EQ(bufferBytes(fresh), "              001.00");
 }
 
 TEST(KXBlockDataProcWrite, KeyEncryptedValuesGoToTheDictionaryNotTheRecord) {
   auto block = textAndNumber();
-  block->addField("pw", kFieldText, 8).bKeyEnc = true;
+  FieldInfo& pw = block->addField("pw", kFieldText, 8);
+  pw.bKeyEnc = true;
   KXBlockDataProc proc(block.get());
   proc.setFieldDataFromName("pw", 0, "secret");
   EXPECT_EQ(bufferBytes(proc, 10, 8), "        ");
@@ -218,7 +181,7 @@ TEST(KXBlockDataProcWrite, KeyEncryptedValuesGoToTheDictionaryNotTheRecord) {
   EXPECT_EQ(dict->at("size"), "0006");
   EXPECT_EQ(dict->at("data"), "secret");
 
-  // Lengths count UTF-16 units: three Hangul syllables are 3, an emoji 2. Earlier entries are replaced.
+  // Lengths count UTF-16 units: three Hangul syllables are 3. Earlier entries are replaced.
   proc.setFieldDataFromName("pw", 0, kGaNaDa);
   EXPECT_EQ(dict->at("size"), "0003");
   EXPECT_EQ(dict->at("data"), kGaNaDa);
@@ -226,46 +189,49 @@ TEST(KXBlockDataProcWrite, KeyEncryptedValuesGoToTheDictionaryNotTheRecord) {
   proc.setFieldDataFromName("pw", 0, longValue);
   EXPECT_EQ(dict->at("size"), "12345");
 
-  // A value the encoding cannot represent stops before the routing.
+  // The main writer stops before the routing on a value the encoding cannot represent, and on none.
   proc.setFieldDataFromName("pw", 0, "x"s + kEmoji);
-  EXPECT_EQ(dict->at("data"), longValue);
-  // An absent value neither.
   proc.setFieldDataFromName("pw", 0, std::nullopt);
   EXPECT_EQ(dict->at("data"), longValue);
-}
 
-TEST(KXBlockDataProcWrite, KeyEncryptedWithoutDictionaryDropsTheValue) {
-  NoDictionaryBlock block;
-  block.addField("pw", kFieldNumText, 6, 2).bKeyEnc = true;
-  KXBlockDataProc proc(&block);
-  EXPECT_FALSE(proc.setFieldDataFromName("pw", 0, "12.5"));
-  EXPECT_EQ(bufferBytes(proc), "      ");
+  // The positional writer routes even that value (an emoji is 2 units) and leaves the record alone.
+  const std::string before = bufferBytes(proc);
+  EXPECT_EQ(proc.setFieldDataExFromInfo(&pw, 0, "x"s + kEmoji, 10), 18);
+  EXPECT_EQ(dict->at("size"), "0003");
+  EXPECT_EQ(dict->at("data"), "x"s + kEmoji);
+  EXPECT_EQ(bufferBytes(proc), before);
+
+  // Without a dictionary to receive it the value is dropped.
+  NoDictionaryBlock bare;
+  bare.addField("pw", kFieldNumText, 6, 2).bKeyEnc = true;
+  KXBlockDataProc bareProc(&bare);
+  EXPECT_FALSE(bareProc.setFieldDataFromName("pw", 0, "12.5"));
+  EXPECT_EQ(bufferBytes(bareProc), "      ");
 }
 
 TEST(KXBlockDataProcWrite, NothingOutsideTheBuffer) {
   auto block = textAndNumber();
   block->setRepeat(2);
   KXBlockDataProc proc(block.get());
-
-  // A negative record index changes nothing at all.
+  // A negative record index changes nothing at all, for the main and the raw writer.
   proc.setFieldDataFromName("t", -1, "x");
+  proc.setFieldDataFromNameEX("t", -1, "x");
   EXPECT_EQ(proc.getData(), nullptr);
   EXPECT_EQ(proc.getValidCount(), 0);
 
   // The start index at the end of the buffer puts record 0 past it: nothing is written or counted.
+  // Growth looks at the record index alone, so record 2 still lies past the grown buffer.
   proc.DefaultMemory();
   proc.initRealBufferIndex();
   proc.setFieldDataFromName("t", 0, "x");
   proc.setFieldDataFromName("t", 1, "x");
-  EXPECT_EQ(bufferBytes(proc), "    000.00    000.00");
-  EXPECT_EQ(proc.getValidCount(), 0);
-  // Growth looks at the record index alone; the record still lies past the grown buffer.
+  proc.setFieldDataFromNameEX("t", 0, "x");
   proc.setFieldDataFromName("t", 2, "x");
   EXPECT_EQ(proc.getBufCount(), 3);
-  EXPECT_EQ(bufferBytes(proc, 0, 20), "    000.00    000.00");
+  EXPECT_EQ(bufferBytes(proc), "    000.00    000.00" + std::string(10, ' '));
   EXPECT_EQ(proc.getValidCount(), 0);
 
-  // Fields of a bad definition: past the record size, of negative length.
+  // Fields of a bad definition: past the record size, of negative length; a size beyond 32 bits.
   BlockInfo bad("Bad");
   bad.m_nRecordIOMemSize = 4;
   FieldInfo& far = bad.addField("far", kFieldText, 8, 0, 2);
@@ -273,19 +239,19 @@ TEST(KXBlockDataProcWrite, NothingOutsideTheBuffer) {
   KXBlockDataProc badProc(&bad);
   badProc.setFieldDataFromInfo(&far, 0, "abcdefgh");
   badProc.setFieldDataFromInfo(&negative, 0, "1");
+  badProc.setFieldDataFromInfoEX(&far, 0, "abcdefgh");
   EXPECT_EQ(bufferBytes(badProc), "    ");
-  badProc.setFieldDataFromInfo(&far, INT32_MAX, "x");  // a size beyond 32 bits
+  badProc.setFieldDataFromInfo(&far, INT32_MAX, "x");
   EXPECT_EQ(badProc.getBufCount(), 1);
 
   // No record size: no block definition, or a block without fields.
-  KXBlockDataProc orphan(nullptr);
   FieldInfo loose("f", kFieldText, 4);
-  orphan.setFieldDataFromInfo(&loose, 0, "x");
-  EXPECT_EQ(orphan.getData(), nullptr);
   BlockInfo empty("E");
-  KXBlockDataProc emptyProc(&empty);
-  emptyProc.setFieldDataFromInfo(&loose, 0, "x");
-  EXPECT_EQ(emptyProc.getData(), nullptr);
+  for (BlockInfo* definition : {static_cast<BlockInfo*>(nullptr), &empty}) {
+    KXBlockDataProc orphan(definition);
+    orphan.setFieldDataFromInfo(&loose, 0, "x");
+    EXPECT_EQ(orphan.getData(), nullptr);
+  }
 }
 
 TEST(KXBlockDataProcWrite, MissingFieldsAndFailingDefinitionsAreCaught) {
@@ -306,19 +272,19 @@ TEST(KXBlockDataProcWrite, MissingFieldsAndFailingDefinitionsAreCaught) {
 }
 
 TEST(KXBlockDataProcWrite, FindIndexCountsUtf16Units) {
-  EXPECT_EQ(KXBlockDataProc::findIndex("-12.3", "."), 3);
-  EXPECT_EQ(KXBlockDataProc::findIndex("12", "."), -1);
   EXPECT_EQ(KXBlockDataProc::findIndex(kGaNaDa + "+"s, "+"), 3);
-  EXPECT_EQ(KXBlockDataProc::findIndex("abc", ""), 0);
   EXPECT_EQ(KXBlockDataProc::findIndex("a.b.c", ".c"), 3);
+  EXPECT_EQ(KXBlockDataProc::findIndex("12", "."), -1);
 }
 
 // ---- positional writer ------------------------------------------------------------------------------------
 
-TEST(KXBlockDataProcWriteEx, TextTypesReceiveTheRoundedNumber) {
+TEST(KXBlockDataProcWriteEx, RoundedNumbersAndBinariesWithoutBlankingTheField) {
+  // Both text types receive the number rounded to the places, cut at the field length; types other than text
+  // and binary, or no value, write nothing.
   const struct {
     int32_t type;
-    const char* value;
+    const char* value;  // nullptr: no value
     int32_t decimals;
     const char* text;
   } rows[] = {
@@ -331,39 +297,21 @@ TEST(KXBlockDataProcWriteEx, TextTypesReceiveTheRoundedNumber) {
       {kFieldNumText, "abc", 2, "0.00"},
       {kFieldText, "abc", 0, "0"},
       {kFieldText, "12", 3, "12.000"},
+      {kFieldNumText, "1.5", 11, "1.5000000000"},
+      {kFieldInt16, "-2", 0, "\xFE\xFF"},
+      {kFieldSInt64, "777", 0, ""},
+      {kFieldNumText, nullptr, 2, ""},
   };
   for (const auto& r : rows) {
     auto block = oneField(r.type, 12, r.decimals);
     KXBlockDataProc proc(block.get());
     proc.DefaultMemory();
-    const FieldInfo* f = block->getFieldInfoFromIndex(0);
-    std::string expected = r.text;
-    expected +=
-        bufferBytes(proc, static_cast<int64_t>(expected.size()), 12 - static_cast<int64_t>(expected.size()));
-    EXPECT_EQ(proc.setFieldDataExFromInfo(f, 0, r.value, 0), 12);
-    EXPECT_EQ(bufferBytes(proc), expected) << r.value << " D" << r.decimals;  // no fill: the rest is kept
+    // The bytes after the written ones keep what the field held.
+    const std::string expected = r.text + bufferBytes(proc).substr(std::strlen(r.text));
+    const auto value = r.value ? std::optional<std::string_view>(r.value) : std::nullopt;
+    EXPECT_EQ(proc.setFieldDataExFromInfo(block->getFieldInfoFromIndex(0), 0, value, 0), 12);
+    EXPECT_EQ(bufferBytes(proc), expected) << (r.value ? r.value : "(none)") << " D" << r.decimals;
   }
-}
-
-TEST(KXBlockDataProcWriteEx, NoBlankingAndThePositionAfterTheField) {
-  BlockInfo block("In");
-  block.addField("a", kFieldNumText, 5, 2);
-  block.addField("b", kFieldSInt64, 3);
-  block.addField("c", kFieldInt16, 2);
-  KXBlockDataProc proc(&block);
-  proc.DefaultMemory();
-  proc.setFieldDataFromName("a", 0, "12.5");  // "12.50"
-  int32_t pos = 0;
-  pos = proc.setFieldDataExFromInfo(block.getFieldInfoFromIndex(0), 0, "3.1", pos);
-  EXPECT_EQ(pos, 5);
-  pos = proc.setFieldDataExFromInfo(block.getFieldInfoFromIndex(1), 0, "777", pos);  // type 6: nothing
-  EXPECT_EQ(pos, 8);
-  pos = proc.setFieldDataExFromInfo(block.getFieldInfoFromIndex(2), 0, std::nullopt, pos);
-  EXPECT_EQ(pos, 10);
-  EXPECT_EQ(bufferBytes(proc), "3.100     ");  // 3.10 over 12.50 keeps the last 0
-  proc.setFieldDataExFromInfo(block.getFieldInfoFromIndex(2), 0, "-2", 8);
-  EXPECT_EQ(bufferBytes(proc, 8, 2), "\xFE\xFF");
-  EXPECT_EQ(proc.setFieldDataExFromInfo(nullptr, 0, "1", 8), 0);
 }
 
 TEST(KXBlockDataProcWriteEx, GrowthUsesTheFieldStrideAndWipesTheOldBuffer) {
@@ -378,16 +326,18 @@ TEST(KXBlockDataProcWriteEx, GrowthUsesTheFieldStrideAndWipesTheOldBuffer) {
   proc.setValidCount(7);
   EXPECT_EQ(proc.setFieldDataExFromInfo(a, 1, "5", 6), 9);
   EXPECT_EQ(proc.getBufCount(), 2);
-  EXPECT_EQ(proc.getBlockBuffSize(), 12);
   EXPECT_EQ(proc.getValidCount(), 7);
   EXPECT_EQ(bufferBytes(proc), "      5     ");
 
-  // Growing an existing buffer wipes it: the valid count drops to 0; the copied bytes stay.
+  // Growing an existing buffer wipes it: the valid count drops to 0 and the dynamic input list empties;
+  // the copied bytes stay.
   proc.setValidCount(2);
+  proc.setFieldDataDynamicLen(a, 0, "dyn");
+  ASSERT_EQ(proc.getDynamicInputCnt(), 1);
   proc.setFieldDataExFromInfo(a, 2, "6", 12);
   EXPECT_EQ(proc.getBufCount(), 3);
-  EXPECT_EQ(proc.getBlockBuffSize(), 18);
   EXPECT_EQ(proc.getValidCount(), 0);
+  EXPECT_EQ(proc.getDynamicInputCnt(), 0);
   EXPECT_EQ(bufferBytes(proc), "      5     6     ");
 
   // An index inside the buffer: no growth and no counter changes.
@@ -395,31 +345,6 @@ TEST(KXBlockDataProcWriteEx, GrowthUsesTheFieldStrideAndWipesTheOldBuffer) {
   proc.setFieldDataExFromInfo(a, 0, "1", 0);
   EXPECT_EQ(proc.getValidCount(), 3);
   EXPECT_EQ(proc.getBlockBuffSize(), 18);
-}
-
-TEST(KXBlockDataProcWriteEx, GrowthEmptiesTheDynamicInputList) {
-  auto block = oneField(kFieldText, 4);
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  proc.setFieldDataDynamicLen(block->getFieldInfoFromIndex(0), 0, "dyn");
-  if (proc.getDynamicInputCnt() == 0) GTEST_SKIP() << "the dynamic input list takes no values here";
-  proc.setFieldDataExFromInfo(block->getFieldInfoFromIndex(0), 3, "1", 0);
-  EXPECT_EQ(proc.getDynamicInputCnt(), 0);
-}
-
-TEST(KXBlockDataProcWriteEx, KeyEncryptedRoutingEvenForUnconvertibleValues) {
-  auto block = oneField(kFieldNumText, 6, 2);
-  FieldInfo& pw = block->addField("pw", kFieldText, 6);
-  pw.bKeyEnc = true;
-  KXBlockDataProc proc(block.get());
-  proc.DefaultMemory();
-  const std::string before = bufferBytes(proc);
-  EXPECT_EQ(proc.setFieldDataExFromInfo(&pw, 0, "x"s + kEmoji, 6), 12);
-  const KeyEncDict* dict = block->findKeyEncValue("pw");
-  ASSERT_NE(dict, nullptr);
-  EXPECT_EQ(dict->at("size"), "0003");
-  EXPECT_EQ(dict->at("data"), "x"s + kEmoji);
-  EXPECT_EQ(bufferBytes(proc), before);
 }
 
 TEST(KXBlockDataProcWriteEx, NothingPastTheBufferOrTheField) {
@@ -430,32 +355,33 @@ TEST(KXBlockDataProcWriteEx, NothingPastTheBufferOrTheField) {
   proc.DefaultMemory();  // 17 bytes: "000.00" + 11 spaces
   const FieldInfo* num = block->getFieldInfoFromIndex(0);
   const FieldInfo* i64 = block->getFieldInfoFromIndex(1);
-  const FieldInfo* shortI64 = block->getFieldInfoFromIndex(2);
+  // What fits before the end is written: "1.50" at 12, then a short binary field's low-order bytes at 14.
+  EXPECT_EQ(proc.setFieldDataExFromInfo(num, 0, "1.5", 12), 18);
+  EXPECT_EQ(proc.setFieldDataExFromInfo(block->getFieldInfoFromIndex(2), 0, "1234567890123", 14), 17);
   const std::string start = bufferBytes(proc);
+  EXPECT_EQ(start, "000.00      1.\xCB\x04\xFB");
 
-  EXPECT_EQ(proc.setFieldDataExFromInfo(num, 0, "1.5", 12), 18);  // "1.50" fits at 12
-  EXPECT_EQ(bufferBytes(proc, 12, 5), "1.50 ");
-  EXPECT_EQ(proc.setFieldDataExFromInfo(num, 0, "12345.5", 12), 18);  // "12345.50" would pass the end
-  EXPECT_EQ(bufferBytes(proc, 12, 5), "1.50 ");
-  EXPECT_EQ(proc.setFieldDataExFromInfo(i64, 0, "1", 10), 18);  // 8 bytes from 10 pass the end
-  EXPECT_EQ(proc.setFieldDataExFromInfo(i64, 0, "1", -1), 7);
-  EXPECT_EQ(proc.setFieldDataExFromInfo(shortI64, 0, "1234567890123", 14), 17);  // low-order bytes
-  EXPECT_EQ(bufferBytes(proc, 12, 5), "1.\xCB\x04\xFB");
-  EXPECT_EQ(bufferBytes(proc, 0, 12), start.substr(0, 12));
-
-  // A negative index, negative or too many places, a length of 0 or below: nothing written, no growth.
-  EXPECT_EQ(proc.setFieldDataExFromInfo(num, -1, "9", 0), 6);
+  // Past the end or before the start, no field, a negative index, negative or too many places, a length
+  // of 0 or below: nothing written, no growth. The returned position wraps like the 32-bit sum.
   FieldInfo negPlaces("p", kFieldNumText, 6, -1), manyPlaces("m", kFieldNumText, 6, 1101),
       zero("z", kFieldNumText, 0, 0), negative("n", kFieldInt16, -2, 0);
-  EXPECT_EQ(proc.setFieldDataExFromInfo(&negPlaces, 0, "9", 0), 6);
-  EXPECT_EQ(proc.setFieldDataExFromInfo(&manyPlaces, 0, "9", 0), 6);
-  EXPECT_EQ(proc.setFieldDataExFromInfo(&zero, 0, "9", 0), 0);
-  EXPECT_EQ(proc.setFieldDataExFromInfo(&negative, 0, "9", 4), 2);
-  EXPECT_EQ(bufferBytes(proc, 0, 12), start.substr(0, 12));
+  const struct {
+    const FieldInfo* info;
+    int32_t index;
+    const char* value;
+    int32_t pos, next;
+  } refused[] = {
+      {num, 0, "12345.5", 12, 18}, {i64, 0, "1", 10, 18},
+      {i64, 0, "1", -1, 7},        {nullptr, 0, "9", 8, 0},
+      {num, -1, "9", 0, 6},        {&negPlaces, 0, "9", 0, 6},
+      {&manyPlaces, 0, "9", 0, 6}, {&zero, 0, "9", 0, 0},
+      {&negative, 0, "9", 4, 2},   {num, 0, "1", INT32_MAX, INT32_MIN + 5},
+  };
+  for (const auto& r : refused) {
+    EXPECT_EQ(proc.setFieldDataExFromInfo(r.info, r.index, r.value, r.pos), r.next) << r.pos;
+    EXPECT_EQ(bufferBytes(proc), start) << r.pos;
+  }
   EXPECT_EQ(proc.getBufCount(), 1);
-
-  // The returned position wraps like the 32-bit sum instead of overflowing.
-  EXPECT_EQ(proc.setFieldDataExFromInfo(num, 0, "1", INT32_MAX), INT32_MIN + 5);
 }
 
 // ---- raw-text writer --------------------------------------------------------------------------------------
@@ -467,15 +393,14 @@ TEST(KXBlockDataProcWriteRaw, BytesAsTheyAreIntoTextFieldsOnly) {
   block.addField("pw", kFieldText, 3).bKeyEnc = true;
   KXBlockDataProc proc(&block);
   proc.DefaultMemory();  // "     00.00   "
+  // Cut inside a double-byte character; numeric text only blanked; a key-encrypted field written as text.
   EXPECT_FALSE(proc.setFieldDataFromNameEX("t", 0, "\xB0\xA1\xB3\xAA\xB4\xD9Z"));
-  EXPECT_EQ(bufferBytes(proc, 0, 5), "\xB0\xA1\xB3\xAA\xB4");  // cut inside a double-byte character
+  proc.setFieldDataFromNameEX("n", 0, "12.34");
+  proc.setFieldDataFromNameEX("pw", 0, "key");
+  EXPECT_EQ(bufferBytes(proc), "\xB0\xA1\xB3\xAA\xB4     key");
+  EXPECT_EQ(block.findKeyEncValue("pw"), nullptr);
   proc.setFieldDataFromNameEX("t", 0, "ab");
   EXPECT_EQ(bufferBytes(proc, 0, 5), "ab   ");
-  proc.setFieldDataFromNameEX("n", 0, "12.34");
-  EXPECT_EQ(bufferBytes(proc, 5, 5), "     ");
-  proc.setFieldDataFromNameEX("pw", 0, "key");  // no routing: written like any text
-  EXPECT_EQ(bufferBytes(proc, 10, 3), "key");
-  EXPECT_EQ(block.findKeyEncValue("pw"), nullptr);
   proc.setFieldDataFromNameEX("t", 0, nullptr);
   EXPECT_EQ(bufferBytes(proc, 0, 5), "     ");
   EXPECT_FALSE(proc.setFieldDataFromNameEX("nope", 0, "x"));
@@ -483,43 +408,20 @@ TEST(KXBlockDataProcWriteRaw, BytesAsTheyAreIntoTextFieldsOnly) {
 
 TEST(KXBlockDataProcWriteRaw, ValidCountIsAssignedAndGrowthWipes) {
   auto block = oneField(kFieldText, 4);
-  block->setRepeat(5);
+  block->setRepeat(2);
   KXBlockDataProc proc(block.get());
   proc.DefaultMemory();
-  EXPECT_EQ(proc.getValidCount(), 5);
+  proc.setFieldDataFromNameEX("f", 1, "keep");
   proc.setFieldDataFromNameEX("f", 0, "r0");
   EXPECT_EQ(proc.getValidCount(), 1);  // an assignment, not a maximum
 
-  auto single = oneField(kFieldText, 4);
-  KXBlockDataProc grown(single.get());
-  grown.DefaultMemory();
-  grown.setFieldDataFromNameEX("f", 0, "keep");
-  grown.setFieldDataDynamicLen(single->getFieldInfoFromIndex(0), 0, "dyn");
-  const bool hadDynamic = grown.getDynamicInputCnt() > 0;
-  grown.setFieldDataFromNameEX("f", 2, "r2");
-  EXPECT_EQ(grown.getBufCount(), 3);
-  EXPECT_EQ(grown.getValidCount(), 3);
-  EXPECT_EQ(grown.getBlockBuffSize(), 12);
-  EXPECT_EQ(bufferBytes(grown), "keep    r2  ");  // the new buffer holds the old bytes
-  if (hadDynamic) {
-    EXPECT_EQ(grown.getDynamicInputCnt(), 0);
-  }
-}
-
-TEST(KXBlockDataProcWriteRaw, NothingOutsideTheBuffer) {
-  auto block = oneField(kFieldText, 4);
-  block->setRepeat(2);
-  KXBlockDataProc proc(block.get());
-  proc.setFieldDataFromNameEX("f", -1, "x");
-  EXPECT_EQ(proc.getData(), nullptr);
-  proc.DefaultMemory();
-  proc.initRealBufferIndex();
-  proc.setFieldDataFromNameEX("f", 0, "x");
-  EXPECT_EQ(bufferBytes(proc), "        ");
-  EXPECT_EQ(proc.getValidCount(), 0);
-  FieldInfo negative("n", kFieldText, -4);
-  proc.setFieldDataFromInfoEX(&negative, 0, "x");
-  EXPECT_EQ(bufferBytes(proc), "        ");
+  proc.setFieldDataDynamicLen(block->getFieldInfoFromIndex(0), 0, "dyn");
+  ASSERT_EQ(proc.getDynamicInputCnt(), 1);
+  proc.setFieldDataFromNameEX("f", 3, "r3");
+  EXPECT_EQ(proc.getBufCount(), 4);
+  EXPECT_EQ(proc.getValidCount(), 4);
+  EXPECT_EQ(proc.getDynamicInputCnt(), 0);
+  EXPECT_EQ(bufferBytes(proc), "r0  keep    r3  ");  // the new buffer holds the old bytes
 }
 
 }  // namespace

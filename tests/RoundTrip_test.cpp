@@ -8,7 +8,6 @@
 #include <cstring>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "blockproc/data/KXBlockDataProc.h"
 
@@ -27,23 +26,6 @@ std::string format(const char* fmt, Args... args) {
   return std::string(buf, static_cast<size_t>(std::max(n, 0)));
 }
 
-std::string utf8Of(char32_t cp) {
-  std::string s;
-  if (cp < 0x80) {
-    s.push_back(static_cast<char>(cp));
-  } else {  // the test only makes ASCII and Hangul syllables (three UTF-8 bytes)
-    s.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-    s.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-    s.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-  }
-  return s;
-}
-
-std::string rtrimSpaces(std::string s) {
-  while (!s.empty() && s.back() == ' ') s.pop_back();
-  return s;
-}
-
 class RoundTrip : public ::testing::Test {
  protected:
   std::mt19937_64 rng{kSeed};
@@ -60,8 +42,9 @@ class RoundTrip : public ::testing::Test {
     const double mantissa = static_cast<double>(uniform(-9'999'999, 9'999'999)) / 1e6;
     return mantissa * std::pow(10.0, static_cast<double>(uniform(lo, hi)));
   }
+  int32_t record() { return static_cast<int32_t>(uniform(0, kRecords - 1)); }
 
-  // One block holding one field of the shape; the field is written and read in a random record.
+  // A repeated block whose records hold the field under test and a text field after it.
   struct Field {
     BlockInfo block{"RT"};
     KXBlockDataProc proc{&block};
@@ -71,32 +54,34 @@ class RoundTrip : public ::testing::Test {
       info = &block.addField("f", type, length, decimals);
       block.addField("guard", kFieldText, 3);
     }
-    std::string writeAndRead(int32_t index, std::string_view value) {
-      proc.setFieldDataFromInfo(info, index, value);
-      return proc.getFieldDataFromInfo(info, index);
-    }
-    std::string guard(int32_t index) { return proc.getFieldDataFromName("guard", index); }
   };
+
+  // Writes the value into a random record and reads it back; the field after it must stay blank.
+  std::string roundTrip(Field& f, std::string_view value) {
+    const int32_t index = record();
+    f.proc.setFieldDataFromInfo(f.info, index, value);
+    EXPECT_EQ(f.proc.getFieldDataFromName("guard", index), "") << value;
+    return f.proc.getFieldDataFromInfo(f.info, index);
+  }
 };
 
 TEST_F(RoundTrip, TextWithHangulCutAtTheFieldLength) {
   for (int round = 0; round < kRounds && !HasFailure(); ++round) {
     const auto length = static_cast<int32_t>(uniform(1, 16));
     Field f(kFieldText, length, 0);
-    // Characters of 1 byte (ASCII, spaces among them) and of 2 bytes (Hangul syllables) in cp949.
-    std::vector<std::pair<std::string, int>> chars;
-    const int64_t count = uniform(0, 12);
-    for (int64_t i = 0; i < count; ++i) {
-      if (chance(0.3)) {
-        chars.emplace_back(utf8Of(static_cast<char32_t>(uniform(0xAC00, 0xD7A3))), 2);
-      } else {
-        chars.emplace_back(std::string(1, chance(0.15) ? ' ' : static_cast<char>(uniform('A', 'z'))), 1);
-      }
-    }
+    // Characters of 1 byte (ASCII, spaces among them) and of 2 bytes in cp949 (Hangul syllables, three
+    // bytes in UTF-8).
     std::string value, fitting;
     int bytes = 0;
     bool cutInsideCharacter = false;
-    for (const auto& [text, width] : chars) {
+    for (int64_t i = uniform(0, 12); i > 0; --i) {
+      std::string text(1, chance(0.15) ? ' ' : static_cast<char>(uniform('A', 'z')));
+      if (chance(0.3)) {
+        const auto cp = static_cast<uint32_t>(uniform(0xAC00, 0xD7A3));
+        text = {static_cast<char>(0xE0 | (cp >> 12)), static_cast<char>(0x80 | ((cp >> 6) & 0x3F)),
+                static_cast<char>(0x80 | (cp & 0x3F))};
+      }
+      const int width = text.size() == 1 ? 1 : 2;
       value += text;
       if (bytes + width <= length) {
         fitting += text;
@@ -107,10 +92,9 @@ TEST_F(RoundTrip, TextWithHangulCutAtTheFieldLength) {
       }
     }
     // A cut character fails to decode; the read then drops the field's last byte and keeps the rest as is.
-    const std::string expected = cutInsideCharacter ? fitting : rtrimSpaces(fitting);
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), expected) << "value '" << value << "' L" << length;
-    EXPECT_EQ(f.guard(index), "");
+    const std::string expected =
+        cutInsideCharacter ? fitting : fitting.substr(0, fitting.find_last_not_of(' ') + 1);
+    EXPECT_EQ(roundTrip(f, value), expected) << "value '" << value << "' L" << length;
   }
 }
 
@@ -128,79 +112,54 @@ TEST_F(RoundTrip, NumericTextReadsAsTheZeroFilledField) {
     std::string expected = sign + std::string(static_cast<size_t>(positions) - integer.size(), '0') + integer;
     if (decimals > 0)
       expected += "." + fraction + std::string(static_cast<size_t>(decimals) - fraction.size(), '0');
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), expected)
-        << "value " << value << " L" << length << " D" << decimals;
-    EXPECT_EQ(f.guard(index), "");
+    EXPECT_EQ(roundTrip(f, value), expected) << "value " << value << " L" << length << " D" << decimals;
   }
 }
 
-TEST_F(RoundTrip, Int16KeepsTheLow16BitsOfTheClampedValue) {
-  Field f(kFieldInt16, 2, 0);
+TEST_F(RoundTrip, IntegerTypes) {
+  Field int16(kFieldInt16, 2, 0), int64(kFieldInt64, 8, 2), sint64(kFieldSInt64, 8, 0);
   for (int round = 0; round < kRounds && !HasFailure(); ++round) {
+    // Int16 keeps the low 16 bits of the value clamped to 32 bits; spaces before and text after are ignored.
     const int64_t v = chance(0.9) ? uniform(-200'000, 200'000) : uniform(INT64_MIN / 2, INT64_MAX / 2);
     const auto clamped = static_cast<int32_t>(std::clamp<int64_t>(v, INT32_MIN, INT32_MAX));
     const auto stored = static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(clamped)));
     const std::string value = (chance(0.2) ? "  " : "") + std::to_string(v) + (chance(0.2) ? "xyz" : "");
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), format("%d", stored)) << value;
-  }
-}
+    EXPECT_EQ(roundTrip(int16, value), format("%d", stored)) << value;
 
-TEST_F(RoundTrip, Int64ClampedToItsRange) {
-  Field f(kFieldInt64, 8, 2);  // the places play no part
-  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
-    std::string value;
-    long long expected;
+    // Int64 takes any 64-bit value, whatever the places; longer digit strings are clamped to its range.
+    long long expected = static_cast<long long>(rng());
+    std::string wide = std::to_string(expected);
     if (chance(0.05)) {
       const bool negative = chance(0.5);
-      value = (negative ? "-" : "") + digits(uniform(20, 30));
-      value[negative ? 1 : 0] = '9';
+      wide = (negative ? "-9" : "9") + digits(uniform(19, 29));
       expected = negative ? INT64_MIN : INT64_MAX;
-    } else {
-      expected = static_cast<long long>(rng());
-      value = std::to_string(expected);
     }
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), format("%lld", expected)) << value;
-  }
-}
+    EXPECT_EQ(roundTrip(int64, wide), format("%lld", expected)) << wide;
 
-TEST_F(RoundTrip, FloatStoredUnscaledAndReadDividedByThePlaces) {
-  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
-    const auto decimals = static_cast<int32_t>(uniform(0, 4));
-    Field f(kFieldFloat, 4, decimals);
-    const double x = number(-4, 8);
-    const auto stored = static_cast<float>(x);
-    const auto shown = static_cast<float>(static_cast<double>(stored) / std::pow(10.0, decimals));
-    const std::string value = format("%.17g", x);
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), format("%.*f", decimals, static_cast<double>(shown)))
-        << value << " D" << decimals;
-  }
-}
-
-TEST_F(RoundTrip, DoubleReadWithThePlacesUndivided) {
-  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
-    const auto decimals = static_cast<int32_t>(uniform(0, 6));
-    Field f(kFieldDouble, 8, decimals);
-    const double x = number(-8, 15);
-    const std::string value = format("%.17g", x);
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), format("%.*f", decimals, x)) << value << " D" << decimals;
-  }
-}
-
-TEST_F(RoundTrip, SignedInt64IsWrittenAsDigitsAndReadAsBinary) {
-  // The writer stores type 6 as zero-filled digit text; the reader takes those 8 bytes as an integer.
-  Field f(kFieldSInt64, 8, 0);
-  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
-    const std::string value = digits(uniform(0, 8));
-    const std::string bytes = std::string(8 - value.size(), '0') + value;
-    long long expected;
+    // Type 6 is written as zero-filled digit text, and those 8 bytes are read as a little-endian integer.
+    const std::string text = digits(uniform(0, 8));
+    const std::string bytes = std::string(8 - text.size(), '0') + text;
     std::memcpy(&expected, bytes.data(), sizeof expected);
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
-    EXPECT_EQ(f.writeAndRead(index, value), format("%lld", expected)) << value;
+    EXPECT_EQ(roundTrip(sint64, text), format("%lld", expected)) << text;
+  }
+}
+
+TEST_F(RoundTrip, FloatReadDividedByThePlacesDoubleUndivided) {
+  for (int round = 0; round < kRounds && !HasFailure(); ++round) {
+    // A float is stored unscaled and read divided by ten to the places.
+    const auto floatPlaces = static_cast<int32_t>(uniform(0, 4));
+    Field f(kFieldFloat, 4, floatPlaces);
+    const double x = number(-4, 8);
+    const auto shown =
+        static_cast<float>(static_cast<double>(static_cast<float>(x)) / std::pow(10.0, floatPlaces));
+    EXPECT_EQ(roundTrip(f, format("%.17g", x)), format("%.*f", floatPlaces, static_cast<double>(shown)))
+        << x << " D" << floatPlaces;
+
+    // A double is read with the places as the precision only.
+    const auto doublePlaces = static_cast<int32_t>(uniform(0, 6));
+    Field d(kFieldDouble, 8, doublePlaces);
+    const double y = number(-8, 15);
+    EXPECT_EQ(roundTrip(d, format("%.17g", y)), format("%.*f", doublePlaces, y)) << y << " D" << doublePlaces;
   }
 }
 
@@ -211,14 +170,13 @@ TEST_F(RoundTrip, PositionalWriterRoundsTextFields) {
     const double x = number(-4, 6);
     const double scale = std::pow(10.0, decimals);
     const auto rounded = static_cast<float>(std::floor(x * scale + 0.5) / scale);
-    const std::string value = format("%.17g", x);
-    const auto index = static_cast<int32_t>(uniform(0, kRecords - 1));
+    const int32_t index = record();
     f.proc.setFieldDataFromInfo(f.info, index, std::nullopt);  // makes the record and blanks the field
     const int32_t at = index * f.block.getRecordFieldSize() + f.info->nDataPos;
-    EXPECT_EQ(f.proc.setFieldDataExFromInfo(f.info, index, value, at), at + 24);
+    EXPECT_EQ(f.proc.setFieldDataExFromInfo(f.info, index, format("%.17g", x), at), at + 24);
     EXPECT_EQ(f.proc.getFieldDataFromInfo(f.info, index),
               format("%.*f", decimals, static_cast<double>(rounded)))
-        << value << " D" << decimals;
+        << x << " D" << decimals;
   }
 }
 
