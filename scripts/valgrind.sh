@@ -30,7 +30,7 @@ for p in "${programs[@]}"; do
   name=$(basename "$p")
   status=0
   valgrind --tool=memcheck --error-exitcode=1 --leak-check=full --show-leak-kinds=definite,indirect,possible \
-    --errors-for-leak-kinds=definite,indirect,possible --track-origins=yes --num-callers=30 \
+    --errors-for-leak-kinds=definite,indirect,possible --track-origins=yes --num-callers=30 --suppressions=scripts/valgrind.supp \
     --trace-children=yes --trace-children-skip='/bin/*,/usr/bin/*' \
     --log-file="$logs/$name.%p.log" "$p" --gtest_brief=1 >"$logs/$name.out" 2>&1 || status=$?
   errors=$(cat "$logs/$name".*.log | awk '/ERROR SUMMARY:/ {n += $4} END {print n + 0}')
