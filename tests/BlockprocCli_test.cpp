@@ -58,7 +58,7 @@ TEST(BlockprocCli, WritesTheGoldenOutputsExactly) {
                {kDecode + " --format json", "current_price.json", ""},
                {kDecode + " --format csv", "current_price.csv", ""},
                {"hexdump " + kDef + " " + kReply, "current_price.hexdump.txt", ""},
-               {"inspect " + kDef, "current_price.inspect.txt", ""},
+               {"inspect " + kDef, "current_price.layout.txt", ""},
                {"realtime " + kDef + " examples/current_price.stream --block OutBlock1",
                 "current_price.realtime.txt", ""}};
   for (const auto& c : cases) {
