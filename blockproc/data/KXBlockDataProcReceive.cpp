@@ -44,67 +44,49 @@ const uint8_t* receivedBytes(const void* recvData, int32_t startPos, int64_t len
 
 }  // namespace
 
-bool KXBlockDataProc::setData(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
+template <typename Copy>
+void KXBlockDataProc::receiveRecords(const void* recvData, int32_t startPos, int32_t recvSize,
+                                     Copy copy) noexcept {
+  m_nValidCount = 0;
   const int32_t r = recordSize();
-  if (recvData == nullptr || recvSize <= 0 || r <= 0) {
-    m_nValidCount = 0;
-    return true;
-  }
+  if (recvData == nullptr || recvSize <= 0 || r <= 0) return;
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
     const uint8_t* from =
         receivedBytes(recvData, startPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
-    if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) {
-      m_nValidCount = 0;
-      return true;
-    }
-    uint8_t* to = span(0, split.copied);
-    if (to == nullptr) {
-      m_nValidCount = 0;
-      return true;
-    }
-    std::memcpy(to, from, static_cast<size_t>(split.copied));
-    m_nValidCount = split.records;
+    if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) return;
+    if (copy(from, split.records, split.copied, r)) m_nValidCount = split.records;
   } catch (...) {
     m_nValidCount = 0;
   }
+}
+
+bool KXBlockDataProc::setData(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
+  receiveRecords(recvData, startPos, recvSize, [this](const uint8_t* from, int32_t, int64_t copied, int32_t) {
+    uint8_t* to = span(0, copied);
+    if (to != nullptr) std::memcpy(to, from, static_cast<size_t>(copied));
+    return to != nullptr;
+  });
   return true;
 }
 
 bool KXBlockDataProc::setDataReverse(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
-  const int32_t r = recordSize();
-  if (recvData == nullptr || recvSize <= 0 || r <= 0) {
-    m_nValidCount = 0;
-    return true;
-  }
-  const RecordSplit split = splitRecords(recvSize, r);
-  try {
-    std::string aside;
-    const uint8_t* from =
-        receivedBytes(recvData, startPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
-    if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) {
-      m_nValidCount = 0;
-      return true;
-    }
-    uint8_t* to = span(0, int64_t{split.records} * r);
-    if (to == nullptr) {
-      m_nValidCount = 0;
-      return true;
-    }
-    // Received record k becomes buffer record N - 1 - k. Only a receive shorter than one record (N = 1)
-    // has a short record; the rest of it becomes spaces.
-    const int64_t last = split.records - 1;
-    for (int64_t k = 0; k <= last; ++k) {
-      const int64_t have = std::min<int64_t>(split.copied - k * r, r);
-      uint8_t* record = to + (last - k) * r;
-      std::memcpy(record, from + k * r, static_cast<size_t>(have));
-      std::memset(record + have, kSpace, static_cast<size_t>(r - have));
-    }
-    m_nValidCount = split.records;
-  } catch (...) {
-    m_nValidCount = 0;
-  }
+  receiveRecords(recvData, startPos, recvSize,
+                 [this](const uint8_t* from, int32_t records, int64_t copied, int32_t r) {
+                   uint8_t* to = span(0, int64_t{records} * r);
+                   if (to == nullptr) return false;
+                   // Received record k becomes buffer record N - 1 - k. Only a receive shorter than one
+                   // record (N = 1) has a short record; the rest of it becomes spaces.
+                   const int64_t last = records - 1;
+                   for (int64_t k = 0; k <= last; ++k) {
+                     const int64_t have = std::min<int64_t>(copied - k * r, r);
+                     uint8_t* record = to + (last - k) * r;
+                     std::memcpy(record, from + k * r, static_cast<size_t>(have));
+                     std::memset(record + have, kSpace, static_cast<size_t>(r - have));
+                   }
+                   return true;
+                 });
   return true;
 }
 

@@ -37,21 +37,6 @@ class ScratchBytes {
   std::string& bytes_;
 };
 
-// Bytes a binary type occupies, 0 for a type that is not binary.
-int32_t binaryWidth(int32_t dataType) noexcept {
-  switch (dataType) {
-    case kFieldInt16:
-      return 2;
-    case kFieldFloat:
-      return 4;
-    case kFieldInt64:
-    case kFieldDouble:
-      return 8;
-    default:
-      return 0;
-  }
-}
-
 // nPos + length, wrapping like the 32-bit sum it stands for instead of overflowing.
 int32_t positionAfter(int32_t nPos, int32_t length) noexcept {
   return static_cast<int32_t>(static_cast<uint32_t>(nPos) + static_cast<uint32_t>(length));
@@ -143,8 +128,9 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
       if (!encodeValue(text, bytes)) return next;
       const auto n = static_cast<int32_t>(std::min(bytes.size(), static_cast<size_t>(length)));
       if (uint8_t* at = span(nPos, n)) std::memcpy(at, bytes.data(), static_cast<size_t>(n));
-    } else if (const int32_t width = std::min(binaryWidth(type), length); width > 0) {
-      if (uint8_t* at = span(nPos, width)) writeBinary(at, width, type, *value);
+    } else if (type != kFieldSInt64) {  // binary types 2 to 5; type 6 is left as it is
+      const int32_t width = std::min(binaryWidth(type), length);
+      if (uint8_t* at = width > 0 ? span(nPos, width) : nullptr) writeBinary(at, width, type, *value);
     }
   } catch (...) {
   }
