@@ -207,8 +207,8 @@ class KXBlockDataProc {
   std::string getFieldDataFromNameEX(std::string_view name, int32_t index) const noexcept;
   // The field's bytes of every valid record joined and decoded untrimmed (types 0, 1), or the first valid
   // record's binary value (type 3 as "%06li"); "" without valid records for every type, and "" when a valid
-  // record's field lies outside the buffer; "" for text of several records when the record size is 0 or
-  // less. A binary value takes min(width, joined bytes), zero-extended.
+  // record's field lies outside the buffer; "" for text whose joined bytes would outgrow the buffer (a field
+  // overlapping the next record). A binary value takes min(width, joined bytes), zero-extended.
   std::string getFieldDataAllIdxFromInfo(const FieldInfo* info) const noexcept;
   // getFieldDataAllIdxFromInfo for the field of that name.
   std::string getDataValueAllIdxFromName(std::string_view name) const noexcept;
@@ -283,6 +283,11 @@ class KXBlockDataProc {
   void installBuffer(std::unique_ptr<uint8_t[]> area, int32_t size) noexcept;
   // Whether the buffer exists and holds `records` records of R bytes inside its recorded size.
   bool holdsRecords(int32_t records) const noexcept;
+  // The steps a normal and a reverse receive share: split the size into records, set the received bytes
+  // aside when they lie in this buffer, keep or replace the buffer, then copy(from, N, bytes, R); the valid
+  // count becomes N when the copy succeeds, else 0.
+  template <typename Copy>
+  void receiveRecords(const void* recvData, int32_t startPos, int32_t recvSize, Copy copy) noexcept;
   // Wipes (wipeBuffer) and frees the current buffer, then installs `records` records of R spaces.
   // False, changing nothing, when the size does not fit 32 bits or allocation fails.
   bool replaceWithSpaces(int32_t records, int32_t recordLen) noexcept;

@@ -36,19 +36,7 @@ std::string_view trimTrailing(std::string_view bytes) noexcept {
 }
 
 bool isBinaryType(int32_t dataType) noexcept {
-  return dataType >= kFieldInt16 && dataType <= kFieldSInt64;
-}
-
-// Bytes of a binary type's value.
-int64_t binaryWidth(int32_t dataType) noexcept {
-  switch (dataType) {
-    case kFieldInt16:
-      return 2;
-    case kFieldFloat:
-      return 4;
-    default:
-      return 8;
-  }
+  return binaryWidth(dataType) > 0;
 }
 
 // Up to 8 little-endian bytes as the low-order bytes of a zeroed 8-byte value.
@@ -217,9 +205,9 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
   const int64_t stride = recordOffset(1, info->nDataPos) - first;
   const int64_t last = m_nValidCount - 1;
   if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
-  // Records of no size (or less) are not distinct: a text join of them would repeat the same bytes once per
-  // valid record, which may be billions of times.
-  if (stride <= 0 && last > 0 && !isBinaryType(type)) [[unlikely]]
+  // Joined text longer than the whole buffer means the field overlaps the next record (or records have no
+  // size at all), and the same bytes would be repeated, up to billions of times: refused.
+  if (!isBinaryType(type) && m_nValidCount > m_nBlockBuffSize / length) [[unlikely]]
     return out;
   try {
     // Binary types need only the first value's bytes of the joined run; text needs all of it.
