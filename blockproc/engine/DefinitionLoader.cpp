@@ -472,8 +472,7 @@ DefinitionResult failure(DefinitionStatus status, std::string_view file, int32_t
 
 }  // namespace
 
-// ---- TransactionDefinition
-// ----------------------------------------------------------------------------------
+// ---- TransactionDefinition --------------------------------------------------------------------------------
 
 const TransactionDefinition::BlockExtra& TransactionDefinition::extra(const BlockInfo& block) const noexcept {
   static const BlockExtra kNone;
@@ -488,8 +487,7 @@ void TransactionDefinition::addExtra(BlockExtra extra) {
   if (!m_extras.empty()) m_extras.back() = std::move(extra);
 }
 
-// ---- DefinitionResult
-// ---------------------------------------------------------------------------------------
+// ---- DefinitionResult -------------------------------------------------------------------------------------
 
 std::string DefinitionResult::description() const {
   if (status == DefinitionStatus::Ok) return "ok";
@@ -498,8 +496,7 @@ std::string DefinitionResult::description() const {
   return text + ": " + message;
 }
 
-// ---- DefinitionLoader
-// ---------------------------------------------------------------------------------------
+// ---- DefinitionLoader -------------------------------------------------------------------------------------
 
 DefinitionResult DefinitionLoader::loadFile(const std::string& path) noexcept {
   try {

@@ -177,8 +177,7 @@ std::string withThousands(int64_t value) {
   return digits;
 }
 
-// ---- creation
-// -----------------------------------------------------------------------------------------------
+// ---- creation ---------------------------------------------------------------------------------------------
 
 TransactionProc::TransactionProc(TransactionDefinition& definition)
     : BaseDataProc(&definition.tran), m_definition(definition), m_encoding(definition.encoding) {
@@ -220,8 +219,7 @@ KXBlockDataProc* TransactionProc::findBlockProc(std::string_view name) const noe
   return it == m_blockDPMap.end() ? nullptr : it->second;
 }
 
-// ---- receiving a reply
-// --------------------------------------------------------------------------------------
+// ---- receiving a reply ------------------------------------------------------------------------------------
 
 TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int64_t size) noexcept {
   ReplyResult result;
@@ -318,8 +316,7 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
   return result;
 }
 
-// ---- building a request or a reply
-// --------------------------------------------------------------------------
+// ---- building a request or a reply ------------------------------------------------------------------------
 
 TransactionProc::BuildResult TransactionProc::buildRequest(const std::vector<BlockValues>& values) noexcept {
   return build(values, true);
