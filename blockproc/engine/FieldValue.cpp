@@ -331,18 +331,28 @@ bool prepareText(const FieldInfo& field, std::string_view value, uint32_t encodi
 bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
   const int32_t places = field.nDecimalLen > 0 && field.nLength > field.nDecimalLen ? field.nDecimalLen : 0;
   if (!withPlaces(d, places, p.write, why)) return false;
-  const int64_t room = places > 0 ? field.nLength - places - 1 : field.nLength;
-  const int64_t need = std::max<int64_t>(static_cast<int64_t>(d.integer.size()), 1) + (d.negative ? 1 : 0);
-  if (need > room) {
-    why += "needs ";
-    appendGrouped(why, need);
-    why += d.negative ? " bytes for its sign and digits" : " digits";
-    why += places > 0 ? " before the point; the field has room for " : "; the field has room for ";
-    appendGrouped(why, room);
-    return false;
-  }
   p.expected = p.write;
-  return true;
+  const int64_t sign = d.negative ? 1 : 0, digits = static_cast<int64_t>(d.integer.size());
+  // The writer's layout always writes the point; with an implied point the digits take one byte more.
+  const int64_t withPoint = (places > 0 ? field.nLength - places - 1 : field.nLength) - sign;
+  const int64_t implied = field.nLength - places - sign;
+  if (std::max<int64_t>(digits, 1) <= withPoint) return true;
+  if (places > 0 && digits <= implied) {
+    p.write.assign(d.negative ? "-" : "");
+    p.write.append(static_cast<size_t>(implied - digits), '0');
+    p.write += d.integer;
+    p.write += d.fraction;
+    p.write.append(static_cast<size_t>(places) - d.fraction.size(), '0');
+    p.writeType = kFieldText;
+    return true;
+  }
+  why += "has ";
+  appendGrouped(why, digits);
+  why +=
+      places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
+  appendGrouped(why, std::max<int64_t>(implied, 0));
+  if (d.negative) why += " beside the sign";
+  return false;
 }
 
 bool prepareInteger(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
