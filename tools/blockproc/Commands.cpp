@@ -122,6 +122,9 @@ RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string&
   RecordValues values;
   for (const auto& [key, value] : record.items()) {
     const std::string at = where + "." + key;
+    if (key.ends_with("@hex"))
+      throw Failure{kExitData,
+                    at + ": decode shows bytes that are not text this way; they cannot be encoded back"};
     if (key.size() > kAttrSuffix.size() && key.ends_with(kAttrSuffix)) {
       values.attrs.emplace_back(key.substr(0, key.size() - kAttrSuffix.size()), attrByte(value, at));
     } else if (value.is_string()) {
