@@ -5,6 +5,7 @@
 // When the reply splits and every value renders without an issue, the values as shown are built into a reply
 // again: the build must succeed, and the new reply must split and render to the very same values.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
