@@ -28,9 +28,9 @@ while (($#)); do
   shift
 done
 [ -n "$seconds" ] || seconds=$([ "$ci" = 1 ] && echo 45 || echo 300)
-((${#targets[@]})) || targets=(fuzz_ops fuzz_xml fuzz_definition fuzz_codec)
+((${#targets[@]})) || targets=(fuzz_ops fuzz_xml fuzz_definition fuzz_codec fuzz_roundtrip)
 
-bash scripts/setup.sh
+bash scripts/setup.sh fuzz
 build=build-fuzz
 # Only the library and the fuzz targets: no tests, tools or install rules.
 CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBLOCKPROC_BUILD_FUZZ=ON \

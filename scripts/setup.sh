@@ -1,12 +1,35 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds and tests with; does nothing for those already present.
+# Installs the Debian packages a command needs; does nothing for those already present.
+#
+#   scripts/setup.sh sample   build the library and the tool: cmake, g++, pugixml, CLI11, nlohmann-json
+#   scripts/setup.sh test     sample, and GoogleTest / GoogleMock for the tests (the default)
+#   scripts/setup.sh fuzz     sample, and clang with its sanitizer runtime for the libFuzzer targets
+#   scripts/setup.sh bench    sample, and Google Benchmark
+#   scripts/setup.sh format   clang-format
+#
+# Other words are further Debian packages (scripts/valgrind.sh adds valgrind). Works as root on a fresh
+# Debian 12 machine; otherwise installs through sudo.
 set -euo pipefail
+sample=(cmake make g++ libpugixml-dev libcli11-dev nlohmann-json3-dev)
+want=()
+profile=0
+for word in "$@"; do
+  case "$word" in
+    sample) want+=("${sample[@]}"); profile=1 ;;
+    test) want+=("${sample[@]}" libgtest-dev libgmock-dev); profile=1 ;;
+    fuzz) want+=("${sample[@]}" clang libclang-rt-14-dev); profile=1 ;;
+    bench) want+=("${sample[@]}" libbenchmark-dev); profile=1 ;;
+    format) want+=(clang-format); profile=1 ;;
+    *) want+=("$word") ;;
+  esac
+done
+((profile)) || want+=("${sample[@]}" libgtest-dev libgmock-dev)
 need=()
-for pkg in cmake make g++ clang libclang-rt-14-dev clang-format libgtest-dev libgmock-dev libbenchmark-dev \
-  libpugixml-dev libcli11-dev nlohmann-json3-dev "$@"; do
+for pkg in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || need+=("$pkg")
 done
 if ((${#need[@]})); then
+  mapfile -t need < <(printf '%s\n' "${need[@]}" | sort -u)
   echo "setup: installing ${need[*]}" >&2
   sudo_cmd=()
   [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)

@@ -56,7 +56,10 @@ TEST(BlockprocCli, WritesTheGoldenOutputsExactly) {
   } cases[] = {{kDecode, "current_price.table.txt", ""},
                {"decode " + kDef + " -", "current_price.table.txt", kSampleReply},
                {kDecode + " --format json", "current_price.json", ""},
-               {kDecode + " --format csv", "current_price.csv", ""},
+               {kDecode + " --format csv --block OutBlock1", "current_price.OutBlock1.csv", ""},
+               {kDecode + " --format jsonl", "current_price.jsonl", ""},
+               {kDecode + " --format long", "current_price.long.csv", ""},
+               {kDecode + " --raw", "current_price.raw.txt", ""},
                {"hexdump " + kDef + " " + kReply, "current_price.hexdump.txt", ""},
                {"inspect " + kDef, "current_price.layout.txt", ""},
                {"realtime " + kDef + " examples/current_price.stream --block OutBlock1",
@@ -69,13 +72,6 @@ TEST(BlockprocCli, WritesTheGoldenOutputsExactly) {
     if (r.code == 0 && std::getenv("BLOCKPROC_UPDATE_GOLDEN") != nullptr) writeFile(path, r.out);
     EXPECT_EQ(r.out, readFile(path)) << c.args;
   }
-}
-
-TEST(BlockprocCli, DecodesOneBlock) {
-  const Outcome r = run(kDecode + " --block OutBlock1 --format csv");
-  EXPECT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(r.out.find("OutBlock,"), std::string::npos);
-  EXPECT_NE(r.out.find("OutBlock1,4,cvolume,250\n"), std::string::npos) << r.out;
 }
 
 // The decoded JSON (the golden file above) encodes back to the very reply.
@@ -95,7 +91,7 @@ TEST(BlockprocCli, EncodesTheValuesFileIntoAFile) {
 
 TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
   const std::string decodeIn = "decode " + kDef + " -", encodeIn = "encode " + kDef + " -";
-  const std::string hint = "\n  (hexdump shows how the reply's bytes fall into the blocks)\n";
+  const std::string hint = "\n  (hexdump shows how the bytes fall into the blocks)\n";
   const std::string tooLong =
       "standard input: the reply has 242 bytes, but its blocks take 239; 3 remain after block OutBlock1";
   std::string tooManyTicks = kSampleReply;
@@ -110,8 +106,14 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "missing.xml: cannot open: No such file or directory\n  (give the path of a transaction definition "
        "file)\n"},
       {"decode " + kDef + " missing.reply", "", 2,
-       "cannot open the reply 'missing.reply': No such file or directory\n"
+       "missing.reply: cannot open: No such file or directory\n"
        "  (check the path, or give - to read standard input)\n"},
+      // A directory is refused in one line with the usage code, as the definition or as the data.
+      {"decode examples " + kReply, "", 2,
+       "examples: is a directory, not a file\n  (give the path of a transaction definition file)\n"},
+      {"decode " + kDef + " examples", "", 2,
+       "examples: is a directory, not a file\n  (check the path, or give - to read standard input)\n"},
+      {"decode - -", "", 2, "the definition and the data cannot both come from standard input\n"},
       {"decode tests/data/unknown_type.xml " + kReply, "", 2,
        "tests/data/unknown_type.xml:5: field 'price': unknown type 'nubmer' (expected text, number, int16, "
        "int64, float, double or sint64)\n  (fix the definition; docs/definition-format.md describes the "
@@ -120,7 +122,8 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {decodeIn, kSampleReply.substr(0, 100), 1,
        "standard input: block OutBlock1 needs 155 bytes for 5 records; 16 remain" + hint},
       {decodeIn, tooManyTicks, 1,
-       "standard input: block OutBlock1 needs 3,937 bytes for 127 records; 155 remain" + hint},
+       "standard input: block OutBlock1 holds at most 20 records (its repeat); the reply has 127 records" +
+           hint},
       {decodeIn, kSampleReply + "xyz", 1, tooLong + hint},
       {"hexdump " + kDef + " -", kSampleReply + "xyz", 1, tooLong + "\n"},
       {"", "", 2, "A subcommand is required", true},
@@ -132,7 +135,8 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "unknown encoding 'klingon'; use cp949, euc-kr, utf-8, ascii or latin1\n"},
       {encodeIn, "{\"InBlock\": ", 1, "blockproc: standard input: not valid JSON: ", true},
       {encodeIn, R"({"InBlock": {"shcode": "1234567"}})", 1,
-       "standard input: InBlock.shcode: '1234567' takes 7 bytes; the field holds 6 bytes\n"},
+       "standard input: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field holds 6 "
+       "bytes\n"},
       {encodeIn, R"({"OutBlock": {}})", 1,
        "standard input: OutBlock is an output block; give --reply to build a reply, or name input blocks\n"},
       {encodeIn, R"({"InBlock": [1]})", 1, "standard input: InBlock[0] must be an object of field values\n"},
@@ -170,6 +174,157 @@ TEST(BlockprocCli, RefusesEveryTruncatedReply) {
     EXPECT_EQ(r.code, 1) << n << ": " << r.err;
     EXPECT_NE(r.out.find("Q10100 reply: "), std::string::npos) << n;
   }
+}
+
+// A reply of one block with a field of every type; the tests write it to a file of their own.
+const std::string kAllTypes = R"(<transaction code='T9'><input>
+<block name='In'><field name='code' type='text' length='4'/><field name='qty' type='number' length='6' decimals='2'/></block>
+</input><output>
+<block name='Out'><field name='txt' type='text' length='3'/><field name='num' type='number' length='10' decimals='2'/>
+  <field name='wide' type='number' length='21' decimals='2'/><field name='small' type='number' length='3' decimals='1'/>
+  <field name='whole' type='number' length='8'/><field name='i16' type='int16'/><field name='totvol' type='sint64'/>
+  <field name='f0' type='float'/><field name='f2' type='float' decimals='2'/><field name='d0' type='double'/></block>
+<block name='Rows' repeat='10' count='rest'><field name='v' type='text' length='1'/></block>
+</output></transaction>)";
+
+std::string allTypesPath() {
+  static const std::string path = [] {
+    const std::string p = tempPath("all_types.xml");
+    writeFile(p, kAllTypes);
+    return p;
+  }();
+  return path;
+}
+
+// Values that fit come back exactly, and decode's JSON encodes back to the same bytes; values that do not
+// are refused with block, record, field and why.
+TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
+  const std::string def = allTypesPath();
+  const struct {
+    std::string field, value, decoded;  // decoded: the JSON member decode writes, or the refusal
+  } cases[] = {
+      {"totvol", "\"-42\"", "\"totvol\": -42"},
+      {"totvol", "123456789", "\"totvol\": 123456789"},
+      {"f2", "123.45", "\"f2\": 123.45"},
+      {"wide", "\".58\"", "\"wide\": 0.58"},
+      {"small", "\".1\"", "\"small\": 0.1"},
+      {"num", "1234567.8", "\"num\": 1234567.80"},
+      {"d0", "2.5e3", "\"d0\": 2500"},
+      {"num", "\"0.125\"", "field num: '0.125' has 3 decimal places; the field holds 2"},
+      {"num", "\"1234567.899\"", "field num: '1234567.899' has 3 decimal places; the field holds 2"},
+      {"whole", "\"12.5\"", "field whole: '12.5' has 1 decimal place; the field holds whole numbers"},
+      {"f0", "3.5", "field f0: '3.5' has 1 decimal place; the field holds whole numbers"},
+      {"f0", "1e39", "field f0: '1e39' lies outside the range of a float"},
+      {"d0", "\"1e400\"", "field d0: '1e400' lies outside the range of a double"},
+      {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"}};
+  for (const auto& c : cases) {
+    const std::string values = "{\"Out\": {\"" + c.field + "\": " + c.value + "}}";
+    const Outcome built = run("encode '" + def + "' - --reply", values);
+    if (c.decoded.starts_with("field")) {
+      EXPECT_EQ(built.code, 1) << values;
+      EXPECT_EQ(built.err, "blockproc: standard input: block Out, record 0, " + c.decoded + "\n") << values;
+      continue;
+    }
+    ASSERT_EQ(built.code, 0) << values << built.err;
+    const Outcome json = run("decode '" + def + "' - --format json", built.out);
+    EXPECT_EQ(json.code, 0) << values << json.err;
+    EXPECT_NE(json.out.find(c.decoded), std::string::npos) << values << json.out;
+    const Outcome again = run("encode '" + def + "' - --reply", json.out);
+    EXPECT_EQ(again.out, built.out) << values << again.err;
+  }
+  // The implied point of the wire: 0000123450 is 1234.50, and that encodes back.
+  const std::string wire =
+      "ABC0000123450" + std::string(21 + 3 + 8, '0') + std::string(2 + 8 + 4 + 4 + 8, '\0');
+  const Outcome json = run("decode '" + def + "' - --format json", wire);
+  EXPECT_NE(json.out.find("\"num\": 1234.50"), std::string::npos) << json.out << json.err;
+  const Outcome back = run("encode '" + def + "' - --reply", json.out);
+  EXPECT_EQ(back.code, 0) << back.err;
+  EXPECT_EQ(run("decode '" + def + "' - --format json", back.out).out, json.out);
+}
+
+// Bytes that are not text in the encoding are shown escaped, never blanked; the output is complete, a
+// warning names the place and the exit code is 1.
+TEST(BlockprocCli, ShowsBadBytesAndExitsWithOne) {
+  const std::string def = allTypesPath();
+  const std::string reply = std::string(
+                                "A\xFF"
+                                "B") +
+                            "0000000.00" + std::string(21 + 3 + 8, '0') +
+                            std::string(2 + 8 + 4 + 4 + 8, '\0');
+  const std::string warning = "blockproc: warning: block Out, record 0, field txt: byte 1 (0xFF) is not ";
+  const struct {
+    std::string args, part;
+  } cases[] = {{"", "A\\xFFB\n"},
+               {" --format csv --block Out", "\nA\\xFFB,0.00,"},
+               {" --format json",
+                "\"txt\": \"A\xEF\xBF\xBD"
+                "B\",\n      \"txt@hex\": \"41ff42\""},
+               {" --format jsonl",
+                "\"txt\":\"A\xEF\xBF\xBD"
+                "B\",\"txt@hex\":\"41ff42\""},
+               {" --encoding euc-kr", "A\\xFFB\n"},
+               {" --encoding ascii --format long", "Out,0,txt,A\\xFFB"}};
+  for (const auto& c : cases) {
+    const Outcome r = run("decode '" + def + "' -" + c.args, reply);
+    EXPECT_EQ(r.code, 1) << c.args;
+    EXPECT_NE(r.out.find(c.part), std::string::npos) << c.args << "\n" << r.out;
+    EXPECT_TRUE(r.err.starts_with(warning)) << c.args << "\n" << r.err;
+  }
+}
+
+TEST(BlockprocCli, ChecksWhatItReadsAndWrites) {
+  const std::string def = allTypesPath();
+  const std::string reply =
+      "ABC0000000.00" + std::string(21 + 3 + 8, '0') + std::string(2 + 8 + 4 + 4 + 8, '\0');
+  const struct {
+    std::string args, input;
+    int code;
+    std::string err;
+  } cases[] = {{"decode '" + def + "' - --format csv", reply, 2,
+                "blockproc: CSV holds one block, and the reply has 2; pick one with --block, or give "
+                "--output-dir DIR for "
+                "one file per block\n"},
+               {"decode '" + def + "' -", reply + std::string(11, 'x'), 1,
+                "blockproc: standard input: block Rows holds at most 10 records (its repeat); the reply has "
+                "11 records\n"
+                "  (hexdump shows how the bytes fall into the blocks)\n"}};
+  for (const auto& c : cases) {
+    const Outcome r = run(c.args, c.input);
+    EXPECT_EQ(r.code, c.code) << c.args << r.err;
+    EXPECT_EQ(r.err, c.err) << c.args;
+  }
+  // A failed write of the output is an error.
+  for (const std::string& args : {kDecode, "hexdump " + kDef + " " + kReply, "inspect " + kDef}) {
+    const std::string err = tempPath("err");
+    const std::string command =
+        "cd '" + kSource + "' && '" BLOCKPROC_CLI_PATH "' " + args + " >/dev/full 2>'" + err + "'";
+    const int status = std::system(command.c_str());
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 1) << args;
+    EXPECT_EQ(readFile(err), "blockproc: cannot write to standard output: No space left on device\n") << args;
+  }
+  // One file per block, and the definition from standard input.
+  const std::string dir = tempPath("blocks");
+  writeFile(tempPath("reply"), reply + "xy");
+  const Outcome r =
+      run("decode - '" + tempPath("reply") + "' --format csv --output-dir '" + dir + "'", kAllTypes);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(readFile(dir + "/Rows.csv"), "v\nx\ny\n");
+  EXPECT_TRUE(
+      readFile(dir + "/Out.csv").starts_with("txt,num,wide,small,whole,i16,totvol,f0,f2,d0\nABC,0.00,"));
+}
+
+// A request built by encode is read back by decode and hexdump with --request.
+TEST(BlockprocCli, ReadsRequestsBack) {
+  const std::string def = allTypesPath();
+  const Outcome built = run("encode '" + def + "' -", R"({"In": {"code": "AB", "qty": 12.5}})");
+  ASSERT_EQ(built.code, 0) << built.err;
+  EXPECT_EQ(built.out, "AB  012.50");
+  const Outcome decoded = run("decode '" + def + "' - --request --format jsonl", built.out);
+  EXPECT_EQ(decoded.out, "{\"block\":\"In\",\"record\":0,\"code\":\"AB\",\"qty\":12.50}\n") << decoded.err;
+  const Outcome dump = run("hexdump '" + def + "' - --request", built.out);
+  EXPECT_EQ(dump.code, 0) << dump.err;
+  EXPECT_NE(dump.out.find("00000004  30 31 32 2e 35 30"), std::string::npos) << dump.out;
+  EXPECT_TRUE(dump.out.ends_with("In.qty   12.50\n")) << dump.out;
 }
 
 }  // namespace

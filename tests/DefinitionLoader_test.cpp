@@ -31,6 +31,11 @@ std::string countedB(const std::string& count) {
          "'><field name='x' type='text' length='1'/></block>\n";
 }
 
+// Block A with one int16 field and a <link> whose child, `child`, is on line 6.
+std::string linkA(const std::string& child) {
+  return blockA("<field name='x' type='int16'/>\n<link>\n" + child + "\n</link>");
+}
+
 const std::string kBlockA = "<block name='A'><field name='cnt' type='int16'/></block>\n";
 
 DefinitionResult load(const std::string& xml) {
@@ -147,6 +152,18 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {blockA("<field name='x' type='int16'/>\n<link name='B'/>"),
        "5: the <link> of block A names another block, 'B'"},
       {blockA(""), "3: block A has no fields"},
+      // Link records: index triples of whole numbers naming a field of the block, known attribute functions.
+      {linkA("<REALAP name='x' fieldinfo='1,x'/>"),
+       "6: 'fieldinfo' '1,x' must be three whole numbers separated by commas (field index, offset, length)"},
+      {linkA("<DEFAULT deflink='0,-1,0'/>"),
+       "6: 'deflink' '0,-1,0' must be three whole numbers separated by commas (field index, offset, length)"},
+      {linkA("<REALAP fieldinfo='99,0,8'/>"),
+       "6: 'fieldinfo' '99,0,8' names field 99, but block A has fields 0 to 0"},
+      {linkA("<REALAP fieldinfo='0,0,2' attrfunc='bogus'/>"),
+       "6: 'attrfunc' 'bogus' must call a known function: attr_NAME(PARAMS) with NAME one of compare, "
+       "compareto, "
+       "fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose"},
+      {linkA("<REALAP idx='x'/>"), "6: 'idx' must be a whole number, not 'x'"},
       {blockA("<feild/>"), "4: unknown element <feild> in <block> (expected <field> or <link>)"},
       {outputs(kBlockA, " encoding='klingon'"),
        "1: unknown encoding 'klingon' (try cp949, euc-kr, utf-8, ascii)"},
@@ -165,10 +182,15 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
 }
 
 TEST(DefinitionLoader, ReportsAFileThatCannotBeRead) {
-  const DefinitionResult result = DefinitionLoader::loadFile("/nonexistent/def.xml");
-  EXPECT_EQ(result.status, DefinitionStatus::FileError);
-  EXPECT_EQ(result.line, 0);
-  EXPECT_EQ(result.description(), "/nonexistent/def.xml: cannot open: No such file or directory");
+  const std::pair<std::string, std::string> cases[] = {
+      {"/nonexistent/def.xml", "/nonexistent/def.xml: cannot open: No such file or directory"},
+      {BLOCKPROC_SOURCE_DIR "/examples", BLOCKPROC_SOURCE_DIR "/examples: is a directory, not a file"}};
+  for (const auto& [path, description] : cases) {
+    const DefinitionResult result = DefinitionLoader::loadFile(path);
+    EXPECT_EQ(result.status, DefinitionStatus::FileError);
+    EXPECT_EQ(result.line, 0);
+    EXPECT_EQ(result.description(), description);
+  }
 }
 
 TEST(DefinitionLoader, NamesTypesBothWays) {

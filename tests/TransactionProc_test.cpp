@@ -85,9 +85,14 @@ TEST(TransactionProc, SplitsRepliesByTheirCountRulesOrRefusesThem) {
       {"rest", 0, "HEAD009aaabbb", 2, 2, "bbb", ""},
       {"rest", 0, "HEAD009", 2, 0, "", ""},
       {"Head.n", 0, "HEAD004aaabbbcccddd", 2, 4, "ddd", ""},
-      {"Head.n", 0, "HEAD006aaabbbcccdddeeefff", 2, 6, "fff", ""},  // beyond the 5 laid-out records
-      {"prefix", 4, "HEAD0090400" + std::string(1130, 'x'), 1, 0, "",
-       "block Rows needs 1,200 bytes for 400 records; 1,130 remain"},
+      {"Head.n", 0, "HEAD005aaabbbcccdddeee", 2, 5, "eee", ""},
+      // The repeat is the most records a block takes, whatever the count rule.
+      {"Head.n", 0, "HEAD006aaabbbcccdddeeefff", 1, 0, "",
+       "block Rows holds at most 5 records (its repeat); the reply has 6 records"},
+      {"rest", 0, "HEAD009" + std::string(18, 'x'), 1, 0, "",
+       "block Rows holds at most 5 records (its repeat); the reply has 6 records"},
+      {"prefix", 4, "HEAD0090004" + std::string(10, 'x'), 1, 0, "",
+       "block Rows needs 12 bytes for 4 records; 10 remain"},
       {"rest", 0, "HEA", 0, 0, "", "block Head needs 7 bytes for 1 record; 3 remain"},
       {"prefix", 4, "HEAD00912", 1, 0, "", "block Rows needs a 4-digit record count; 2 remain"},
       {"prefix", 2, "HEAD0090xaaa", 1, 0, "", "block Rows's record count '0x' (at byte 7) is not a number"},
@@ -158,7 +163,7 @@ const std::string kRequestBlocks = R"(<transaction code='T' occurslen='3'><input
   <field name='qty' type='number' length='6' decimals='2'/><field name='flag' type='int16'/>
   <field name='vol' type='int64'/></block>
 <block name='Items' repeat='3' count='In.n'><field name='id' type='text' length='2'/></block>
-<block name='Tags' repeat='2' count='prefix'><field name='t' type='text' length='1'/></block>
+<block name='Tags' repeat='1000' count='prefix'><field name='t' type='text' length='1'/></block>
 </input></transaction>)";
 
 // Block In with one record of these field values.
@@ -173,27 +178,35 @@ TEST(TransactionProc, BuildsRequestsOrSaysWhatIsWrong) {
                                      {"Items", {{{{"id", "x1"}}, {}}, {{{"id", "y2"}}, {}}}},
                                      {"Tags", {{{{"t", "k"}}, {}}}}});
   EXPECT_TRUE(built.ok) << built.message;  // the count field and the count prefix filled in
-  EXPECT_EQ(built.bytes, "AB  \x02" + std::string(1, '\0') + "001.50" + std::string(10, ' ') + "x1y2001k");
-  // Blocks left out: the one-record block sends its defaults, the repeated ones nothing but their count.
+  EXPECT_EQ(built.bytes, "AB  \x02" + std::string(1, '\0') + "001.50" + std::string(10, '\0') + "x1y2001k");
+  // Blocks left out: the one-record block sends its defaults (binary fields 0), the repeated ones nothing
+  // but their count.
   built = t.proc->buildRequest({});
   EXPECT_TRUE(built.ok) << built.message;
-  EXPECT_EQ(built.bytes, "    " + std::string(2, '\0') + "000.00" + std::string(10, ' ') + "000");
+  EXPECT_EQ(built.bytes, "    " + std::string(2, '\0') + "000.00" + std::string(10, '\0') + "000");
 
   const std::pair<std::vector<BlockValues>, std::string> refusals[] = {
       {{{"Out", {}}}, "'Out' is not an input block of T (its input blocks: In, Items, Tags)"},
       {{inBlock({{"cod", "A"}})}, "block In has no field 'cod'"},
-      {{inBlock({{"code", "ABCDE"}})}, "In.code: 'ABCDE' takes 5 bytes; the field holds 4 bytes"},
-      {{inBlock({{"qty", "1,5"}})}, "In.qty: '1,5' is not a number"},
-      {{inBlock({{"qty", "1234.5"}})},
-       "In.qty: '1234.5' does not fit: the field has room for 3 digits before the point"},
-      {{inBlock({{"flag", "40000"}})}, "In.flag: '40000' lies outside -32,768 to 32,767"},
+      {{inBlock({{"code", "ABCDE"}})},
+       "block In, record 0, field code: 'ABCDE' takes 5 bytes; the field holds 4 bytes"},
+      {{inBlock({{"qty", "1,5"}})}, "block In, record 0, field qty: '1,5' is not a number"},
+      {{inBlock({{"qty", "12345.5"}})},
+       "block In, record 0, field qty: '12345.5' has 5 digits before the point; the field has room for 4"},
+      {{inBlock({{"flag", "40000"}})},
+       "block In, record 0, field flag: '40000' lies outside -32,768 to 32,767"},
       {{inBlock({{"vol", "-9223372036854775809"}})},
-       "In.vol: '-9223372036854775809' lies outside -9,223,372,036,854,775,808 to 9,223,372,036,854,775,807"},
-      {{inBlock({{"code", "\xF0\x9F\x98\x80"}})}, "In.code: '\xF0\x9F\x98\x80' cannot be written in cp949"},
+       "block In, record 0, field vol: '-9223372036854775809' lies outside -9,223,372,036,854,775,808 to "
+       "9,223,372,036,854,775,807"},
+      {{inBlock({{"code", "\xF0\x9F\x98\x80"}})},
+       "block In, record 0, field code: '\xF0\x9F\x98\x80' has a character, '\xF0\x9F\x98\x80', that cp949 "
+       "cannot hold"},
       {{{"In", {{}, {}}}}, "block In holds one record; 2 were given"},
       {{{"Tags", {}}, {"Tags", {}}}, "values for block Tags are given twice"},
       {{inBlock({{"n", "3"}}), {"Items", {{}, {}}}}, "In.n says '3', but block Items is given 2 records"},
-      {{{"In", {{{}, {{"code", 1}}}}}}, "In.code carries no attribute byte"},
+      {{{"In", {{{}, {{"code", 1}}}}}}, "block In, record 0, field code carries no attribute byte"},
+      {{{"Items", std::vector<RecordValues>(4)}},
+       "block Items holds at most 3 records (its repeat); 4 were given"},
       {{{"Tags", std::vector<RecordValues>(1000)}},
        "block Tags has 1,000 records, more than a 3-digit count holds"}};
   for (const auto& [values, message] : refusals) {

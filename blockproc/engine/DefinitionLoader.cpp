@@ -8,14 +8,18 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <set>
 #include <sstream>
 #include <utility>
+
+#include <sys/stat.h>
 
 #include <pugixml.hpp>
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
 
@@ -53,6 +57,11 @@ struct DefinitionError {
   std::string message;
 };
 
+// One or more decimal digits and nothing else.
+bool isWholeNumber(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
 std::string quoted(std::string_view text) {
   return "'" + std::string(text) + "'";
 }
@@ -88,6 +97,7 @@ struct BlockSource {
   bool input;
   std::string count;  // the count attribute as written ("" when absent)
   std::vector<FieldSource> fields;
+  pugi::xml_node link;  // the block's <link> element (empty when it has none)
 };
 
 class Loader {
@@ -185,13 +195,8 @@ class Loader {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) return fallback;
     const std::string_view text = a.value();
-    int64_t value = 0;
-    bool digits = !text.empty() && text.size() <= 12;
-    for (char c : text) {
-      if (c < '0' || c > '9') digits = false;
-      if (digits) value = value * 10 + (c - '0');
-    }
-    if (!digits) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    if (!isWholeNumber(text)) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    const int64_t value = num::parseLeadingInt(text, min - 1, max + 1);
     if (value < min || value > max)
       fail(node, quoted(name) + " must lie between " + std::to_string(min) + " and " + std::to_string(max) +
                      ", not " + std::string(text));
@@ -248,7 +253,7 @@ class Loader {
     if (node.attribute("repeat"))
       block.setRepeat(static_cast<int32_t>(number(node, "repeat", 1, kMaxRepeat, 1)));
     BlockSource source{
-        &block, m_lines.lineOf(node.offset_debug()), input, node.attribute("count").value(), {}};
+        &block, m_lines.lineOf(node.offset_debug()), input, node.attribute("count").value(), {}, {}};
     if (node.attribute("count") && source.count.empty())
       fail(node, "the attribute 'count' must not be empty");
 
@@ -261,6 +266,7 @@ class Loader {
       } else if (kind == "link") {
         if (!linkXml.empty()) fail(child, "block " + block.m_szBlockName + " has a second <link> element");
         linkXml = takeLinkText(child, block);
+        source.link = child;
       } else {
         fail(child, "unknown element <" + std::string(kind) + "> in <block> (expected <field> or <link>)");
       }
@@ -351,6 +357,53 @@ class Loader {
                             " bytes; at most " + std::to_string(kMaxBlockBytes) + " are allowed");
     block.m_nRecordSendSize = block.getRecordFieldSize();
     readCount(source);
+    checkLinks(source);
+  }
+
+  // Link records: index triples are three whole numbers, the first a field of the block; an attribute
+  // function names one the processor knows.
+  void checkLinks(const BlockSource& source) const {
+    const BlockInfo& block = *source.block;
+    for (pugi::xml_node child : source.link.children()) {
+      if (child.type() != pugi::node_element) continue;
+      const bool real = std::string_view(child.name()) == "REALAP";
+      number(child, "idx", 0, std::numeric_limits<int32_t>::max(), 0);
+      if (const pugi::xml_attribute triple = child.attribute(real ? "fieldinfo" : "deflink"))
+        checkTriple(child, triple, block);
+      if (const pugi::xml_attribute func = child.attribute("attrfunc"); real && func)
+        checkAttrFunc(child, func);
+    }
+  }
+
+  void checkTriple(const pugi::xml_node& node, const pugi::xml_attribute& triple,
+                   const BlockInfo& block) const {
+    const std::string_view text = triple.value();
+    std::array<std::string_view, 3> items;
+    size_t count = 0, from = 0;
+    for (size_t at = 0; at <= text.size(); ++at) {
+      if (at < text.size() && text[at] != ',') continue;
+      if (count < items.size()) items[count] = text.substr(from, at - from);
+      ++count;
+      from = at + 1;
+    }
+    const std::string what = quoted(triple.name()) + " " + quoted(text);
+    if (count != 3 || !std::all_of(items.begin(), items.end(), isWholeNumber))
+      fail(node, what + " must be three whole numbers separated by commas (field index, offset, length)");
+    const int64_t field = num::parseLeadingInt(items[0], 0, std::numeric_limits<int32_t>::max());
+    if (field >= block.getFieldCount())
+      fail(node, what + " names field " + std::to_string(field) + ", but block " + block.m_szBlockName +
+                     " has fields 0 to " + std::to_string(block.getFieldCount() - 1));
+  }
+
+  void checkAttrFunc(const pugi::xml_node& node, const pugi::xml_attribute& func) const {
+    const std::string_view text = func.value();
+    const size_t attr = text.find("attr_");
+    const size_t open = attr == std::string_view::npos ? attr : text.find('(', attr);
+    const bool formed = open != std::string_view::npos && text.find(')', open) != std::string_view::npos;
+    if (!formed || BlockInfo::getAttrFunctionIndex(text.substr(attr + 5, open - attr - 5)) == FUNC_BASE_INDEX)
+      fail(node, "'attrfunc' " + quoted(text) +
+                     " must call a known function: attr_NAME(PARAMS) with NAME one of compare, compareto, "
+                     "fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose");
   }
 
   void checkOverlaps(const BlockSource& source) const {
@@ -498,18 +551,34 @@ std::string DefinitionResult::description() const {
 
 // ---- DefinitionLoader -------------------------------------------------------------------------------------
 
-DefinitionResult DefinitionLoader::loadFile(const std::string& path) noexcept {
+bool readFileBytes(const std::string& path, std::string& out, std::string& error) noexcept {
   try {
     std::ifstream in(path, std::ios::binary);
-    if (!in)
-      return failure(DefinitionStatus::FileError, path, 0,
-                     std::string("cannot open: ") + std::strerror(errno));
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad()) return failure(DefinitionStatus::FileError, path, 0, "cannot read the file");
-    return loadString(text, path);
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+      error = "is a directory, not a file";
+      return false;
+    }
+    if (!in) {
+      error = std::string("cannot open: ") + std::strerror(errno);
+      return false;
+    }
+    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    if (in.bad()) {
+      error = "cannot read the file";
+      return false;
+    }
+    return true;
   } catch (...) {
-    return failure(DefinitionStatus::FileError, path, 0, "cannot read the file (out of memory)");
+    error = "cannot read the file (out of memory)";
+    return false;
   }
+}
+
+DefinitionResult DefinitionLoader::loadFile(const std::string& path) noexcept {
+  std::string text, error;
+  if (!readFileBytes(path, text, error)) return failure(DefinitionStatus::FileError, path, 0, error);
+  return loadString(text, path);
 }
 
 DefinitionResult DefinitionLoader::loadString(std::string_view xml, std::string_view name) noexcept {

@@ -73,6 +73,10 @@ class DefinitionLoader {
   static DefinitionResult loadString(std::string_view xml, std::string_view name = "<string>") noexcept;
 };
 
+// Reads the whole file into `out`; false, with `error` saying why ("is a directory, not a file", "cannot
+// open: No such file or directory"), when it cannot.
+bool readFileBytes(const std::string& path, std::string& out, std::string& error) noexcept;
+
 // The data type code for a type name of the format ("text", "number", "int16", ...), or -1.
 int32_t dataTypeFromName(std::string_view name) noexcept;
 // The format's name for a data type code ("text", "number", ...), or "unknown".

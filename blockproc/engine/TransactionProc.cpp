@@ -3,11 +3,13 @@
 #include "blockproc/engine/TransactionProc.h"
 
 #include <algorithm>
-#include <charconv>
+#include <cstring>
 #include <limits>
 
 #include "blockproc/codec/TextCodec.h"
+#include "blockproc/engine/FieldValue.h"
 #include "blockproc/parser/TBXML.h"
+#include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
 
@@ -35,13 +37,8 @@ bool isDigit(char c) {
 // Leading spaces, then one or more digits and nothing else: the value, or -1.
 int64_t parseCount(std::string_view text) {
   while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  if (text.empty() || text.size() > 18) return -1;
-  int64_t value = 0;
-  for (char c : text) {
-    if (!isDigit(c)) return -1;
-    value = value * 10 + (c - '0');
-  }
-  return value;
+  if (text.empty() || !std::all_of(text.begin(), text.end(), isDigit)) return -1;
+  return num::parseLeadingInt(text, 0, std::numeric_limits<int64_t>::max());
 }
 
 // A record count read from a field's display value: spaces around, an optional '+', digits.
@@ -59,101 +56,12 @@ std::pair<std::string_view, std::string_view> splitFieldRef(std::string_view ref
   return {ref.substr(0, dot), ref.substr(dot + 1)};
 }
 
-// ---- checking a value before it is written ------------------------------------------------------------
-
-struct NumberShape {
-  bool ok = false;
-  bool sign = false;
-  int64_t integerBytes = 0;  // bytes ahead of the point, sign excluded
-};
-
-// Numeric text as the engine hands it to the writers (surrounding spaces already gone): an optional sign,
-// digits with at most one point, and for floating-point types an optional exponent.
-NumberShape numberShape(std::string_view text, bool exponent) {
-  NumberShape shape;
-  size_t i = 0;
-  if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
-    shape.sign = true;
-    ++i;
-  }
-  int digits = 0;
-  while (i < text.size() && isDigit(text[i])) ++i, ++digits;
-  shape.integerBytes = static_cast<int64_t>(i - (shape.sign ? 1 : 0));
-  if (i < text.size() && text[i] == '.') {
-    ++i;
-    while (i < text.size() && isDigit(text[i])) ++i, ++digits;
-  }
-  if (digits == 0) return shape;
-  if (exponent && i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
-    size_t j = i + 1;
-    if (j < text.size() && (text[j] == '+' || text[j] == '-')) ++j;
-    if (j < text.size() && isDigit(text[j])) {
-      while (j < text.size() && isDigit(text[j])) ++j;
-      i = j;
-    }
-  }
-  shape.ok = i == text.size();
-  return shape;
-}
-
-// A number's text without the spaces around it: " 123.45" is the number 123.45, and the writers would
-// otherwise take the spaces as digits.
-std::string_view trimSpaces(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-  return text;
-}
-
-bool isNumberType(int32_t dataType) {
-  return dataType >= kFieldNumText && dataType <= kFieldSInt64;
-}
-
-// Why the value cannot be written into the field as it stands, or "".
-std::string valueProblem(const FieldInfo& field, std::string_view value, uint32_t encoding) {
-  const auto encoded = codec::encode(encoding, value);
-  if (!encoded) return "cannot be written in " + std::string(codec::encodingName(encoding));
-  if (field.getKeyEncState() || value.empty()) return {};
-  const int64_t length = field.nLength;
-  switch (field.nDataType) {
-    case kFieldText:
-      if (static_cast<int64_t>(encoded->size()) > length)
-        return "takes " + bytes(static_cast<int64_t>(encoded->size())) + "; the field holds " + bytes(length);
-      return {};
-    case kFieldNumText: {
-      const NumberShape shape = numberShape(value, false);
-      if (!shape.ok) return "is not a number";
-      const int64_t decimals =
-          field.nDecimalLen > 0 && length > field.nDecimalLen ? field.nDecimalLen + 1 : 0;
-      const int64_t room = length - decimals - (shape.sign ? 1 : 0);
-      if (shape.integerBytes > room)
-        return "does not fit: the field has room for " + std::to_string(std::max<int64_t>(room, 0)) +
-               " digits before the point";
-      return {};
-    }
-    case kFieldInt16: {
-      const NumberShape shape = numberShape(value, false);
-      if (!shape.ok || value.find('.') != std::string_view::npos) return "is not a whole number";
-      const int64_t v = parseCountValue(value[0] == '-' ? value.substr(1) : value);
-      if (v < 0 || v > (value[0] == '-' ? 32768 : 32767)) return "lies outside -32,768 to 32,767";
-      return {};
-    }
-    case kFieldInt64:
-    case kFieldSInt64: {
-      const NumberShape shape = numberShape(value, false);
-      if (!shape.ok || value.find('.') != std::string_view::npos) return "is not a whole number";
-      int64_t v = 0;
-      const std::string_view digits = value[0] == '+' ? value.substr(1) : value;
-      const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), v);
-      if (ec != std::errc() || end != digits.data() + digits.size())
-        return "lies outside -9,223,372,036,854,775,808 to 9,223,372,036,854,775,807";
-      return {};
-    }
-    case kFieldFloat:
-    case kFieldDouble:
-      return numberShape(value, true).ok ? std::string() : "is not a number";
-    default:
-      return {};
-  }
+// Bytes of one record as a request sends it: the fields back to back, without attribute bytes.
+int64_t sendRecordSize(const BlockInfo& block) {
+  int64_t size = 0;
+  for (int32_t j = 0; j < block.getFieldCount(); ++j)
+    size += std::max(block.getFieldInfoFromIndex(j)->nLength, 0);
+  return size;
 }
 
 }  // namespace
@@ -222,21 +130,53 @@ KXBlockDataProc* TransactionProc::findBlockProc(std::string_view name) const noe
 // ---- receiving a reply ------------------------------------------------------------------------------------
 
 TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int64_t size) noexcept {
+  return receive(data, size, false);
+}
+
+TransactionProc::ReplyResult TransactionProc::receiveRequest(const void* data, int64_t size) noexcept {
+  return receive(data, size, true);
+}
+
+namespace {
+
+// Lays records sent fields back to back out as the block holds them in memory (fields at their positions,
+// attribute bytes and gaps as spaces).
+std::string unpackRecords(const BlockInfo& block, const uint8_t* sent, int64_t count) {
+  const int64_t memSize = block.getRecordMemSize(), sendSize = sendRecordSize(block);
+  std::string records(static_cast<size_t>(count * memSize), ' ');
+  for (int64_t i = 0; i < count; ++i) {
+    const uint8_t* from = sent + i * sendSize;
+    for (int32_t j = 0; j < block.getFieldCount(); ++j) {
+      const FieldInfo& f = *block.getFieldInfoFromIndex(j);
+      if (f.nLength <= 0) continue;
+      std::memcpy(records.data() + i * memSize + f.nDataPos, from, static_cast<size_t>(f.nLength));
+      from += f.nLength;
+    }
+  }
+  return records;
+}
+
+}  // namespace
+
+TransactionProc::ReplyResult TransactionProc::receive(const void* data, int64_t size, bool input) noexcept {
   ReplyResult result;
+  const std::string what = input ? "request" : "reply";
+  const auto& procs = input ? m_InblockDPList : m_OutblockDPList;
   try {
-    for (KXBlockDataProc* proc : m_OutblockDPList) proc->setData(data, 0, 0);
-    if (size < 0 || (data == nullptr && size > 0)) throw Refusal{"no reply bytes were given"};
+    for (KXBlockDataProc* proc : procs) proc->setData(data, 0, 0);
+    if (size < 0 || (data == nullptr && size > 0)) throw Refusal{"no " + what + " bytes were given"};
     if (size > kInt32Max)
-      throw Refusal{"a reply of " + bytes(size) + " is more than a transaction takes (" + bytes(kInt32Max) +
-                    ")"};
+      throw Refusal{"a " + what + " of " + bytes(size) + " is more than a transaction takes (" +
+                    bytes(kInt32Max) + ")"};
     const auto* bytesIn = static_cast<const uint8_t*>(data);
     int64_t at = 0;
-    for (KXBlockDataProc* proc : m_OutblockDPList) {
+    for (KXBlockDataProc* proc : procs) {
       const BlockInfo& block = *proc->getBlockInfo();
       const std::string& name = block.m_szBlockName;
-      const int64_t recordSize = block.getRecordMemSize();
+      const int64_t recordSize = input ? sendRecordSize(block) : block.getRecordMemSize();
       BlockSlice slice;
       slice.proc = proc;
+      slice.packed = input;
       int64_t count = 1;
       if (block.isOccursBlock()) {
         switch (block.m_nRecordLenApplyType) {
@@ -262,7 +202,7 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
           case RCL_RESTDATA: {
             const int64_t rest = size - at;
             if (recordSize <= 0 || rest % recordSize != 0)
-              throw Refusal{"block " + name + " takes the rest of the reply, " + bytes(rest) +
+              throw Refusal{"block " + name + " takes the rest of the " + what + ", " + bytes(rest) +
                             ", which is not a whole number of " + std::to_string(recordSize) +
                             "-byte records"};
             count = rest / recordSize;
@@ -276,7 +216,7 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
                 [wanted = countBlock](const BlockSlice& s) { return s.proc->getBlockName() == wanted; });
             if (reached == result.slices.end() || reached->proc->findFieldInfo(countField) == nullptr)
               throw Refusal{"block " + name + " takes its record count from " + block.m_strRecordLenSubInfo +
-                            ", which is not a field of an earlier block of the reply"};
+                            ", which is not a field of an earlier block of the " + what};
             const std::string value = reached->proc->getFieldDataFromName(countField, 0);
             count = parseCountValue(value);
             if (count < 0)
@@ -285,6 +225,10 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
             break;
           }
         }
+        // The block's repeat is the most records it takes, which also keeps a block within its bytes limit.
+        if (count > block.m_nRepeatCount)
+          throw Refusal{"block " + name + " holds at most " + records(block.m_nRepeatCount) +
+                        " (its repeat); the " + what + " has " + records(count)};
       }
       // count * recordSize, held at the 64-bit limit: a count read from the data may be absurd.
       const int64_t need = recordSize > 0 && count > std::numeric_limits<int64_t>::max() / recordSize
@@ -293,7 +237,12 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
       if (need > size - at)
         throw Refusal{"block " + name + " needs " + bytes(need) + " for " + records(count) + "; " +
                       withThousands(size - at) + " remain"};
-      proc->setData(data, static_cast<int32_t>(at), static_cast<int32_t>(need));
+      if (input) {
+        const std::string laidOut = unpackRecords(block, bytesIn + at, count);
+        proc->setData(laidOut.data(), 0, static_cast<int32_t>(laidOut.size()));
+      } else {
+        proc->setData(data, static_cast<int32_t>(at), static_cast<int32_t>(need));
+      }
       slice.offset = at;
       slice.length = need;
       slice.records = static_cast<int32_t>(count);
@@ -302,16 +251,15 @@ TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int
       result.used = at;
     }
     if (at < size) {
-      const std::string last =
-          m_OutblockDPList.empty() ? "" : " after block " + m_OutblockDPList.back()->getBlockName();
-      throw Refusal{"the reply has " + bytes(size) + ", but its blocks take " + withThousands(at) + "; " +
-                    withThousands(size - at) + " remain" + last};
+      const std::string last = procs.empty() ? "" : " after block " + procs.back()->getBlockName();
+      throw Refusal{"the " + what + " has " + bytes(size) + ", but its blocks take " + withThousands(at) +
+                    "; " + withThousands(size - at) + " remain" + last};
     }
     result.ok = true;
   } catch (const Refusal& refusal) {
     result.message = refusal.message;
   } catch (...) {
-    result.message = "out of memory while splitting the reply";
+    result.message = "out of memory while splitting the " + what;
   }
   return result;
 }
@@ -391,21 +339,57 @@ struct TransactionProc::Side {
 
 namespace {
 
-void writeRecord(KXBlockDataProc& proc, const RecordValues& record, int32_t index) {
+std::string placeOf(const KXBlockDataProc& proc, int64_t record, std::string_view field) {
+  std::string where;
+  value::appendWhere(where, proc.getBlockName(), record, field);
+  return where;
+}
+
+// Writes one value through the field's writer, then reads it back: a value that does not come back exactly
+// is refused rather than sent changed.
+void writeValue(KXBlockDataProc& proc, const FieldInfo& field, int32_t index, int64_t record,
+                const std::string& text) {
+  value::PreparedValue prepared;
+  std::string why;
+  if (!value::prepareValue(field, text, proc.getEncodingType(), prepared, why))
+    throw Refusal{placeOf(proc, record, field.szFieldName) + ": " + why};
+  FieldInfo asType = field;
+  if (prepared.writeType >= 0) asType.nDataType = prepared.writeType;
+  proc.setFieldDataFromInfo(prepared.writeType >= 0 ? &asType : &field, index,
+                            prepared.blank ? std::nullopt : std::optional<std::string_view>(prepared.write));
+  if (!prepared.verify) return;
+  std::string back;
+  value::appendValue(back, field, value::fieldBytes(proc, field, index), proc.getEncodingType(),
+                     value::BadByteStyle::Escaped);
+  if (back != prepared.expected)
+    throw Refusal{placeOf(proc, record, field.szFieldName) + ": '" + text + "' would read back as '" + back +
+                  "'"};
+}
+
+bool isBinary(const FieldInfo& field) {
+  return field.nDataType >= kFieldInt16 && field.nDataType <= kFieldSInt64;
+}
+
+// Writes the values of record `record` of the caller's values into buffer record `index`. A binary field
+// the values leave out holds 0 (its laid-out default, spaces, is no number).
+void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t index, int64_t record,
+                 bool zeroBinary) {
   const std::string& block = proc.getBlockName();
-  for (const auto& [name, value] : record.fields) {
+  const BlockInfo& info = *proc.getBlockInfo();
+  for (int32_t j = 0; zeroBinary && j < info.getFieldCount(); ++j) {
+    const FieldInfo& field = *info.getFieldInfoFromIndex(j);
+    if (isBinary(field) && !field.getKeyEncState()) writeValue(proc, field, index, record, "0");
+  }
+  for (const auto& [name, text] : values.fields) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
-    const std::string_view written = isNumberType(field->nDataType) ? trimSpaces(value) : value;
-    const std::string problem = valueProblem(*field, written, proc.getEncodingType());
-    if (!problem.empty()) throw Refusal{block + "." + name + ": '" + value + "' " + problem};
-    proc.setFieldDataFromInfo(field, index, written);
+    writeValue(proc, *field, index, record, text);
   }
-  for (const auto& [name, attr] : record.attrs) {
+  for (const auto& [name, attr] : values.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
     if (!proc.getBlockInfo()->carriesAttr(*field))
-      throw Refusal{block + "." + name + " carries no attribute byte"};
+      throw Refusal{placeOf(proc, record, name) + " carries no attribute byte"};
     proc.setFieldAttrFromInfo(field, index, attr);
   }
 }
@@ -450,7 +434,9 @@ TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValue
     for (Side::Entry& e : side.entries) {
       KXBlockDataProc& proc = *e.proc;
       const BlockInfo& block = *proc.getBlockInfo();
-      if (e.count > kInt32Max) throw Refusal{"block " + block.m_szBlockName + " is given too many records"};
+      if (block.isOccursBlock() && e.count > block.m_nRepeatCount)
+        throw Refusal{"block " + block.m_szBlockName + " holds at most " + records(block.m_nRepeatCount) +
+                      " (its repeat); " + withThousands(e.count) + " were given"};
       if (block.isOccursBlock() && block.m_nRecordLenApplyType == RCL_OCCURSLEN)
         out += countPrefix(block.m_szBlockName, e.count, m_definition.tran.m_nOccursLen);
       static const RecordValues kNoValues;
@@ -461,13 +447,11 @@ TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValue
       };
       if (input) {
         // Each record goes out through the send packing, which takes a block's first record.
-        int64_t sendSize = 0;
-        for (int32_t j = 0; j < block.getFieldCount(); ++j)
-          sendSize += std::max(block.getFieldInfoFromIndex(j)->nLength, 0);
+        const int64_t sendSize = sendRecordSize(block);
         for (int64_t i = 0; i < e.count; ++i) {
           resetBlock(proc);
-          writeRecord(proc, recordAt(i), 0);
-          if (i == 0) writeRecord(proc, e.extra, 0);
+          writeRecord(proc, recordAt(i), 0, i, true);
+          if (i == 0) writeRecord(proc, e.extra, 0, 0, false);
           std::string packed(static_cast<size_t>(sendSize), ' ');
           proc.getStructInputData(packed.data());
           out += packed;
@@ -476,9 +460,9 @@ TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValue
         resetBlock(proc);
         for (int64_t i = 0; i < e.count; ++i) {
           reachRecord(proc, static_cast<int32_t>(i));
-          writeRecord(proc, recordAt(i), static_cast<int32_t>(i));
+          writeRecord(proc, recordAt(i), static_cast<int32_t>(i), i, true);
         }
-        if (e.count > 0) writeRecord(proc, e.extra, 0);
+        if (e.count > 0) writeRecord(proc, e.extra, 0, 0, false);
         const int64_t length = e.count * block.getRecordMemSize();
         if (length > proc.getBlockBuffSize())
           throw Refusal{"block " + block.m_szBlockName + " was not laid out"};

@@ -46,6 +46,7 @@ class TransactionProc : public BaseDataProc {
     int64_t offset = 0;        // the block's first record
     int64_t length = 0;        // bytes of its records
     int32_t records = 0;
+    bool packed = false;  // records as a request sends them: the fields back to back, no attribute bytes
   };
   struct ReplyResult {
     bool ok = false;
@@ -78,15 +79,20 @@ class TransactionProc : public BaseDataProc {
   const std::vector<KXBlockDataProc*>& outputProcs() const noexcept { return m_OutblockDPList; }
 
   // Splits a reply among the output blocks, in order, and hands each its records with setData. Blocks the
-  // reply does not reach hold no record. A reply shorter or longer than its blocks need is refused with a
-  // message naming the block and the byte counts; the blocks before the problem keep their records.
+  // reply does not reach hold no record. A repeated block takes at most its repeat of records. A reply
+  // shorter or longer than its blocks need is refused with a message naming the block and the byte counts;
+  // the blocks before the problem keep their records.
   ReplyResult receiveReply(const void* data, int64_t size) noexcept;
+
+  // The request's counterpart of receiveReply: splits request bytes (as buildRequest makes them) among the
+  // input blocks, each record's sent fields laid out at their positions in the block's records.
+  ReplyResult receiveRequest(const void* data, int64_t size) noexcept;
 
   // The request: for every input block in order, its count prefix when it has one, then each record's
   // fields back to back (getStructInputData). A block the values leave out sends one record of defaults
-  // (no record when it is repeated). A count field left out is filled with its block's record count. A value
-  // for a number field loses the spaces around it; one that is not a number of the field's type, lies outside
-  // its range or does not fit is refused with the field and the reason.
+  // (no record when it is repeated). A count field left out is filled with its block's record count. Every
+  // value goes through value::prepareValue and is read back after the write: one the field cannot hold
+  // exactly is refused with block, record, field and reason. A repeated block takes at most its repeat.
   BuildResult buildRequest(const std::vector<BlockValues>& values) noexcept;
   // The reply that receiveReply would split into these values: for every output block in order, its count
   // prefix when it has one, then its records as laid out in memory (attribute bytes included).
@@ -95,6 +101,7 @@ class TransactionProc : public BaseDataProc {
  private:
   struct Side;
   BuildResult build(const std::vector<BlockValues>& values, bool input) noexcept;
+  ReplyResult receive(const void* data, int64_t size, bool input) noexcept;
   void loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept;
 
   TransactionDefinition& m_definition;

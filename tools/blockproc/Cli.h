@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/TransactionProc.h"
 
 namespace blockproc::cli {
@@ -21,7 +22,7 @@ struct Failure {
   std::string message;
 };
 
-enum class Format { Table, Json, Csv };
+enum class Format { Table, Json, Jsonl, Csv, Long };
 
 // A definition and the parent that works on it.
 struct Session {
@@ -31,18 +32,55 @@ struct Session {
 
 // Options every subcommand that reads a definition shares.
 struct CommonOptions {
-  std::string definition;
-  std::string encoding;  // "" keeps the definition's encoding
+  std::string definition;  // a path, or - for standard input
+  std::string encoding;    // "" keeps the definition's encoding
 };
 
-// Loads the definition and builds its parent; a definition error fails with kExitUsage.
-Session openSession(const CommonOptions& options);
-// The whole file, or standard input for "-"; a file that cannot be read fails with kExitUsage.
-std::string readInput(const std::string& path, std::string_view what);
+// Loads the definition (standard input for "-") and builds its parent; a definition that cannot be read or
+// is not valid fails with kExitUsage. `dataPath` is the data's path, which may not also be "-".
+Session openSession(const CommonOptions& options, const std::string& dataPath = "");
+// The whole file, or standard input for "-"; a file that cannot be read (a directory, a missing file)
+// fails with kExitUsage.
+std::string readInput(const std::string& path);
 // The path as messages name it: "standard input" for "-".
 std::string sourceName(const std::string& path);
-// Writes the bytes to the file, or to standard output for "" or "-".
-void writeOutput(const std::string& path, std::string_view bytes);
+
+// Output text gathered in one buffer and written in large chunks to a file or standard output. A failed
+// open, write or close ends the command with kExitData and a message naming the file.
+class Output {
+ public:
+  // Standard output for "" or "-", else the file, created or truncated.
+  explicit Output(const std::string& path);
+  ~Output();
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  std::string& text() noexcept { return m_text; }
+  // Writes the buffer out once it holds a chunk; called between records.
+  void spill();
+  // Writes everything gathered and, for a file, closes it.
+  void finish();
+
+ private:
+  void writeAll();
+  int m_fd = -1;
+  bool m_own = false;
+  std::string m_name;
+  std::string m_text;
+};
+
+// Problems found in the data while rendering it: each goes to standard error as it is found (the first
+// hundred of them), and any of them makes the command exit with kExitData after its output is complete.
+class Warnings {
+ public:
+  void add(const std::string& message);
+  int64_t count() const noexcept { return m_count; }
+  // Says how many were not shown, if any.
+  void close() const;
+
+ private:
+  int64_t m_count = 0;
+};
 
 // ---- records as text --------------------------------------------------------------------------------------
 
@@ -53,21 +91,32 @@ struct Column {
   std::string name;  // the field name, "<field>@attr" for the attribute byte
 };
 std::vector<Column> columnsOf(const KXBlockDataProc& proc);
-// The value of the column in record `index` as the processor reads it ("0x35" for an attribute byte).
-std::string cellValue(const KXBlockDataProc& proc, const Column& column, int32_t index);
-// Whether a column holds numbers (right-aligned in tables).
-bool isNumeric(const Column& column);
+
+// How records are rendered.
+struct RenderOptions {
+  Format format = Format::Table;
+  bool raw = false;  // the processor's display strings instead of canonical values
+};
+
+// Appends the column's value in record `index`: canonical (or the processor's display string when raw),
+// "0x35" for an attribute byte. Returns what kept the value from being plain; `warnings`, when given, is
+// told of it with block, record, field and byte offset.
+value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
+                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings);
 // The text with control characters shown as \xNN, so that a value cannot break a table or the terminal.
 std::string printable(std::string_view text);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
 std::string padded(std::string_view text, size_t width, bool right);
+// Appends `text` padded to `width` display columns.
+void appendPadded(std::string& out, std::string_view text, size_t width, bool right);
 
 // Rows under a header line, each column as wide as its widest cell; no trailing spaces.
 std::string renderTable(const std::vector<std::string>& header, const std::vector<bool>& right,
                         const std::vector<std::vector<std::string>>& rows);
-// The records of the blocks in the chosen format. For tables, `title` is printed ahead of each block.
-std::string renderBlocks(const std::string& code, const std::vector<const KXBlockDataProc*>& blocks,
-                         Format format);
+// Writes the records of the blocks in the chosen format, a record at a time; for tables and long form a
+// block title goes ahead of each block.
+void renderBlocks(Output& out, const std::string& code, const std::vector<const KXBlockDataProc*>& blocks,
+                  const RenderOptions& options, Warnings& warnings);
 
 // ---- subcommands ------------------------------------------------------------------------------------------
 
@@ -76,6 +125,9 @@ struct DecodeOptions {
   std::string reply;
   std::string format = "table";
   std::string block;
+  std::string outputDir;  // one file per block
+  bool raw = false;
+  bool request = false;  // the data is a request: the input blocks
 };
 struct EncodeOptions {
   CommonOptions common;
@@ -86,12 +138,14 @@ struct EncodeOptions {
 struct HexdumpOptions {
   CommonOptions common;
   std::string reply;
+  bool request = false;
 };
 struct RealtimeOptions {
   CommonOptions common;
   std::string stream;
   std::string block;
   std::string format = "table";
+  bool raw = false;
   int32_t keep = 0;  // 0: every record of the stream
 };
 

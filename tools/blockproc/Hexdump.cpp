@@ -1,7 +1,6 @@
 // The hexdump subcommand: every byte of a reply with the block, record and field it belongs to.
 
 #include <algorithm>
-#include <iostream>
 
 #include "Cli.h"
 #include "blockproc/codec/Utf8.h"
@@ -21,20 +20,31 @@ struct Range {
   std::string value;
 };
 
-// The fields, attribute bytes and unused bytes of one record, in byte order.
-void addRecord(std::vector<Range>& out, const KXBlockDataProc& proc, int64_t base, int32_t index) {
+std::string cellText(const KXBlockDataProc& proc, const Column& column, int32_t index) {
+  std::string text;
+  appendCell(text, proc, column, index, value::BadByteStyle::Escaped, false, nullptr);
+  return text;
+}
+
+// The fields, attribute bytes and unused bytes of one record, in byte order. A packed record (as a request
+// sends it) holds the fields back to back in definition order, without attribute bytes.
+void addRecord(std::vector<Range>& out, const KXBlockDataProc& proc, int64_t base, int32_t index,
+               bool packed) {
   const BlockInfo& block = *proc.getBlockInfo();
   const std::string prefix =
       block.m_szBlockName + (proc.isOccursBlock() ? "[" + std::to_string(index) + "]" : std::string());
   std::vector<Range> ranges;
+  int64_t sent = 0;
   for (const Column& c : columnsOf(proc)) {
-    const int64_t pos = c.field->nDataPos + (c.attr ? c.field->nLength : 0);
+    if (packed && c.attr) continue;
+    const int64_t pos = packed ? sent : c.field->nDataPos + (c.attr ? c.field->nLength : 0);
+    if (packed) sent += std::max(c.field->nLength, 0);
     ranges.push_back(
-        {base + pos, c.attr ? 1 : c.field->nLength, prefix + "." + c.name, cellValue(proc, c, index)});
+        {base + pos, c.attr ? 1 : c.field->nLength, prefix + "." + c.name, cellText(proc, c, index)});
   }
   std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.offset < b.offset; });
   int64_t at = base;
-  const int64_t end = base + block.getRecordMemSize();
+  const int64_t end = base + (packed ? sent : block.getRecordMemSize());
   for (Range& r : ranges) {
     if (r.offset > at) out.push_back({at, r.offset - at, prefix + " (unused)", ""});
     at = std::max(at, r.offset + r.length);
@@ -50,8 +60,9 @@ std::vector<Range> rangesOf(const TransactionProc::ReplyResult& received, int64_
     if (slice.countOffset >= 0)
       out.push_back({slice.countOffset, slice.countLength, proc.getBlockName() + " (record count)",
                      std::to_string(slice.records)});
-    const int64_t recordSize = proc.getBlockInfo()->getRecordMemSize();
-    for (int32_t i = 0; i < slice.records; ++i) addRecord(out, proc, slice.offset + i * recordSize, i);
+    const int64_t recordSize = slice.records > 0 ? slice.length / slice.records : 0;
+    for (int32_t i = 0; i < slice.records; ++i)
+      addRecord(out, proc, slice.offset + i * recordSize, i, slice.packed);
   }
   if (received.used < size) out.push_back({received.used, size - received.used, "(not read)", ""});
   return out;
@@ -87,27 +98,31 @@ std::string lineOf(int64_t offset, std::string_view bytes, const std::string& la
 }  // namespace
 
 int runHexdump(const HexdumpOptions& options) {
-  const Session session = openSession(options.common);
-  const std::string reply = readInput(options.reply, "reply");
-  const auto size = static_cast<int64_t>(reply.size());
-  const auto received = session.proc->receiveReply(reply.data(), size);
+  const Session session = openSession(options.common, options.reply);
+  const std::string data = readInput(options.reply);
+  const auto size = static_cast<int64_t>(data.size());
+  const auto received = options.request ? session.proc->receiveRequest(data.data(), size)
+                                        : session.proc->receiveReply(data.data(), size);
   const std::vector<Range> ranges = rangesOf(received, size);
 
   size_t labelWidth = utf8::displayWidth("field");
   for (const Range& r : ranges) labelWidth = std::max(labelWidth, utf8::displayWidth(r.label));
-  std::string out = session.definition->tran.getTrCode() + " reply: " + withThousands(size) +
-                    (size == 1 ? " byte" : " bytes") + "\n\n";
-  out += padded("offset", 8, false) + "  " + padded("bytes", kHexWidth, false) + "  " +
-         padded("field", labelWidth, false) + "  value\n";
+  Output out("");
+  std::string& text = out.text();
+  text += session.definition->tran.getTrCode() + (options.request ? " request: " : " reply: ") +
+          withThousands(size) + (size == 1 ? " byte" : " bytes") + "\n\n";
+  text += padded("offset", 8, false) + "  " + padded("bytes", kHexWidth, false) + "  " +
+          padded("field", labelWidth, false) + "  value\n";
   for (const Range& r : ranges) {
     for (int64_t at = 0; at < r.length; at += kBytesPerLine) {
       const int64_t n = std::min(kBytesPerLine, r.length - at);
-      const std::string_view bytes(reply.data() + r.offset + at, static_cast<size_t>(n));
-      out += at == 0 ? lineOf(r.offset, bytes, r.label, labelWidth, r.value)
-                     : lineOf(r.offset + at, bytes, "", labelWidth, "");
+      const std::string_view bytes(data.data() + r.offset + at, static_cast<size_t>(n));
+      text += at == 0 ? lineOf(r.offset, bytes, r.label, labelWidth, r.value)
+                      : lineOf(r.offset + at, bytes, "", labelWidth, "");
     }
+    out.spill();
   }
-  std::cout << out;
+  out.finish();
   if (!received.ok) throw Failure{kExitData, sourceName(options.reply) + ": " + received.message};
   return kExitOk;
 }

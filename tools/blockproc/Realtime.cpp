@@ -1,6 +1,5 @@
 // The realtime subcommand: a stream of real-time records fed in front of each other, shown newest first.
 
-#include <iostream>
 #include <limits>
 
 #include "Cli.h"
@@ -21,8 +20,8 @@ std::string blockNames(const TransactionProc& proc) {
 }  // namespace
 
 int runRealtime(const RealtimeOptions& options) {
-  const Format format = parseFormat(options.format);
-  const Session session = openSession(options.common);
+  const RenderOptions render{parseFormat(options.format), options.raw};
+  const Session session = openSession(options.common, options.stream);
   KXBlockDataProc* proc = session.proc->findBlockProc(options.block);
   if (proc == nullptr)
     throw Failure{kExitUsage,
@@ -30,7 +29,7 @@ int runRealtime(const RealtimeOptions& options) {
   BlockInfo& block = *proc->getBlockInfo();
   const int64_t recordSize = block.getRecordMemSize();
 
-  const std::string stream = readInput(options.stream, "stream");
+  const std::string stream = readInput(options.stream);
   const auto size = static_cast<int64_t>(stream.size());
   if (recordSize <= 0 || size % recordSize != 0)
     throw Failure{kExitData, sourceName(options.stream) + ": the stream holds " + withThousands(size) +
@@ -56,12 +55,16 @@ int runRealtime(const RealtimeOptions& options) {
                     sourceName(options.stream) + ": record " + withThousands(i) + " could not be taken"};
   }
 
-  std::string out;
-  if (format == Format::Table)
-    out = block.m_szBlockName + " real-time records, newest first (" + withThousands(proc->getValidCount()) +
-          " of " + withThousands(records) + " in the stream)\n\n";
-  std::cout << out << renderBlocks(session.definition->tran.getTrCode(), {proc}, format);
-  return kExitOk;
+  Output out("");
+  if (render.format == Format::Table)
+    out.text() = block.m_szBlockName + " real-time records, newest first (" +
+                 withThousands(proc->getValidCount()) + " of " + withThousands(records) +
+                 " in the stream)\n\n";
+  Warnings warnings;
+  renderBlocks(out, session.definition->tran.getTrCode(), {proc}, render, warnings);
+  out.finish();
+  warnings.close();
+  return warnings.count() > 0 ? kExitData : kExitOk;
 }
 
 }  // namespace blockproc::cli

@@ -24,7 +24,8 @@ namespace {
 using namespace blockproc::cli;
 
 void addDefinition(CLI::App& command, CommonOptions& common) {
-  command.add_option("DEF", common.definition, "transaction definition file (XML)")->required();
+  command.add_option("DEF", common.definition, "transaction definition file (XML; - reads standard input)")
+      ->required();
 }
 
 void addEncoding(CLI::App& command, CommonOptions& common) {
@@ -34,10 +35,16 @@ void addEncoding(CLI::App& command, CommonOptions& common) {
       "latin1)");
 }
 
-void addFormat(CLI::App& command, std::string& format) {
-  command.add_option("--format", format, "output format: table, json or csv")
-      ->check(CLI::IsMember({"table", "json", "csv"}))
+void addFormat(CLI::App& command, std::string& format, bool& raw) {
+  command
+      .add_option("--format", format,
+                  "output format: table, json, jsonl (a JSON object per record), csv (a row per record of "
+                  "one block) or long (block,record,field,value)")
+      ->check(CLI::IsMember({"table", "json", "jsonl", "csv", "long"}))
       ->capture_default_str();
+  command.add_flag("--raw", raw,
+                   "show the processor's display strings untouched (zero fill, signs) instead of canonical "
+                   "values");
 }
 
 }  // namespace
@@ -56,9 +63,11 @@ int main(int argc, char** argv) {
   CLI::App* decodeCmd = app.add_subcommand("decode", "show every field of every record of a reply");
   addDefinition(*decodeCmd, decode.common);
   decodeCmd->add_option("REPLY", decode.reply, "reply bytes (- reads standard input)")->required();
-  addFormat(*decodeCmd, decode.format);
+  addFormat(*decodeCmd, decode.format, decode.raw);
   addEncoding(*decodeCmd, decode.common);
-  decodeCmd->add_option("--block", decode.block, "show only this output block");
+  decodeCmd->add_option("--block", decode.block, "show only this block");
+  decodeCmd->add_option("--output-dir", decode.outputDir, "write one file per block into this directory");
+  decodeCmd->add_flag("--request", decode.request, "the data is a request: show its input blocks");
 
   EncodeOptions encode;
   CLI::App* encodeCmd = app.add_subcommand("encode", "build request bytes from field values in JSON");
@@ -79,6 +88,7 @@ int main(int argc, char** argv) {
       app.add_subcommand("hexdump", "show a reply's bytes labelled with block, record and field");
   addDefinition(*hexdumpCmd, hexdump.common);
   hexdumpCmd->add_option("REPLY", hexdump.reply, "reply bytes (- reads standard input)")->required();
+  hexdumpCmd->add_flag("--request", hexdump.request, "the data is a request: label its input blocks");
   addEncoding(*hexdumpCmd, hexdump.common);
 
   RealtimeOptions realtime;
@@ -91,7 +101,7 @@ int main(int argc, char** argv) {
   realtimeCmd->add_option("--block", realtime.block, "the block whose records the stream holds")->required();
   realtimeCmd->add_option("--keep", realtime.keep, "keep only the newest N records (default: all)")
       ->check(CLI::Range(1, 1000000));
-  addFormat(*realtimeCmd, realtime.format);
+  addFormat(*realtimeCmd, realtime.format, realtime.raw);
   addEncoding(*realtimeCmd, realtime.common);
 
   try {

@@ -1,0 +1,582 @@
+// Canonical values of fields: rendering a field's bytes, and checking a caller's value before it is written.
+
+#include "blockproc/engine/FieldValue.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+#include "blockproc/codec/TextCodec.h"
+#include "blockproc/util/NumberParse.h"
+
+namespace blockproc::value {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+// Exponents a caller may write ("1e5"); beyond them the digits alone would be a megabyte of zeros.
+constexpr int64_t kMaxExponent = 4000;
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool isNumberField(const FieldInfo& field) {
+  return field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
+}
+
+void appendDecimal(std::string& out, int64_t value) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  out.append(digits, end);
+}
+
+// The count with a comma between groups of three digits.
+void appendGrouped(std::string& out, int64_t value) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+  const char* p = digits;
+  if (*p == '-') out.push_back(*p++);
+  const std::ptrdiff_t count = end - p;
+  for (std::ptrdiff_t i = 0; i < count; ++i) {
+    if (i > 0 && (count - i) % 3 == 0) out.push_back(',');
+    out.push_back(p[i]);
+  }
+}
+
+std::string_view trimTrailingBlanks(std::string_view bytes) {
+  while (!bytes.empty() && (bytes.back() == ' ' || bytes.back() == '\0')) bytes.remove_suffix(1);
+  return bytes;
+}
+
+void appendBadByte(std::string& out, uint8_t byte, BadByteStyle style) {
+  if (style == BadByteStyle::Replacement) {
+    out += "\xEF\xBF\xBD";
+    return;
+  }
+  out += "\\x";
+  out.push_back("0123456789ABCDEF"[byte >> 4]);
+  out.push_back("0123456789ABCDEF"[byte & 15]);
+}
+
+// Decodes the bytes into `out`; bytes that are not text in the encoding are shown in `style`. The fast path
+// decodes the whole; only a failure walks the characters, each the shortest run of 1 to 4 bytes that decodes.
+RenderResult appendText(std::string& out, std::string_view bytes, uint32_t encoding, BadByteStyle style) {
+  RenderResult result;
+  if (bytes.empty() || codec::decodeAppend(encoding, bytes, out)) return result;
+  size_t at = 0;
+  while (at < bytes.size()) {
+    size_t width = 0;
+    for (size_t k = 1; k <= 4 && at + k <= bytes.size(); ++k)
+      if (codec::decodeAppend(encoding, bytes.substr(at, k), out)) {
+        width = k;
+        break;
+      }
+    if (width == 0) {
+      if (result.offset < 0) result = {ValueIssue::BadBytes, static_cast<int32_t>(at)};
+      appendBadByte(out, static_cast<uint8_t>(bytes[at]), style);
+      width = 1;
+    }
+    at += width;
+  }
+  return result;
+}
+
+// Appends "int.frac" with the leading zeros of `integer` gone, at least `places` decimals (zeros added) and
+// no trailing zero beyond them; true when more than `places` decimals remain.
+bool appendNumber(std::string& out, bool negative, std::string_view integer, std::string_view fraction,
+                  int32_t places) {
+  while (!integer.empty() && integer.front() == '0') integer.remove_prefix(1);
+  while (static_cast<int32_t>(fraction.size()) > places && fraction.back() == '0') fraction.remove_suffix(1);
+  const bool zero = integer.empty() && fraction.find_first_not_of('0') == std::string_view::npos;
+  if (negative && !zero) out.push_back('-');
+  if (integer.empty()) out.push_back('0');
+  out.append(integer);
+  const auto decimals = std::max<int64_t>(places, static_cast<int64_t>(fraction.size()));
+  if (decimals > 0) {
+    out.push_back('.');
+    out.append(fraction);
+    out.append(static_cast<size_t>(decimals) - fraction.size(), '0');
+  }
+  return static_cast<int32_t>(fraction.size()) > places;
+}
+
+// Numeric text of the wire: leading spaces, an optional sign, digits with at most one point; without a point
+// the last `places` digits are the decimals.
+RenderResult appendNumericText(std::string& out, std::string_view bytes, int32_t places, uint32_t encoding,
+                               BadByteStyle style) {
+  const std::string_view trimmed = trimTrailingBlanks(bytes);
+  size_t i = 0;
+  while (i < trimmed.size() && trimmed[i] == ' ') ++i;
+  if (i == trimmed.size()) return {};
+  const bool negative = trimmed[i] == '-';
+  if (trimmed[i] == '-' || trimmed[i] == '+') ++i;
+  const size_t intFrom = i;
+  while (i < trimmed.size() && isDigit(trimmed[i])) ++i;
+  std::string_view integer = trimmed.substr(intFrom, i - intFrom), fraction;
+  const bool point = i < trimmed.size() && trimmed[i] == '.';
+  if (point) {
+    const size_t fracFrom = ++i;
+    while (i < trimmed.size() && isDigit(trimmed[i])) ++i;
+    fraction = trimmed.substr(fracFrom, i - fracFrom);
+  }
+  if (i != trimmed.size() || integer.size() + fraction.size() == 0) {
+    appendText(out, trimmed, encoding, style);
+    return {ValueIssue::NotANumber, static_cast<int32_t>(i)};
+  }
+  if (!point && places > 0) {
+    // The implied point: fewer digits than places are the decimals with zeros ahead of them.
+    const auto cut = static_cast<size_t>(places);
+    if (integer.size() >= cut) {
+      fraction = integer.substr(integer.size() - cut);
+      integer = integer.substr(0, integer.size() - cut);
+    } else {
+      std::string padded(cut - integer.size(), '0');
+      padded.append(integer);
+      appendNumber(out, negative, {}, padded, places);
+      return {};
+    }
+  }
+  const bool more = appendNumber(out, negative, integer, fraction, places);
+  return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
+}
+
+// Appends the binary value's shortest decimal text divided by 10^shift, with at least `places` decimals.
+template <typename Float>
+RenderResult appendBinaryFloat(std::string& out, Float value, int32_t shift, int32_t places) {
+  if (!std::isfinite(value)) {
+    out += std::isnan(value) ? "nan" : value < 0 ? "-inf" : "inf";
+    return {ValueIssue::NotFinite, -1};
+  }
+  char text[64];
+  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific).ptr;
+  const std::string_view sci(text, static_cast<size_t>(end - text));
+  const size_t e = sci.find('e');
+  const bool negative = sci.front() == '-';
+  std::string digits;  // the mantissa's digits, the point after the first
+  for (char c : sci.substr(negative ? 1 : 0, e - (negative ? 1 : 0)))
+    if (isDigit(c)) digits.push_back(c);
+  const int64_t exponent = num::parseLeadingInt(sci.substr(e + 1), -100000, 100000);
+  const int64_t point = 1 + exponent - shift;  // digits ahead of the point
+  const auto size = static_cast<int64_t>(digits.size());
+  std::string integer, fraction;
+  if (point <= 0) {
+    fraction.assign(static_cast<size_t>(-point), '0');
+    fraction += digits;
+  } else if (point >= size) {
+    integer = digits;
+    integer.append(static_cast<size_t>(point - size), '0');
+  } else {
+    integer = digits.substr(0, static_cast<size_t>(point));
+    fraction = digits.substr(static_cast<size_t>(point));
+  }
+  const bool more = appendNumber(out, negative, integer, fraction, places);
+  return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
+}
+
+template <typename Int>
+bool loadInt(std::string_view bytes, Int& value) {
+  if (bytes.size() < sizeof(Int)) return false;
+  std::memcpy(&value, bytes.data(), sizeof(Int));
+  return true;
+}
+
+// ---- values as callers give them ----------------------------------------------------------------------
+
+// A number as a caller writes it: sign, integer digits without leading zeros, decimals without trailing ones.
+struct Decimal {
+  bool negative = false;
+  std::string integer;
+  std::string fraction;
+};
+
+enum class ParseStatus { Ok, NotANumber, OutOfRange };
+
+// An optional sign, digits with at most one point (a digit on either side), an optional exponent.
+ParseStatus parseDecimal(std::string_view text, Decimal& d) {
+  size_t i = 0;
+  d.negative = i < text.size() && text[i] == '-';
+  if (i < text.size() && (text[i] == '-' || text[i] == '+')) ++i;
+  std::string digits;
+  int64_t point = -1;
+  for (; i < text.size(); ++i) {
+    if (isDigit(text[i])) {
+      digits.push_back(text[i]);
+    } else if (text[i] == '.' && point < 0) {
+      point = static_cast<int64_t>(digits.size());
+    } else {
+      break;
+    }
+  }
+  if (digits.empty()) return ParseStatus::NotANumber;
+  if (point < 0) point = static_cast<int64_t>(digits.size());
+  if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+    const std::string_view exponent = text.substr(i + 1);
+    size_t j = exponent.empty() || (exponent[0] != '+' && exponent[0] != '-') ? 0 : 1;
+    if (j == exponent.size()) return ParseStatus::NotANumber;
+    for (; j < exponent.size(); ++j)
+      if (!isDigit(exponent[j])) return ParseStatus::NotANumber;
+    const int64_t shift = num::parseLeadingInt(exponent, -kMaxExponent - 1, kMaxExponent + 1);
+    const bool zero = digits.find_first_not_of('0') == std::string::npos;
+    if (!zero && (shift > kMaxExponent || shift < -kMaxExponent)) return ParseStatus::OutOfRange;
+    if (!zero) point += shift;
+    i = text.size();
+  }
+  if (i != text.size()) return ParseStatus::NotANumber;
+  const auto size = static_cast<int64_t>(digits.size());
+  if (point < 0) {
+    digits.insert(0, static_cast<size_t>(-point), '0');
+    point = 0;
+  }
+  if (point > size) digits.append(static_cast<size_t>(point - size), '0');
+  d.integer = digits.substr(0, static_cast<size_t>(point));
+  d.fraction = digits.substr(static_cast<size_t>(point));
+  d.integer.erase(0, std::min(d.integer.find_first_not_of('0'), d.integer.size()));
+  while (!d.fraction.empty() && d.fraction.back() == '0') d.fraction.pop_back();
+  if (d.integer.empty() && d.fraction.empty()) d.negative = false;
+  return ParseStatus::Ok;
+}
+
+std::string_view trimSpaces(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
+}
+
+void quote(std::string& why, std::string_view value) {
+  why += '\'';
+  why += value;
+  why += "' ";
+}
+
+// The decimal with exactly `places` decimals, or false when it has more.
+bool withPlaces(const Decimal& d, int32_t places, std::string& out, std::string& why) {
+  if (static_cast<int64_t>(d.fraction.size()) > places) {
+    why += "has ";
+    appendDecimal(why, static_cast<int64_t>(d.fraction.size()));
+    why += d.fraction.size() == 1 ? " decimal place" : " decimal places";
+    if (places == 0) {
+      why += "; the field holds whole numbers";
+    } else {
+      why += "; the field holds ";
+      appendDecimal(why, places);
+    }
+    return false;
+  }
+  appendNumber(out, d.negative, d.integer, d.fraction, places);
+  return true;
+}
+
+bool parseForField(std::string_view text, Decimal& d, std::string& why, std::string_view type) {
+  switch (parseDecimal(text, d)) {
+    case ParseStatus::Ok:
+      return true;
+    case ParseStatus::OutOfRange:
+      why += "lies outside the range of ";
+      why += type;
+      return false;
+    case ParseStatus::NotANumber:
+    default:
+      why += "is not a number";
+      return false;
+  }
+}
+
+bool prepareText(const FieldInfo& field, std::string_view value, uint32_t encoding, PreparedValue& p,
+                 std::string& why) {
+  std::string bytes;
+  if (!codec::encodeAppend(encoding, value, bytes)) {
+    // Find the first character the encoding lacks, for the message.
+    size_t at = 0;
+    while (at < value.size()) {
+      const auto lead = static_cast<uint8_t>(value[at]);
+      const size_t width = lead < 0x80 ? 1 : (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3 : 4;
+      std::string one;
+      if (!codec::encodeAppend(encoding, value.substr(at, width), one)) {
+        why += "has a character, '";
+        why += value.substr(at, width);
+        why += "', that ";
+        why += codec::encodingName(encoding);
+        why += " cannot hold";
+        return false;
+      }
+      at += width;
+    }
+    why += "cannot be written in ";
+    why += codec::encodingName(encoding);
+    return false;
+  }
+  if (static_cast<int64_t>(bytes.size()) > field.nLength) {
+    why += "takes ";
+    appendGrouped(why, static_cast<int64_t>(bytes.size()));
+    why += " bytes; the field holds ";
+    appendGrouped(why, field.nLength);
+    why += field.nLength == 1 ? " byte" : " bytes";
+    return false;
+  }
+  if (!value.empty() && (value.back() == ' ' || value.back() == '\0')) {
+    why += value.back() == ' ' ? "ends in a space" : "ends in a NUL character";
+    why += ", which the field's padding does not keep";
+    return false;
+  }
+  p.write.assign(value);
+  p.expected.assign(value);
+  return true;
+}
+
+bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
+  const int32_t places = field.nDecimalLen > 0 && field.nLength > field.nDecimalLen ? field.nDecimalLen : 0;
+  if (!withPlaces(d, places, p.write, why)) return false;
+  p.expected = p.write;
+  const int64_t sign = d.negative ? 1 : 0, digits = static_cast<int64_t>(d.integer.size());
+  // The writer's layout always writes the point; with an implied point the digits take one byte more.
+  const int64_t withPoint = (places > 0 ? field.nLength - places - 1 : field.nLength) - sign;
+  const int64_t implied = field.nLength - places - sign;
+  if (std::max<int64_t>(digits, 1) <= withPoint) return true;
+  if (places > 0 && digits <= implied) {
+    p.write.assign(d.negative ? "-" : "");
+    p.write.append(static_cast<size_t>(implied - digits), '0');
+    p.write += d.integer;
+    p.write += d.fraction;
+    p.write.append(static_cast<size_t>(places) - d.fraction.size(), '0');
+    p.writeType = kFieldText;
+    return true;
+  }
+  why += "has ";
+  appendGrouped(why, digits);
+  why +=
+      places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
+  appendGrouped(why, std::max<int64_t>(implied, 0));
+  if (d.negative) why += " beside the sign";
+  return false;
+}
+
+bool prepareInteger(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
+  if (!withPlaces(d, 0, p.write, why)) return false;
+  int64_t v = 0;
+  const auto [end, ec] = std::from_chars(p.write.data(), p.write.data() + p.write.size(), v);
+  const bool int16 = field.nDataType == kFieldInt16;
+  if (ec != std::errc() || (int16 && (v < -32768 || v > 32767))) {
+    why += int16 ? "lies outside -32,768 to 32,767"
+                 : "lies outside -9,223,372,036,854,775,808 to 9,223,372,036,854,775,807";
+    return false;
+  }
+  p.expected = p.write;
+  if (field.nDataType == kFieldSInt64) p.writeType = kFieldInt64;  // the main writer would write digit text
+  return true;
+}
+
+// A float field holds the value times 10^decimals (its reader divides by them); a double the value itself.
+template <typename Float>
+bool prepareFloat(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
+  const int32_t places = std::max(field.nDecimalLen, 0);
+  const bool isFloat = field.nDataType == kFieldFloat;
+  if (!withPlaces(d, places, p.expected, why)) return false;
+  std::string scaled = d.negative ? "-" : "";
+  scaled += d.integer.empty() ? "0" : d.integer;
+  if (isFloat) {
+    scaled += d.fraction;
+    scaled.append(static_cast<size_t>(places) - d.fraction.size(), '0');
+  } else if (!d.fraction.empty()) {
+    scaled += '.';
+    scaled += d.fraction;
+  }
+  Float stored = 0;
+  const auto [end, ec] = std::from_chars(scaled.data(), scaled.data() + scaled.size(), stored);
+  if (ec != std::errc() || !std::isfinite(stored)) {
+    why += isFloat ? "lies outside the range of a float" : "lies outside the range of a double";
+    return false;
+  }
+  std::string back;
+  appendBinaryFloat(back, stored, isFloat ? places : 0, places);
+  if (back != p.expected) {
+    why += isFloat ? "is not held exactly by a float" : "is not held exactly by a double";
+    why += " (it would read back as " + back + ")";
+    return false;
+  }
+  // The shortest text of the stored value as a double reads back as exactly that value.
+  char text[64];
+  const auto textEnd = std::to_chars(text, text + sizeof text, static_cast<double>(stored)).ptr;
+  p.write.assign(text, textEnd);
+  return true;
+}
+
+}  // namespace
+
+ValueKind valueKind(const FieldInfo& field) noexcept {
+  return field.nDataType == kFieldText && field.nDecimalLen <= 0 ? ValueKind::Text : ValueKind::Number;
+}
+
+int32_t displayWidth(const FieldInfo& field) noexcept {
+  const int32_t places = std::max(field.nDecimalLen, 0);
+  switch (field.nDataType) {
+    case kFieldText:
+    case kFieldNumText:
+      // An implied point adds one character to the digits.
+      return std::max(field.nLength, 0) + (isNumberField(field) ? 1 : 0);
+    case kFieldInt16:
+      return 6;
+    case kFieldInt64:
+    case kFieldSInt64:
+      return 20;
+    case kFieldFloat:
+      return 12 + places;
+    case kFieldDouble:
+      return 18 + places;
+    default:
+      return 0;
+  }
+}
+
+std::string_view fieldBytes(const KXBlockDataProc& proc, const FieldInfo& field, int32_t record) noexcept {
+  const BlockInfo* block = proc.getBlockInfo();
+  if (block == nullptr || record < 0 || record >= proc.getValidCount() || field.nLength <= 0) return {};
+  const int64_t offset =
+      (int64_t{proc.getStartIndex()} + record) * block->getRecordMemSize() + int64_t{field.nDataPos};
+  const uint8_t* data = proc.getData();
+  if (data == nullptr || field.nDataPos < 0 || offset < 0 || offset + field.nLength > proc.getBlockBuffSize())
+    return {};
+  return {reinterpret_cast<const char*>(data) + offset, static_cast<size_t>(field.nLength)};
+}
+
+RenderResult appendValue(std::string& out, const FieldInfo& field, std::string_view bytes, uint32_t encoding,
+                         BadByteStyle style) {
+  const int32_t places = std::max(field.nDecimalLen, 0);
+  switch (field.nDataType) {
+    case kFieldText:
+    case kFieldNumText:
+      if (isNumberField(field)) return appendNumericText(out, bytes, places, encoding, style);
+      return appendText(out, trimTrailingBlanks(bytes), encoding, style);
+    case kFieldInt16: {
+      int16_t v = 0;
+      if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
+      appendDecimal(out, v);
+      return {};
+    }
+    case kFieldInt64:
+    case kFieldSInt64: {
+      int64_t v = 0;
+      if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
+      appendDecimal(out, v);
+      return {};
+    }
+    case kFieldFloat: {
+      float v = 0;
+      if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
+      return appendBinaryFloat(out, v, places, places);
+    }
+    case kFieldDouble: {
+      double v = 0;
+      if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
+      return appendBinaryFloat(out, v, 0, places);
+    }
+    default:
+      return {ValueIssue::NotANumber, 0};
+  }
+}
+
+void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& field, std::string_view bytes,
+                 uint32_t encoding) {
+  const auto at = static_cast<size_t>(std::max(result.offset, 0));
+  switch (result.issue) {
+    case ValueIssue::BadBytes:
+    case ValueIssue::NotANumber:
+      out += "byte ";
+      appendDecimal(out, static_cast<int64_t>(at));
+      if (at < bytes.size()) {
+        out += " (0x";
+        out.push_back("0123456789ABCDEF"[static_cast<uint8_t>(bytes[at]) >> 4]);
+        out.push_back("0123456789ABCDEF"[static_cast<uint8_t>(bytes[at]) & 15]);
+        out += ")";
+      }
+      if (result.issue == ValueIssue::BadBytes) {
+        out += " is not ";
+        out += codec::encodingName(encoding);
+        out += " text";
+      } else {
+        out += " is not part of a number";
+      }
+      return;
+    case ValueIssue::MorePlaces:
+      out += "the value has more decimal places than the field's ";
+      appendDecimal(out, std::max(field.nDecimalLen, 0));
+      return;
+    case ValueIssue::NotFinite:
+      out += "the value is not a finite number";
+      return;
+    case ValueIssue::None:
+    default:
+      return;
+  }
+}
+
+void appendHex(std::string& out, std::string_view bytes) {
+  for (char c : bytes) {
+    out.push_back(kHexDigits[static_cast<uint8_t>(c) >> 4]);
+    out.push_back(kHexDigits[static_cast<uint8_t>(c) & 15]);
+  }
+}
+
+void appendWhere(std::string& out, std::string_view block, int64_t record, std::string_view field) {
+  out += "block ";
+  out += block;
+  out += ", record ";
+  appendDecimal(out, record);
+  out += ", field ";
+  out += field;
+}
+
+bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encoding, PreparedValue& prepared,
+                  std::string& why) {
+  prepared = PreparedValue{};
+  const auto refuse = [&](std::string reason) {
+    std::string text;
+    quote(text, value);
+    why = text + reason;
+    return false;
+  };
+  std::string reason;
+  if (field.getKeyEncState()) {
+    prepared.verify = false;
+    prepared.write.assign(value);
+    if (!codec::encode(encoding, value))
+      return refuse(std::string("cannot be written in ") + codec::encodingName(encoding));
+    return true;
+  }
+  if (valueKind(field) == ValueKind::Text) {
+    return prepareText(field, value, encoding, prepared, reason) || refuse(reason);
+  }
+  const std::string_view number = trimSpaces(value);
+  if (number.empty() && isNumberField(field)) {
+    prepared.blank = true;
+    return true;
+  }
+  Decimal d;
+  const bool isFloat = field.nDataType == kFieldFloat, isDouble = field.nDataType == kFieldDouble;
+  if (!parseForField(number, d, reason, isFloat ? "a float" : isDouble ? "a double" : "the field"))
+    return refuse(reason);
+  bool ok = false;
+  switch (field.nDataType) {
+    case kFieldInt16:
+    case kFieldInt64:
+    case kFieldSInt64:
+      ok = prepareInteger(field, d, prepared, reason);
+      break;
+    case kFieldFloat:
+      ok = prepareFloat<float>(field, d, prepared, reason);
+      break;
+    case kFieldDouble:
+      ok = prepareFloat<double>(field, d, prepared, reason);
+      break;
+    default:
+      ok = prepareNumericText(field, d, prepared, reason);
+      break;
+  }
+  return ok || refuse(reason);
+}
+
+}  // namespace blockproc::value
