@@ -39,6 +39,11 @@ def load_definition(source):
         return _load(f.read(), path)
 
 
+def _load_text(xml, name):
+    # How a pickled Definition is loaded again (on a Dask worker, say): from the text it was loaded from.
+    return _load(xml, name)
+
+
 def _check_definition(definition):
     if not isinstance(definition, Definition):
         raise TypeError("definition must be a blockproc.Definition (from load_definition), not "

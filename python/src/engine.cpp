@@ -207,7 +207,7 @@ void bindEngine(py::module_& m) {
           py::return_value_policy::reference_internal)
       .def("__repr__", [](const Definition& d) { return "<blockproc.Definition " + d.definition->tran.getTrCode() + " from " + d.name + ">"; })
       .def("__reduce__", [](const Definition& d) {
-        return py::make_tuple(py::module_::import("blockproc._blockproc").attr("_load"),
+        return py::make_tuple(py::module_::import("blockproc").attr("_load_text"),
                               py::make_tuple(py::bytes(d.xml), d.name));
       });
   m.def("_load", &load, py::arg("xml"), py::arg("name"));
