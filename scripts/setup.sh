@@ -3,7 +3,8 @@
 set -euo pipefail
 need=()
 for pkg in cmake make g++ clang libclang-rt-14-dev clang-format libgtest-dev libgmock-dev libbenchmark-dev \
-  libpugixml-dev libcli11-dev nlohmann-json3-dev "$@"; do
+  libpugixml-dev libcli11-dev nlohmann-json3-dev \
+  python3-dev pybind11-dev python3-pytest python3-numpy python3-pandas python3-dask python3-distributed "$@"; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || need+=("$pkg")
 done
 if ((${#need[@]})); then

@@ -1,5 +1,5 @@
-// Column decoding: one pass per field over the records, numbers parsed in place, text decoded once per distinct
-// field value.
+// Column decoding: one pass per field over the records, numbers parsed in place, text decoded once per
+// distinct field value.
 
 #include "columns.h"
 
@@ -61,10 +61,12 @@ bool parseScaled(std::string_view text, int32_t scale, int64_t& out) {
   if (fraction > scale)
     throw CellError{"'" + std::string(text) + "' has " + std::to_string(fraction) +
                     " decimal places; the field declares " + std::to_string(scale)};
-  for (int32_t k = fraction; fraction >= 0 && k < scale; ++k) overflow |= __builtin_mul_overflow(value, 10u, &value);
+  for (int32_t k = fraction; fraction >= 0 && k < scale; ++k)
+    overflow |= __builtin_mul_overflow(value, 10u, &value);
   const uint64_t limit = negative ? uint64_t{1} << 63 : (uint64_t{1} << 63) - 1;
   if (overflow || value > limit)
-    throw CellError{"'" + std::string(text) + "' does not fit a 64-bit integer at scale " + std::to_string(scale)};
+    throw CellError{"'" + std::string(text) + "' does not fit a 64-bit integer at scale " +
+                    std::to_string(scale)};
   out = negative ? static_cast<int64_t>(0 - value) : static_cast<int64_t>(value);
   return true;
 }
@@ -91,15 +93,15 @@ T loadLittle(const uint8_t* bytes, int64_t available) noexcept {
 // GCC and Clang's 128-bit integer, named without a pedantic warning.
 __extension__ typedef __int128 Int128;
 
-// The value * 10^places rounded to the nearest integer, ties to even, as "%.*f" rounds the exact binary value;
-// false when the integer arithmetic cannot hold it (the caller prints instead). Faster than printing and
-// reading back by about 60 ns per value.
+// The value * 10^places rounded to the nearest integer, ties to even, as "%.*f" rounds the exact binary
+// value; false when the integer arithmetic cannot hold it (the caller prints instead). Faster than printing
+// and reading back by about 60 ns per value.
 bool exactScaled(double value, int32_t places, int64_t& out) noexcept {
   if (!std::isfinite(value) || places < 0 || places > 19) return false;
   int exponent;
   const double mantissa = std::frexp(value, &exponent);  // value = mantissa * 2^exponent, 0.5 <= |m| < 1
   const auto m = static_cast<int64_t>(std::ldexp(mantissa, 53));  // exact: value = m * 2^(exponent - 53)
-  const int shift = 53 - exponent;  // value = m / 2^shift
+  const int shift = 53 - exponent;                                // value = m / 2^shift
   Int128 power = 1;
   for (int32_t k = 0; k < places; ++k) power *= 10;
   const Int128 numerator = static_cast<Int128>(m < 0 ? -m : m) * power;  // below 2^53 * 10^19 < 2^117
@@ -120,13 +122,15 @@ bool exactScaled(double value, int32_t places, int64_t& out) noexcept {
 }
 
 // The display digits of a float or double field as a scaled integer: the value the processor's text shows.
-int64_t realScaled(int32_t type, int32_t places, const uint8_t* bytes, int64_t available, std::string& scratch) {
+int64_t realScaled(int32_t type, int32_t places, const uint8_t* bytes, int64_t available,
+                   std::string& scratch) {
   if (places > num::kMaxDecimalPlaces) throw CellError{"more decimal places than a reader shows"};
   // Divided in double precision and stored back as a float, as the processor's read does.
   const double value =
       type == kFieldFloat
           ? static_cast<double>(num::narrowToFloat(
-                static_cast<double>(loadLittle<float>(bytes, std::min<int64_t>(available, 4))) / powerOfTen(places)))
+                static_cast<double>(loadLittle<float>(bytes, std::min<int64_t>(available, 4))) /
+                powerOfTen(places)))
           : loadLittle<double>(bytes, std::min<int64_t>(available, 8));
   int64_t scaled = 0;
   if (exactScaled(value, places, scaled)) return scaled;
@@ -137,7 +141,8 @@ int64_t realScaled(int32_t type, int32_t places, const uint8_t* bytes, int64_t a
   return scaled;
 }
 
-// The display string of a text field, as the processor's read makes it; false when the bytes cannot be decoded.
+// The display string of a text field, as the processor's read makes it; false when the bytes cannot be
+// decoded.
 bool textValue(std::string_view field, int32_t places, uint32_t encoding, uint32_t ownEncoding,
                std::string& out) {
   out.clear();
@@ -254,8 +259,9 @@ struct Cursor {
   int64_t stride;
   [[noreturn]] void fail(int64_t record, int64_t at, const std::string& why) const {
     throw py::value_error("block " + block.m_szBlockName + ", record " + withThousands(record) + ", field '" +
-                          field.szFieldName + "' (byte " + withThousands(source.offset + record * stride + at) +
-                          " of " + source.name + "): " + why);
+                          field.szFieldName + "' (byte " +
+                          withThousands(source.offset + record * stride + at) + " of " + source.name +
+                          "): " + why);
   }
 };
 
@@ -276,7 +282,8 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
     if (pos < 0 || length <= 0 || pos + length > stride)
       throw py::value_error("field '" + field.szFieldName + "' lies outside the " + std::to_string(stride) +
                             "-byte record of block " + block.m_szBlockName);
-    const int32_t scale = kind == ColumnKind::Scaled || kind == ColumnKind::Real ? std::max(field.nDecimalLen, 0) : 0;
+    const int32_t scale =
+        kind == ColumnKind::Scaled || kind == ColumnKind::Real ? std::max(field.nDecimalLen, 0) : 0;
     py::object mask = py::none();
     py::object values;
     int64_t record = 0;
@@ -307,7 +314,8 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
           py::array_t<int16_t> array(count);
           int16_t* out = array.mutable_data();
           const int64_t take = std::min<int64_t>(length, 2);
-          for (; record < count; ++record) out[record] = loadLittle<int16_t>(records + record * stride + pos, take);
+          for (; record < count; ++record)
+            out[record] = loadLittle<int16_t>(records + record * stride + pos, take);
           values = std::move(array);
           break;
         }
@@ -315,7 +323,8 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
           py::array_t<int64_t> array(count);
           int64_t* out = array.mutable_data();
           const int64_t take = std::min<int64_t>(length, 8);
-          for (; record < count; ++record) out[record] = loadLittle<int64_t>(records + record * stride + pos, take);
+          for (; record < count; ++record)
+            out[record] = loadLittle<int64_t>(records + record * stride + pos, take);
           values = std::move(array);
           break;
         }
@@ -340,8 +349,8 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
           // A double takes 8 bytes from the field's start, as many as the record holds.
           const int64_t take = field.nDataType == kFieldDouble ? stride - pos : std::min<int64_t>(length, 4);
           for (; record < count; ++record)
-            out[record] = realScaled(field.nDataType, field.nDecimalLen, records + record * stride + pos, take,
-                                     scratch);
+            out[record] = realScaled(field.nDataType, field.nDecimalLen, records + record * stride + pos,
+                                     take, scratch);
           values = std::move(array);
           break;
         }
@@ -355,7 +364,8 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
     if (block.carriesAttr(field)) {
       const int64_t attrPos = pos + length;
       if (attrPos >= stride)
-        throw py::value_error("the attribute byte of field '" + field.szFieldName + "' lies outside the record");
+        throw py::value_error("the attribute byte of field '" + field.szFieldName +
+                              "' lies outside the record");
       py::array_t<uint8_t> array(count);
       uint8_t* out = array.mutable_data();
       for (int64_t i = 0; i < count; ++i) out[i] = records[i * stride + attrPos];

@@ -1,5 +1,5 @@
-// Everything of the Python module that talks to the engine (definition files and the transaction-level parent)
-// lives in this file: loading, splitting a reply, building requests and replies from values.
+// Everything of the Python module that talks to the engine (definition files and the transaction-level
+// parent) lives in this file: loading, splitting a reply, building requests and replies from values.
 
 #include <pybind11/stl.h>
 
@@ -23,12 +23,14 @@ struct Definition {
 
   const BlockInfo& block(const std::string& blockName) const {
     const BlockInfo* found = definition->tran.findBlock(blockName);
-    if (found == nullptr) throw py::key_error("no block named '" + blockName + "' in " + name + "; it has " + names());
+    if (found == nullptr)
+      throw py::key_error("no block named '" + blockName + "' in " + name + "; it has " + names());
     return *found;
   }
   std::string names() const {
     std::string list;
-    for (const auto& b : definition->tran.m_BlockInfokList) list += (list.empty() ? "" : ", ") + b->m_szBlockName;
+    for (const auto& b : definition->tran.m_BlockInfokList)
+      list += (list.empty() ? "" : ", ") + b->m_szBlockName;
     return list;
   }
   bool isOutput(const BlockInfo& b) const {
@@ -48,9 +50,9 @@ std::unique_ptr<Definition> load(const py::bytes& xml, const std::string& name) 
 }
 
 // Splits the reply among the output blocks as the tool does; a reply that does not fit raises ValueError.
-TransactionProc::ReplyResult split(TransactionProc& proc, const ByteView& reply, const Definition& def) {
+TransactionProc::ReplyResult split(TransactionProc& proc, const ByteView& reply, const std::string& source) {
   auto received = proc.receiveReply(reply.data(), reply.size());
-  if (!received.ok) throw py::value_error(def.name + ": " + received.message);
+  if (!received.ok) throw py::value_error(source + ": " + received.message);
   return received;
 }
 
@@ -65,10 +67,11 @@ py::list sliceColumns(const Definition& def, const TransactionProc::BlockSlice& 
 py::list replyColumns(const Definition& def, py::handle replyObject, const std::string& blockName,
                       const std::string& source) {
   const BlockInfo& block = def.block(blockName);
-  if (!def.isOutput(block)) throw py::key_error("block " + blockName + " is not an output block of " + def.name);
+  if (!def.isOutput(block))
+    throw py::key_error("block " + blockName + " is not an output block of " + def.name);
   ByteView reply(replyObject, "reply");
   TransactionProc proc(*def.definition);
-  const auto received = split(proc, reply, def);
+  const auto received = split(proc, reply, source);
   for (const auto& slice : received.slices)
     if (slice.proc->getBlockInfo() == &block) return sliceColumns(def, slice, reply, source);
   throw py::value_error("block " + blockName + " was not found in the reply");
@@ -78,7 +81,7 @@ py::list replyColumns(const Definition& def, py::handle replyObject, const std::
 py::list replyBlocks(const Definition& def, py::handle replyObject, const std::string& source) {
   ByteView reply(replyObject, "reply");
   TransactionProc proc(*def.definition);
-  const auto received = split(proc, reply, def);
+  const auto received = split(proc, reply, source);
   py::list blocks;
   for (const auto& slice : received.slices)
     blocks.append(py::make_tuple(slice.proc->getBlockName(), sliceColumns(def, slice, reply, source)));
@@ -93,8 +96,8 @@ py::list streamColumns(const Definition& def, py::handle streamObject, const std
   const int64_t recordSize = block.getRecordMemSize();
   if (recordSize <= 0 || stream.size() % recordSize != 0)
     throw py::value_error(source + ": the stream holds " + withThousands(stream.size()) +
-                          " bytes, not a whole number of " + withThousands(recordSize) + "-byte " + blockName +
-                          " records");
+                          " bytes, not a whole number of " + withThousands(recordSize) + "-byte " +
+                          blockName + " records");
   return decodeColumns(block, def.definition->encoding, stream.data(), stream.size() / recordSize, recordSize,
                        RecordSource{source, offset});
 }
@@ -103,11 +106,13 @@ py::list streamColumns(const Definition& def, py::handle streamObject, const std
 
 std::string valueText(py::handle value, const std::string& where) {
   if (py::isinstance<py::str>(value)) return value.cast<std::string>();
-  if (PyBool_Check(value.ptr())) throw py::type_error(where + ": a bool is not a field value; give '1' or '0'");
+  if (PyBool_Check(value.ptr()))
+    throw py::type_error(where + ": a bool is not a field value; give '1' or '0'");
   if (PyLong_Check(value.ptr())) return py::str(value).cast<std::string>();
   static py::object decimal = py::module_::import("decimal").attr("Decimal");
   if (py::isinstance(value, decimal)) {
-    if (!value.attr("is_finite")().cast<bool>()) throw py::value_error(where + ": " + py::repr(value).cast<std::string>() + " is not a number");
+    if (!value.attr("is_finite")().cast<bool>())
+      throw py::value_error(where + ": " + py::repr(value).cast<std::string>() + " is not a number");
     return py::str(py::str("{:f}").attr("format")(value)).cast<std::string>();
   }
   if (PyFloat_Check(value.ptr()))
@@ -127,7 +132,8 @@ RecordValues recordFrom(py::handle record, const std::string& where) {
     const std::string name = key.cast<std::string>();
     const std::string at = where + "." + name;
     if (name.size() > kAttr.size() && name.ends_with(kAttr)) {
-      if (!PyLong_Check(value.ptr()) || PyBool_Check(value.ptr())) throw py::type_error(at + " must be an int");
+      if (!PyLong_Check(value.ptr()) || PyBool_Check(value.ptr()))
+        throw py::type_error(at + " must be an int");
       const long long byte = value.cast<long long>();
       if (byte < 0 || byte > 255) throw py::value_error(at + " must be an attribute byte, 0 to 255");
       values.attrs.emplace_back(name.substr(0, name.size() - kAttr.size()), static_cast<uint8_t>(byte));
@@ -139,7 +145,8 @@ RecordValues recordFrom(py::handle record, const std::string& where) {
 }
 
 std::vector<BlockValues> valuesFrom(py::handle values) {
-  if (!py::isinstance<py::dict>(values)) throw py::type_error("values must be a dict of block name to records");
+  if (!py::isinstance<py::dict>(values))
+    throw py::type_error("values must be a dict of block name to records");
   std::vector<BlockValues> blocks;
   for (auto [key, block] : py::reinterpret_borrow<py::dict>(values)) {
     if (!py::isinstance<py::str>(key)) throw py::type_error("block names must be str");
@@ -172,7 +179,8 @@ py::bytes encode(const Definition& def, py::handle valuesObject, bool reply) {
       std::vector<BlockValues> alone = values;
       alone[b].records = {values[b].records[i]};
       if (build(alone).message == built.message)
-        throw py::value_error("block " + values[b].block + ", record " + std::to_string(i) + ": " + built.message);
+        throw py::value_error("block " + values[b].block + ", record " + std::to_string(i) + ": " +
+                              built.message);
     }
   }
   throw py::value_error(built.message);
@@ -185,27 +193,35 @@ void bindEngine(py::module_& m) {
       .def_property_readonly("code", [](const Definition& d) { return d.definition->tran.getTrCode(); })
       .def_property_readonly("title", [](const Definition& d) { return d.definition->title; })
       .def_property_readonly("name", [](const Definition& d) { return d.name; })
-      .def_property_readonly("encoding",
-                             [](const Definition& d) { return std::string(codec::encodingName(d.definition->encoding)); })
+      .def_property_readonly(
+          "encoding",
+          [](const Definition& d) { return std::string(codec::encodingName(d.definition->encoding)); })
       .def_property_readonly("input_blocks",
                              [](const Definition& d) {
                                std::vector<std::string> names;
-                               for (const BlockInfo* b : d.definition->tran.m_InBlockList) names.push_back(b->m_szBlockName);
+                               for (const BlockInfo* b : d.definition->tran.m_InBlockList)
+                                 names.push_back(b->m_szBlockName);
                                return names;
                              })
       .def_property_readonly("output_blocks",
                              [](const Definition& d) {
                                std::vector<std::string> names;
-                               for (const BlockInfo* b : d.definition->tran.m_OutBlockList) names.push_back(b->m_szBlockName);
+                               for (const BlockInfo* b : d.definition->tran.m_OutBlockList)
+                                 names.push_back(b->m_szBlockName);
                                return names;
                              })
       .def(
-          "block", [](const Definition& d, const std::string& name) -> const BlockInfo& { return d.block(name); },
-          py::return_value_policy::reference_internal, "The block definition of that name (KeyError if none).")
+          "block",
+          [](const Definition& d, const std::string& name) -> const BlockInfo& { return d.block(name); },
+          py::return_value_policy::reference_internal,
+          "The block definition of that name (KeyError if none).")
       .def_property_readonly(
           "tran", [](const Definition& d) -> TranInfo& { return d.definition->tran; },
           py::return_value_policy::reference_internal)
-      .def("__repr__", [](const Definition& d) { return "<blockproc.Definition " + d.definition->tran.getTrCode() + " from " + d.name + ">"; })
+      .def("__repr__",
+           [](const Definition& d) {
+             return "<blockproc.Definition " + d.definition->tran.getTrCode() + " from " + d.name + ">";
+           })
       .def("__reduce__", [](const Definition& d) {
         return py::make_tuple(py::module_::import("blockproc").attr("_load_text"),
                               py::make_tuple(py::bytes(d.xml), d.name));
@@ -217,7 +233,8 @@ void bindEngine(py::module_& m) {
   m.def("_stream_columns", &streamColumns, py::arg("definition"), py::arg("stream"), py::arg("block"),
         py::arg("source"), py::arg("offset") = 0);
   m.def("encode", &encode, py::arg("definition"), py::arg("values"), py::arg("reply") = false,
-        "The request bytes of the values (the reply bytes with reply=True); ValueError when a value does not fit.");
+        "The request bytes of the values (the reply bytes with reply=True); ValueError when a value does not "
+        "fit.");
 }
 
 }  // namespace blockproc::python

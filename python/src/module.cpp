@@ -19,7 +19,8 @@ struct CallState {
   std::vector<PyBlockInfo*> memoised;
 };
 thread_local CallState t_call;
-// Calls in progress on any thread: descriptors are frozen while one runs (an override may let other threads in).
+// Calls in progress on any thread: descriptors are frozen while one runs (an override may let other threads
+// in).
 std::atomic<int> g_activeCalls{0};
 
 }  // namespace

@@ -28,7 +28,8 @@ void deferException() noexcept {
   } catch (py::error_already_set& e) {
     e.restore();
   } catch (const py::cast_error& e) {
-    PyErr_SetString(PyExc_TypeError, (std::string("a Python override returned the wrong type: ") + e.what()).c_str());
+    PyErr_SetString(PyExc_TypeError,
+                    (std::string("a Python override returned the wrong type: ") + e.what()).c_str());
   } catch (const py::builtin_exception& e) {
     e.set_error();
   } catch (const std::exception& e) {
@@ -58,8 +59,10 @@ R callOverride(const Self* self, const char* name, Fallback fallback, Args&&... 
 class PyFieldInfo : public FieldInfo {
  public:
   using FieldInfo::FieldInfo;
-#define BLOCKPROC_FIELD_OVERRIDE(R, fn) \
-  R fn() const override { return callOverride<R>(static_cast<const FieldInfo*>(this), #fn, [this] { return FieldInfo::fn(); }); }
+#define BLOCKPROC_FIELD_OVERRIDE(R, fn)                                                                   \
+  R fn() const override {                                                                                 \
+    return callOverride<R>(static_cast<const FieldInfo*>(this), #fn, [this] { return FieldInfo::fn(); }); \
+  }
   BLOCKPROC_FIELD_OVERRIDE(bool, getKeyEncState)
   BLOCKPROC_FIELD_OVERRIDE(bool, isUseAttr)
   BLOCKPROC_FIELD_OVERRIDE(std::string, getAttrRefDicKey)
@@ -81,14 +84,17 @@ class PyBlockInfo : public BlockInfo {
   ~PyBlockInfo() override { ProcessorCall::forgotten(this); }
 
   int32_t getRecordMemSize() const override {
-    return callOverride<int32_t>(base(), "getRecordMemSize", [this] { return BlockInfo::getRecordMemSize(); });
+    return callOverride<int32_t>(base(), "getRecordMemSize",
+                                 [this] { return BlockInfo::getRecordMemSize(); });
   }
   int32_t getRecordFieldSize() const override {
-    return callOverride<int32_t>(base(), "getRecordFieldSize", [this] { return BlockInfo::getRecordFieldSize(); });
+    return callOverride<int32_t>(base(), "getRecordFieldSize",
+                                 [this] { return BlockInfo::getRecordFieldSize(); });
   }
   int32_t getFieldCount() const override {
     if (m_memoCount) return *m_memoCount;
-    const int32_t count = callOverride<int32_t>(base(), "getFieldCount", [this] { return BlockInfo::getFieldCount(); });
+    const int32_t count =
+        callOverride<int32_t>(base(), "getFieldCount", [this] { return BlockInfo::getFieldCount(); });
     if (ProcessorCall::active()) {
       m_memoCount = count;
       ProcessorCall::memoised(const_cast<PyBlockInfo*>(this));
@@ -97,7 +103,8 @@ class PyBlockInfo : public BlockInfo {
   }
   const FieldInfo* getFieldInfoFromIndex(int32_t position) const override {
     if (const auto it = m_memoFields.find(position); it != m_memoFields.end()) return it->second;
-    const FieldInfo* field = fieldOverride("getFieldInfoFromIndex", [&] { return BlockInfo::getFieldInfoFromIndex(position); }, position);
+    const FieldInfo* field = fieldOverride(
+        "getFieldInfoFromIndex", [&] { return BlockInfo::getFieldInfoFromIndex(position); }, position);
     if (ProcessorCall::active()) {
       m_memoFields.emplace(position, field);
       ProcessorCall::memoised(const_cast<PyBlockInfo*>(this));
@@ -105,10 +112,12 @@ class PyBlockInfo : public BlockInfo {
     return field;
   }
   const FieldInfo* getFieldInfoFromName(std::string_view name) const override {
-    return fieldOverride("getFieldInfoFromName", [&] { return BlockInfo::getFieldInfoFromName(name); }, name);
+    return fieldOverride(
+        "getFieldInfoFromName", [&] { return BlockInfo::getFieldInfoFromName(name); }, name);
   }
   const FieldInfo* getAttrRefSourceFieldInfo(std::string_view key) const override {
-    return fieldOverride("getAttrRefSourceFieldInfo", [&] { return BlockInfo::getAttrRefSourceFieldInfo(key); }, key);
+    return fieldOverride(
+        "getAttrRefSourceFieldInfo", [&] { return BlockInfo::getAttrRefSourceFieldInfo(key); }, key);
   }
   KeyEncDict* getKeyEncValue(std::string_view fieldName) override {
     {
@@ -253,7 +262,8 @@ bool receive(KXBlockDataProc& self, py::handle data, int32_t startPos, std::opti
     throw py::value_error("bytes " + std::to_string(startPos) + " to " + std::to_string(startPos + size) +
                           " lie outside the " + std::to_string(bytes.size()) + " bytes given");
   ProcessorCall call;
-  const bool result = (self.*Receive)(bytes.isNone() ? nullptr : bytes.data(), startPos, static_cast<int32_t>(size));
+  const bool result =
+      (self.*Receive)(bytes.isNone() ? nullptr : bytes.data(), startPos, static_cast<int32_t>(size));
   call.finish();
   return result;
 }
@@ -282,9 +292,13 @@ void bindProcessor(py::module_& m) {
   m.attr("kTextEncodingASCII") = kTextEncodingASCII;
   m.attr("kTextEncodingISOLatin1") = kTextEncodingISOLatin1;
   m.attr("kTextEncodingEUCKR") = kTextEncodingEUCKR;
-  for (auto [name, value] : {std::pair{"kFieldText", kFieldText}, {"kFieldNumText", kFieldNumText},
-                             {"kFieldInt16", kFieldInt16}, {"kFieldInt64", kFieldInt64}, {"kFieldFloat", kFieldFloat},
-                             {"kFieldDouble", kFieldDouble}, {"kFieldSInt64", kFieldSInt64}})
+  for (auto [name, value] : {std::pair{"kFieldText", kFieldText},
+                             {"kFieldNumText", kFieldNumText},
+                             {"kFieldInt16", kFieldInt16},
+                             {"kFieldInt64", kFieldInt64},
+                             {"kFieldFloat", kFieldFloat},
+                             {"kFieldDouble", kFieldDouble},
+                             {"kFieldSInt64", kFieldSInt64}})
     m.attr(name) = static_cast<int32_t>(value);
   m.attr("RCL_OCCURSLEN") = static_cast<int32_t>(RCL_OCCURSLEN);
   m.attr("RCL_RESTDATA") = static_cast<int32_t>(RCL_RESTDATA);
@@ -340,25 +354,33 @@ void bindProcessor(py::module_& m) {
                              [](const BlockInfo& b) { return static_cast<int32_t>(b.m_nRecordLenApplyType); })
       .def(
           "addField",
-          [](BlockInfo& b, std::string name, int32_t dataType, int32_t length, int32_t decimals, int32_t position) -> FieldInfo& {
+          [](BlockInfo& b, std::string name, int32_t dataType, int32_t length, int32_t decimals,
+             int32_t position) -> FieldInfo& {
             checkNotFrozen();
             return b.addField(std::move(name), dataType, length, decimals, position);
           },
-          py::arg("name"), py::arg("dataType"), py::arg("length"), py::arg("decimals") = 0, py::arg("position") = -1,
-          py::return_value_policy::reference_internal)
-      .def("setRepeat", [](BlockInfo& b, int32_t count) { checkNotFrozen(); b.setRepeat(count); })
-      .def("setAttrSource",
-           [](BlockInfo& b, std::string key, const FieldInfo* source) {
+          py::arg("name"), py::arg("dataType"), py::arg("length"), py::arg("decimals") = 0,
+          py::arg("position") = -1, py::return_value_policy::reference_internal)
+      .def("setRepeat",
+           [](BlockInfo& b, int32_t count) {
              checkNotFrozen();
-             b.setAttrSource(std::move(key), source);
-           },
-           py::keep_alive<1, 3>())
+             b.setRepeat(count);
+           })
+      .def(
+          "setAttrSource",
+          [](BlockInfo& b, std::string key, const FieldInfo* source) {
+            checkNotFrozen();
+            b.setAttrSource(std::move(key), source);
+          },
+          py::keep_alive<1, 3>())
       .def("carriesAttr", &BlockInfo::carriesAttr)
       .def("getRecordMemSize", &BlockInfo::getRecordMemSize)
       .def("getRecordFieldSize", &BlockInfo::getRecordFieldSize)
       .def("getFieldCount", &BlockInfo::getFieldCount)
-      .def("getFieldInfoFromIndex", &BlockInfo::getFieldInfoFromIndex, py::return_value_policy::reference_internal)
-      .def("getFieldInfoFromName", &BlockInfo::getFieldInfoFromName, py::return_value_policy::reference_internal)
+      .def("getFieldInfoFromIndex", &BlockInfo::getFieldInfoFromIndex,
+           py::return_value_policy::reference_internal)
+      .def("getFieldInfoFromName", &BlockInfo::getFieldInfoFromName,
+           py::return_value_policy::reference_internal)
       .def("getKeyEncValue", &BlockInfo::getKeyEncValue, py::return_value_policy::reference_internal)
       .def("findKeyEncValue", &BlockInfo::findKeyEncValue, py::return_value_policy::reference_internal)
       .def("getAttrRefSourceFieldInfo", &BlockInfo::getAttrRefSourceFieldInfo,
@@ -366,7 +388,8 @@ void bindProcessor(py::module_& m) {
       .def("isOccursBlock", &BlockInfo::isOccursBlock)
       .def_static("getAttrFunctionIndex", &BlockInfo::getAttrFunctionIndex)
       .def("__repr__", [](const BlockInfo& b) {
-        return "<blockproc.BlockInfo '" + b.m_szBlockName + "', " + std::to_string(b.m_FieldInfoList.size()) + " fields>";
+        return "<blockproc.BlockInfo '" + b.m_szBlockName + "', " + std::to_string(b.m_FieldInfoList.size()) +
+               " fields>";
       });
 
   py::class_<TranInfo>(m, "TranInfo")
@@ -410,9 +433,12 @@ void bindProcessor(py::module_& m) {
 
   py::class_<RealAPLinkInfo>(m, "RealAPLinkInfo")
       .def(py::init<int32_t>(), py::arg("index"))
-      .def("pFieldInfo", [](const RealAPLinkInfo& r) { return std::vector<int32_t>(r.pFieldInfo(), r.pFieldInfo() + 3); })
+      .def("pFieldInfo",
+           [](const RealAPLinkInfo& r) { return std::vector<int32_t>(r.pFieldInfo(), r.pFieldInfo() + 3); })
       .def("setPFieldInfo",
-           [](RealAPLinkInfo& r, std::array<int32_t, 3> triple) { std::copy(triple.begin(), triple.end(), r.pFieldInfo()); })
+           [](RealAPLinkInfo& r, std::array<int32_t, 3> triple) {
+             std::copy(triple.begin(), triple.end(), r.pFieldInfo());
+           })
       .def("nFieldIndex", &RealAPLinkInfo::nFieldIndex)
       .def("setNFieldIndex", &RealAPLinkInfo::setNFieldIndex)
       .def("sFieldName", &RealAPLinkInfo::sFieldName)
@@ -442,12 +468,14 @@ void bindProcessor(py::module_& m) {
       .def("getBlockName", guarded(&P::getBlockName))
       .def("getValidCount", guarded(&P::getValidCount))
       .def("setValidCount", guarded(&P::setValidCount))
-      .def("getData",
-           [](const P& self) -> std::optional<py::bytes> {
-             if (self.getData() == nullptr) return std::nullopt;
-             return py::bytes(reinterpret_cast<const char*>(self.getData()), static_cast<size_t>(self.getBlockBuffSize()));
-           },
-           "A copy of the record buffer, or None when there is none.")
+      .def(
+          "getData",
+          [](const P& self) -> std::optional<py::bytes> {
+            if (self.getData() == nullptr) return std::nullopt;
+            return py::bytes(reinterpret_cast<const char*>(self.getData()),
+                             static_cast<size_t>(self.getBlockBuffSize()));
+          },
+          "A copy of the record buffer, or None when there is none.")
       .def("getBlockRepCount", guarded(&P::getBlockRepCount))
       .def("setReceived", guarded(&P::setReceived))
       .def("getReceived", guarded(&P::getReceived))
@@ -469,14 +497,20 @@ void bindProcessor(py::module_& m) {
              }));
            })
       .def("removeConnCtl", [](P& self, py::handle control) { self.removeConnCtl(control.ptr()); })
-      .def("addFieldLinkInfo",
-           [](P& self, const FieldLinkInfo& link) { self.addFieldLinkInfo(std::make_unique<FieldLinkInfo>(link)); },
-           "Appends a copy of the record.")
+      .def(
+          "addFieldLinkInfo",
+          [](P& self, const FieldLinkInfo& link) {
+            self.addFieldLinkInfo(std::make_unique<FieldLinkInfo>(link));
+          },
+          "Appends a copy of the record.")
       .def("getLinkInfo", guarded(&P::getLinkInfo), py::return_value_policy::reference_internal)
       .def("getLinkCount", guarded(&P::getLinkCount))
-      .def("addRealAPLinkInfo",
-           [](P& self, const RealAPLinkInfo& link) { self.addRealAPLinkInfo(std::make_unique<RealAPLinkInfo>(link)); },
-           "Appends a copy of the record.")
+      .def(
+          "addRealAPLinkInfo",
+          [](P& self, const RealAPLinkInfo& link) {
+            self.addRealAPLinkInfo(std::make_unique<RealAPLinkInfo>(link));
+          },
+          "Appends a copy of the record.")
       .def("getRealAPLinkInfo", guarded(&P::getRealAPLinkInfo), py::return_value_policy::reference_internal)
       .def("getRealAPLinkCount", guarded(&P::getRealAPLinkCount))
       .def("initRealBufferIndex", guarded(&P::initRealBufferIndex))
@@ -502,7 +536,8 @@ void bindProcessor(py::module_& m) {
             auto area = self.reSizeBytes(old.isNone() ? nullptr : old.data(), newLength);
             call.finish();
             if (!area) return std::nullopt;
-            return py::bytes(reinterpret_cast<const char*>(area.get()), static_cast<size_t>(std::max(newLength, 0)) + 1);
+            return py::bytes(reinterpret_cast<const char*>(area.get()),
+                             static_cast<size_t>(std::max(newLength, 0)) + 1);
           },
           py::arg("oldBytes"), py::arg("newLength"))
       // field lookup and classification
@@ -529,7 +564,8 @@ void bindProcessor(py::module_& m) {
           py::arg("element"))
       .def_static("Entity2Ref", &P::Entity2Ref)
       // receiving
-      .def("setData", &receive<&P::setData>, py::arg("recvData"), py::arg("startPos") = 0, py::arg("recvSize") = py::none())
+      .def("setData", &receive<&P::setData>, py::arg("recvData"), py::arg("startPos") = 0,
+           py::arg("recvSize") = py::none())
       .def("setDataReverse", &receive<&P::setDataReverse>, py::arg("recvData"), py::arg("startPos") = 0,
            py::arg("recvSize") = py::none())
       .def("insertRealData", &receive<&P::insertRealData>, py::arg("recvData"), py::arg("starPos") = 0,
@@ -541,10 +577,12 @@ void bindProcessor(py::module_& m) {
       .def("setFieldDataDynamicLen", guarded(&P::setFieldDataDynamicLen))
       .def("getFieldDataDynamicLen",
            guarded<std::string, const FieldInfo*, int32_t>(
-               static_cast<std::string (P::*)(const FieldInfo*, int32_t) const noexcept>(&P::getFieldDataDynamicLen)))
+               static_cast<std::string (P::*)(const FieldInfo*, int32_t) const noexcept>(
+                   &P::getFieldDataDynamicLen)))
       .def("getFieldDataDynamicLen",
            guarded<bool, const FieldInfo*, int32_t, FieldData&>(
-               static_cast<bool (P::*)(const FieldInfo*, int32_t, FieldData&) const noexcept>(&P::getFieldDataDynamicLen)))
+               static_cast<bool (P::*)(const FieldInfo*, int32_t, FieldData&) const noexcept>(
+                   &P::getFieldDataDynamicLen)))
       .def("getDynamicInputCnt", guarded(&P::getDynamicInputCnt))
       .def("setDataDynamic", &receive<&P::setDataDynamic>, py::arg("recvData"), py::arg("startPos") = 0,
            py::arg("recvSize") = py::none())
@@ -554,9 +592,11 @@ void bindProcessor(py::module_& m) {
             ByteView bytes(data, "data");
             const int64_t n = size.value_or(static_cast<int32_t>(std::min<int64_t>(bytes.size(), INT32_MAX)));
             if (!bytes.isNone() && n > bytes.size())
-              throw py::value_error(std::to_string(n) + " bytes asked of the " + std::to_string(bytes.size()) + " given");
+              throw py::value_error(std::to_string(n) + " bytes asked of the " +
+                                    std::to_string(bytes.size()) + " given");
             ProcessorCall call;
-            const bool result = self.resetDataDynamic(bytes.isNone() ? nullptr : bytes.data(), static_cast<int32_t>(n));
+            const bool result =
+                self.resetDataDynamic(bytes.isNone() ? nullptr : bytes.data(), static_cast<int32_t>(n));
             call.finish();
             return result;
           },
@@ -565,10 +605,12 @@ void bindProcessor(py::module_& m) {
       // reading
       .def("getFieldDataFromInfo",
            guarded<std::string, const FieldInfo*, int32_t>(
-               static_cast<std::string (P::*)(const FieldInfo*, int32_t) const noexcept>(&P::getFieldDataFromInfo)))
+               static_cast<std::string (P::*)(const FieldInfo*, int32_t) const noexcept>(
+                   &P::getFieldDataFromInfo)))
       .def("getFieldDataFromInfo",
            guarded<bool, const FieldInfo*, int32_t, FieldData&>(
-               static_cast<bool (P::*)(const FieldInfo*, int32_t, FieldData&) const noexcept>(&P::getFieldDataFromInfo)))
+               static_cast<bool (P::*)(const FieldInfo*, int32_t, FieldData&) const noexcept>(
+                   &P::getFieldDataFromInfo)))
       .def("getFieldDataFromIndex", guarded(&P::getFieldDataFromIndex))
       .def("getFieldDataFromName", guarded(&P::getFieldDataFromName))
       .def("getFieldDataFromInfoEX", guarded(&P::getFieldDataFromInfoEX))
@@ -597,16 +639,18 @@ void bindProcessor(py::module_& m) {
              return result;
            })
       // attributes
-      .def("getFieldAttrFromInfo",
-           guarded<uint8_t, const FieldInfo*, int32_t>(
-               static_cast<uint8_t (P::*)(const FieldInfo*, int32_t) const noexcept>(&P::getFieldAttrFromInfo)))
+      .def("getFieldAttrFromInfo", guarded<uint8_t, const FieldInfo*, int32_t>(
+                                       static_cast<uint8_t (P::*)(const FieldInfo*, int32_t) const noexcept>(
+                                           &P::getFieldAttrFromInfo)))
       .def("getFieldAttrFromInfo",
            guarded<bool, const FieldInfo*, int32_t, FieldData&>(
-               static_cast<bool (P::*)(const FieldInfo*, int32_t, FieldData&) const noexcept>(&P::getFieldAttrFromInfo)))
+               static_cast<bool (P::*)(const FieldInfo*, int32_t, FieldData&) const noexcept>(
+                   &P::getFieldAttrFromInfo)))
       .def("setFieldAttrFromInfo", guarded(&P::setFieldAttrFromInfo))
       .def("setFieldAttrFromName", guarded(&P::setFieldAttrFromName))
       .def("setFieldAttrHexa", guarded(&P::setFieldAttrHexa))
-      .def_static("getAttrValueFromData", [](py::handle byte) { return P::getAttrValueFromData(byteArgument(byte)); })
+      .def_static("getAttrValueFromData",
+                  [](py::handle byte) { return P::getAttrValueFromData(byteArgument(byte)); })
       .def("getFieldAttrFromName", guarded(&P::getFieldAttrFromName))
       .def("getFieldEnableFromName", guarded(&P::getFieldEnableFromName));
 }
