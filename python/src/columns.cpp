@@ -95,7 +95,7 @@ __extension__ typedef __int128 Int128;
 
 // The value * 10^places rounded to the nearest integer, ties to even, as "%.*f" rounds the exact binary
 // value; false when the integer arithmetic cannot hold it (the caller prints instead). Faster than printing
-// and reading back by about 60 ns per value.
+// and reading back by about 50 ns per value (per and avgprice of the quote capture: 65 to 15 ns).
 bool exactScaled(double value, int32_t places, int64_t& out) noexcept {
   if (!std::isfinite(value) || places < 0 || places > 19) return false;
   int exponent;

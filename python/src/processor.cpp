@@ -404,7 +404,7 @@ void bindProcessor(py::module_& m) {
   py::class_<BaseDataProc, PyBaseDataProc>(m, "BaseDataProc")
       .def(py::init<>())
       .def(py::init<TranInfo*>(), py::keep_alive<1, 2>())
-      .def("getTranInfo", &BaseDataProc::getTranInfo, py::return_value_policy::reference);
+      .def("getTranInfo", &BaseDataProc::getTranInfo, py::return_value_policy::reference_internal);
 
   py::class_<FieldData>(m, "FieldData")
       .def(py::init<>())
@@ -460,9 +460,9 @@ void bindProcessor(py::module_& m) {
       // object, accessors, lists
       .def("setEncodingType", guarded(&P::setEncodingType))
       .def("setBlockInfo", guarded(&P::setBlockInfo), py::keep_alive<1, 2>())
-      .def("getBlockInfo", guarded(&P::getBlockInfo), py::return_value_policy::reference)
+      .def("getBlockInfo", guarded(&P::getBlockInfo), py::return_value_policy::reference_internal)
       .def("setDataProc", guarded(&P::setDataProc), py::keep_alive<1, 2>())
-      .def("getDataProc", guarded(&P::getDataProc), py::return_value_policy::reference)
+      .def("getDataProc", guarded(&P::getDataProc), py::return_value_policy::reference_internal)
       .def("setBlockName", guarded(&P::setBlockName))
       .def("setM_szBlockName", guarded(&P::setM_szBlockName))
       .def("getBlockName", guarded(&P::getBlockName))
@@ -542,7 +542,7 @@ void bindProcessor(py::module_& m) {
           py::arg("oldBytes"), py::arg("newLength"))
       // field lookup and classification
       .def("getFieldIndexFromName", guarded(&P::getFieldIndexFromName))
-      .def("findFieldInfo", guarded(&P::findFieldInfo), py::return_value_policy::reference)
+      .def("findFieldInfo", guarded(&P::findFieldInfo), py::return_value_policy::reference_internal)
       .def("isAccountNoField", guarded(&P::isAccountNoField))
       .def("isItemCodeField", guarded(&P::isItemCodeField))
       .def("isPasswordField", guarded(&P::isPasswordField))

@@ -92,6 +92,9 @@ def test_descriptors_stay_alive_while_the_processor_holds_them():
     gc.collect()
     proc.DefaultMemory()
     assert proc.getBlockInfo().getFieldCount() == 2 and proc.getDataProc().getTranInfo() is not None
+    field = bp.KXBlockDataProc(quote_block()).findFieldInfo("price")
+    gc.collect()
+    assert field.nLength == 8  # the field keeps its processor, and so its block, alive
     control = object()
     proc.addConnCtl(control)
     proc.addConnCtl(control)
