@@ -3,6 +3,8 @@
 struct.unpack + bytes.decode("cp949") loop an analyst writes, and blockproc.to_pandas. Both give the same
 frame (checked); prints ns per field of each and the ratio.
 
+    cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DBLOCKPROC_BUILD_PYTHON=ON
+    cmake --build build-release -j2 --target _blockproc
     PYTHONPATH=build-release/python /usr/bin/python3 bench/python_bench.py [--records N] [--repeat K]
 """
 

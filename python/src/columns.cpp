@@ -167,9 +167,9 @@ bool textValue(std::string_view field, int32_t places, uint32_t encoding, uint32
 
 // Text columns of market data repeat a few thousand values (item codes, names, signs) or run in order
 // (times): each field content is compared with the previous record's, then looked up in a table of the strs
-// made so far (four slots a key may take), so a value is decoded once while it keeps coming back. On the
-// 200,000-record quote capture this takes a text column from about 45 to 10 ns per field. When the four slots
-// are taken, a new value replaces one of them.
+// made so far (four slots a key may take), so a value is decoded once while it keeps coming back. A 40-byte
+// cp949 name seen before costs about 13 ns, one seen for the first time about 250 ns (decoding and a new
+// str). When the four slots are taken, a new value replaces one of them.
 class TextCache {
  public:
   static constexpr size_t kSlots = 8192, kWays = 4;
