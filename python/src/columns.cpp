@@ -13,7 +13,7 @@
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/FieldNameIndex.h"
-#include "blockproc/engine/TransactionProc.h"
+#include "blockproc/data/TranInfo.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumericText.h"
 
@@ -258,9 +258,9 @@ struct Cursor {
   const RecordSource& source;
   int64_t stride;
   [[noreturn]] void fail(int64_t record, int64_t at, const std::string& why) const {
-    throw py::value_error("block " + block.m_szBlockName + ", record " + withThousands(record) + ", field '" +
-                          field.szFieldName + "' (byte " +
-                          withThousands(source.offset + record * stride + at) + " of " + source.name +
+    throw py::value_error("block " + block.m_szBlockName + ", record " + std::to_string(record) +
+                          ", field '" + field.szFieldName + "' (byte " +
+                          std::to_string(source.offset + record * stride + at) + " of " + source.name +
                           "): " + why);
   }
 };
