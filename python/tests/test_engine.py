@@ -66,7 +66,7 @@ def test_every_type_is_exact_and_equals_the_processor_display(every_type):
 def test_floating_point_scaling_matches_the_processor_on_random_values(every_type):
     rng = random.Random(7)
     doubles = [rng.uniform(-1e6, 1e6) for _ in range(300)] + [k / 16 for k in range(-80, 80)] + [
-        2.0**-30, 1e15 + 0.5, 123456789.0125, -0.0]
+        2.0**-30, 1e15 + 0.5, 123456789.0125, -0.0, 5e-324, 2.5e-3, 9.2e15]
     floats = [struct.unpack("<f", struct.pack("<f", rng.uniform(-1e7, 1e7)))[0] for _ in range(300)]
     data = b"".join(row("x", b"1", b"1", 0, 0, 0, 0, f, d) for f, d in zip(floats * 2, doubles))
     frame = blockproc.realtime_frame(every_type, data, "Rows")
