@@ -95,7 +95,7 @@ __extension__ typedef __int128 Int128;
 
 // The value * 10^places rounded to the nearest integer, ties to even, as "%.*f" rounds the exact binary
 // value; false when the integer arithmetic cannot hold it (the caller prints instead). Faster than printing
-// and reading back by about 50 ns per value (per and avgprice of the quote capture: 65 to 15 ns).
+// and reading back by about 50 ns per value (per and avgprice of the quote capture: 65 to about 10 ns).
 bool exactScaled(double value, int32_t places, int64_t& out) noexcept {
   static constexpr std::array<uint64_t, 20> kPowers{1ULL,
                                                     10ULL,
@@ -192,7 +192,7 @@ bool textValue(std::string_view field, int32_t places, uint32_t encoding, uint32
 // made so far (four slots a key may take), so a value is decoded once while it keeps coming back. A slot
 // keeps its key's hash and a copy of its first kKeyBytes bytes: comparing against an earlier record's bytes
 // instead would read a random place of the input (30 ns more per field on the quote capture). A 40-byte cp949
-// name seen before costs about 10 ns, one seen for the first time about 250 ns (decoding and a new str). When
+// name seen before costs about 15 ns, one seen for the first time about 250 ns (decoding and a new str). When
 // the four slots are taken, a new value replaces one of them.
 class TextCache {
  public:
@@ -266,8 +266,8 @@ PyObject* newStr(std::string_view utf8) {
   return PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "strict");
 }
 
-// The str of a text field whose bytes are all ASCII and that needs no decimal point (every text encoding of
-// a definition can name reads ASCII as itself): the trimmed bytes copied straight into a new str. False for
+// The str of a text field whose bytes are all ASCII and that needs no decimal point (every text encoding a
+// definition can name reads ASCII as itself): the trimmed bytes copied straight into a new str. False for
 // other fields.
 bool asciiText(std::string_view field, int32_t places, PyObject*& out) {
   const std::string_view trimmed = trimTrailing(field);
