@@ -7,6 +7,14 @@ bash scripts/setup.sh test
 build=${1:-build}
 shift || true
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBLOCKPROC_WERROR=ON -DBLOCKPROC_BUILD_TESTS=ON \
-  -DBLOCKPROC_BUILD_TOOLS=ON "$@" >/dev/null
+  -DBLOCKPROC_BUILD_TOOLS=ON -DBLOCKPROC_BUILD_PYTHON=ON "$@" >/dev/null
 cmake --build "$build" -j "$(nproc)"
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)"
+# The Python module's tests, run by the interpreter it is built for; a sanitizer build has no module.
+if grep -qx 'BLOCKPROC_PYTHON_MODULE:INTERNAL=ON' "$build/CMakeCache.txt"; then
+  built=$(cd "$build" && pwd)
+  PYTHONPATH="$built/python" BLOCKPROC_BUILD_DIR="$built" PYTHONDONTWRITEBYTECODE=1 \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+else
+  echo "test.sh: $build has no Python module (a sanitizer build, or BLOCKPROC_BUILD_PYTHON=OFF); pytest not run"
+fi

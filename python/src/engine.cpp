@@ -1,0 +1,240 @@
+// Everything of the Python module that talks to the engine (definition files and the transaction-level
+// parent) lives in this file: loading, splitting a reply, building requests and replies from values.
+
+#include <pybind11/stl.h>
+
+#include <map>
+
+#include "blockproc/codec/TextCodec.h"
+#include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/engine/TransactionProc.h"
+#include "columns.h"
+#include "common.h"
+
+namespace blockproc::python {
+
+namespace {
+
+// A loaded definition with the text it was loaded from, so that it can be pickled to Dask workers.
+struct Definition {
+  std::string xml;
+  std::string name;
+  std::unique_ptr<TransactionDefinition> definition;
+
+  const BlockInfo& block(const std::string& blockName) const {
+    const BlockInfo* found = definition->tran.findBlock(blockName);
+    if (found == nullptr)
+      throw py::key_error("no block named '" + blockName + "' in " + name + "; it has " + names());
+    return *found;
+  }
+  std::string names() const {
+    std::string list;
+    for (const auto& b : definition->tran.m_BlockInfokList)
+      list += (list.empty() ? "" : ", ") + b->m_szBlockName;
+    return list;
+  }
+  bool isOutput(const BlockInfo& b) const {
+    const auto& out = definition->tran.m_OutBlockList;
+    return std::find(out.begin(), out.end(), &b) != out.end();
+  }
+};
+
+std::unique_ptr<Definition> load(const py::bytes& xml, const std::string& name) {
+  auto loaded = std::make_unique<Definition>();
+  loaded->xml = xml;
+  loaded->name = name;
+  DefinitionResult result = DefinitionLoader::loadString(loaded->xml, name);
+  if (!result) throw py::value_error(result.description());
+  loaded->definition = std::move(result.definition);
+  return loaded;
+}
+
+// Splits the reply among the output blocks as the tool does; a reply that does not fit raises ValueError.
+TransactionProc::ReplyResult split(TransactionProc& proc, const ByteView& reply, const std::string& source) {
+  auto received = proc.receiveReply(reply.data(), reply.size());
+  if (!received.ok) throw py::value_error(source + ": " + received.message);
+  return received;
+}
+
+py::list sliceColumns(const Definition& def, const TransactionProc::BlockSlice& slice, const ByteView& reply,
+                      const std::string& source) {
+  const BlockInfo& block = *slice.proc->getBlockInfo();
+  return decodeColumns(block, def.definition->encoding, reply.data() + slice.offset, slice.records,
+                       block.getRecordMemSize(), RecordSource{source, slice.offset});
+}
+
+// The columns of one output block of a reply.
+py::list replyColumns(const Definition& def, py::handle replyObject, const std::string& blockName,
+                      const std::string& source) {
+  const BlockInfo& block = def.block(blockName);
+  if (!def.isOutput(block))
+    throw py::key_error("block " + blockName + " is not an output block of " + def.name);
+  ByteView reply(replyObject, "reply");
+  TransactionProc proc(*def.definition);
+  const auto received = split(proc, reply, source);
+  for (const auto& slice : received.slices)
+    if (slice.proc->getBlockInfo() == &block) return sliceColumns(def, slice, reply, source);
+  throw py::value_error("block " + blockName + " was not found in the reply");
+}
+
+// The columns of every output block of a reply, in order.
+py::list replyBlocks(const Definition& def, py::handle replyObject, const std::string& source) {
+  ByteView reply(replyObject, "reply");
+  TransactionProc proc(*def.definition);
+  const auto received = split(proc, reply, source);
+  py::list blocks;
+  for (const auto& slice : received.slices)
+    blocks.append(py::make_tuple(slice.proc->getBlockName(), sliceColumns(def, slice, reply, source)));
+  return blocks;
+}
+
+// The columns of a stream of whole records of one block; `offset` is the stream's first byte in its source.
+py::list streamColumns(const Definition& def, py::handle streamObject, const std::string& blockName,
+                       const std::string& source, int64_t offset) {
+  const BlockInfo& block = def.block(blockName);
+  ByteView stream(streamObject, "stream");
+  const int64_t recordSize = block.getRecordMemSize();
+  if (recordSize <= 0 || stream.size() % recordSize != 0)
+    throw py::value_error(source + ": the stream holds " + withThousands(stream.size()) +
+                          " bytes, not a whole number of " + withThousands(recordSize) + "-byte " +
+                          blockName + " records");
+  return decodeColumns(block, def.definition->encoding, stream.data(), stream.size() / recordSize, recordSize,
+                       RecordSource{source, offset});
+}
+
+// ---- values to bytes --------------------------------------------------------------------------------------
+
+std::string valueText(py::handle value, const std::string& where) {
+  if (py::isinstance<py::str>(value)) return value.cast<std::string>();
+  if (PyBool_Check(value.ptr()))
+    throw py::type_error(where + ": a bool is not a field value; give '1' or '0'");
+  if (PyLong_Check(value.ptr())) return py::str(value).cast<std::string>();
+  static py::object decimal = py::module_::import("decimal").attr("Decimal");
+  if (py::isinstance(value, decimal)) {
+    if (!value.attr("is_finite")().cast<bool>())
+      throw py::value_error(where + ": " + py::repr(value).cast<std::string>() + " is not a number");
+    return py::str(py::str("{:f}").attr("format")(value)).cast<std::string>();
+  }
+  if (PyFloat_Check(value.ptr()))
+    throw py::type_error(where + ": a float is not exact; give the value as str or decimal.Decimal");
+  throw py::type_error(where + ": a field value must be str, int, decimal.Decimal or None, not " +
+                       py::type::of(value).attr("__name__").cast<std::string>());
+}
+
+RecordValues recordFrom(py::handle record, const std::string& where) {
+  if (!py::isinstance<py::dict>(record))
+    throw py::type_error(where + " must be a dict of field values, not " +
+                         py::type::of(record).attr("__name__").cast<std::string>());
+  RecordValues values;
+  constexpr std::string_view kAttr = "@attr";
+  for (auto [key, value] : py::reinterpret_borrow<py::dict>(record)) {
+    if (!py::isinstance<py::str>(key)) throw py::type_error(where + ": field names must be str");
+    const std::string name = key.cast<std::string>();
+    const std::string at = where + "." + name;
+    if (name.size() > kAttr.size() && name.ends_with(kAttr)) {
+      if (!PyLong_Check(value.ptr()) || PyBool_Check(value.ptr()))
+        throw py::type_error(at + " must be an int");
+      const long long byte = value.cast<long long>();
+      if (byte < 0 || byte > 255) throw py::value_error(at + " must be an attribute byte, 0 to 255");
+      values.attrs.emplace_back(name.substr(0, name.size() - kAttr.size()), static_cast<uint8_t>(byte));
+    } else if (!value.is_none()) {
+      values.fields.emplace_back(name, valueText(value, at));
+    }
+  }
+  return values;
+}
+
+std::vector<BlockValues> valuesFrom(py::handle values) {
+  if (!py::isinstance<py::dict>(values))
+    throw py::type_error("values must be a dict of block name to records");
+  std::vector<BlockValues> blocks;
+  for (auto [key, block] : py::reinterpret_borrow<py::dict>(values)) {
+    if (!py::isinstance<py::str>(key)) throw py::type_error("block names must be str");
+    BlockValues entry{key.cast<std::string>(), {}};
+    if (py::isinstance<py::list>(block) || py::isinstance<py::tuple>(block)) {
+      size_t i = 0;
+      for (py::handle record : block)
+        entry.records.push_back(recordFrom(record, entry.block + "[" + std::to_string(i++) + "]"));
+    } else {
+      entry.records.push_back(recordFrom(block, entry.block));
+    }
+    blocks.push_back(std::move(entry));
+  }
+  return blocks;
+}
+
+// The request (or reply) bytes of the values; a refusal names the block, the field and, for a repeated block,
+// the record: each record of the block is tried alone until one gives the same refusal.
+py::bytes encode(const Definition& def, py::handle valuesObject, bool reply) {
+  const std::vector<BlockValues> values = valuesFrom(valuesObject);
+  TransactionProc proc(*def.definition);
+  const auto build = [&](const std::vector<BlockValues>& v) {
+    return reply ? proc.buildReply(v) : proc.buildRequest(v);
+  };
+  const auto built = build(values);
+  if (built.ok) return py::bytes(built.bytes);
+  for (size_t b = 0; b < values.size(); ++b) {
+    if (values[b].records.size() < 2) continue;
+    for (size_t i = 0; i < values[b].records.size(); ++i) {
+      std::vector<BlockValues> alone = values;
+      alone[b].records = {values[b].records[i]};
+      if (build(alone).message == built.message)
+        throw py::value_error("block " + values[b].block + ", record " + std::to_string(i) + ": " +
+                              built.message);
+    }
+  }
+  throw py::value_error(built.message);
+}
+
+}  // namespace
+
+void bindEngine(py::module_& m) {
+  py::class_<Definition>(m, "Definition", "A loaded transaction definition (see load_definition).")
+      .def_property_readonly("code", [](const Definition& d) { return d.definition->tran.getTrCode(); })
+      .def_property_readonly("title", [](const Definition& d) { return d.definition->title; })
+      .def_property_readonly("name", [](const Definition& d) { return d.name; })
+      .def_property_readonly(
+          "encoding",
+          [](const Definition& d) { return std::string(codec::encodingName(d.definition->encoding)); })
+      .def_property_readonly("input_blocks",
+                             [](const Definition& d) {
+                               std::vector<std::string> names;
+                               for (const BlockInfo* b : d.definition->tran.m_InBlockList)
+                                 names.push_back(b->m_szBlockName);
+                               return names;
+                             })
+      .def_property_readonly("output_blocks",
+                             [](const Definition& d) {
+                               std::vector<std::string> names;
+                               for (const BlockInfo* b : d.definition->tran.m_OutBlockList)
+                                 names.push_back(b->m_szBlockName);
+                               return names;
+                             })
+      .def(
+          "block",
+          [](const Definition& d, const std::string& name) -> const BlockInfo& { return d.block(name); },
+          py::return_value_policy::reference_internal,
+          "The block definition of that name (KeyError if none).")
+      .def_property_readonly(
+          "tran", [](const Definition& d) -> TranInfo& { return d.definition->tran; },
+          py::return_value_policy::reference_internal)
+      .def("__repr__",
+           [](const Definition& d) {
+             return "<blockproc.Definition " + d.definition->tran.getTrCode() + " from " + d.name + ">";
+           })
+      .def("__reduce__", [](const Definition& d) {
+        return py::make_tuple(py::module_::import("blockproc").attr("_load_text"),
+                              py::make_tuple(py::bytes(d.xml), d.name));
+      });
+  m.def("_load", &load, py::arg("xml"), py::arg("name"));
+  m.def("_reply_columns", &replyColumns, py::arg("definition"), py::arg("reply"), py::arg("block"),
+        py::arg("source"));
+  m.def("_reply_blocks", &replyBlocks, py::arg("definition"), py::arg("reply"), py::arg("source"));
+  m.def("_stream_columns", &streamColumns, py::arg("definition"), py::arg("stream"), py::arg("block"),
+        py::arg("source"), py::arg("offset") = 0);
+  m.def("encode", &encode, py::arg("definition"), py::arg("values"), py::arg("reply") = false,
+        "The request bytes of the values (the reply bytes with reply=True); ValueError when a value does not "
+        "fit.");
+}
+
+}  // namespace blockproc::python
