@@ -152,10 +152,11 @@ class KXBlockDataProc {
   // record becomes spaces. Always true.
   bool setDataReverse(const void* recvData, int32_t startPos, int32_t recvSize) noexcept;
   // Puts the received record in front of the held ones (record 0 is always the newest): the start index
-  // moves back one record. Makes its own 99-record buffer when there is none. False, changing nothing, when
-  // the records do not fit: no free record before the first valid one (start index 0), the buffer too short
-  // for start index - 1 + valid count + N, no bytes, or R of 0 or below. A buffer it had to make stays, with
-  // the start index at its end (99), when the insert is refused.
+  // moves back one record and the valid count rises by N. A size of 0: valid record count 0, true. Makes its
+  // own 99-record buffer when there is none and then tests no valid count. False, changing nothing, when the
+  // records do not fit: no free record before the first valid one (start index 0), the buffer too short for
+  // start index - 1 + valid count + N (an existing buffer) or for the bytes, no bytes, a negative size, or R
+  // of 0 or below. A buffer it had to make stays, with the start index at its end (99), when refused.
   bool insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept;
 
   // ---- outgoing ---------------------------------------------------------------------------------------

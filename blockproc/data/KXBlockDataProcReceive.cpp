@@ -91,28 +91,34 @@ bool KXBlockDataProc::setDataReverse(const void* recvData, int32_t startPos, int
 }
 
 bool KXBlockDataProc::insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept {
+  if (recvSize == 0) {
+    m_nValidCount = 0;  // as every receive: an empty one hides the records and keeps everything else
+    return true;
+  }
   const int32_t r = recordSize();
-  if (recvData == nullptr || recvSize <= 0 || r <= 0) return false;
+  if (recvData == nullptr || recvSize < 0 || r <= 0) return false;
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
     const uint8_t* from =
         receivedBytes(recvData, starPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
-    if (!m_pBlockData) {
-      // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
-      // leaves it; a refused insert keeps the new buffer.
+    // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
+    // leaves it, and takes the record whatever valid count it held; a refused insert keeps the new buffer.
+    const bool made = !m_pBlockData;
+    if (made) {
       if (!replaceWithSpaces(kRealBufferRecords, r)) return false;
       m_nStartIndex = kRealBufferRecords;
     }
     // No record is free before the first valid one: refused rather than writing before the buffer.
     if (m_nStartIndex <= 0) return false;
     const int32_t start = m_nStartIndex - 1;
-    if (int64_t{m_nBufCount} < int64_t{start} + m_nValidCount + split.records) return false;
+    if (!made && int64_t{m_nBufCount} < int64_t{start} + m_nValidCount + split.records) return false;
     uint8_t* to = span(int64_t{start} * r, split.copied);
     if (to == nullptr) return false;
     std::memcpy(to, from, static_cast<size_t>(split.copied));
     m_nStartIndex = start;
-    m_nValidCount += split.records;
+    m_nValidCount =
+        static_cast<int32_t>(std::min<int64_t>(int64_t{m_nValidCount} + split.records, INT32_MAX));
   } catch (...) {
     return false;
   }
