@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <new>
 
@@ -211,6 +212,18 @@ void KXBlockDataProc::installBuffer(std::unique_ptr<uint8_t[]> area, int32_t siz
   m_pBlockData = std::move(area);
   m_nBlockBuffSize = m_pBlockData ? size : 0;
   m_nBlockDataLen = std::min<int64_t>(m_nBlockDataLen, m_nBlockBuffSize);
+}
+
+const uint8_t* KXBlockDataProc::receivedBytes(const void* recvData, int64_t startPos, int64_t length,
+                                              std::string& aside) const {
+  const auto* from = static_cast<const uint8_t*>(recvData) + startPos;
+  const uint8_t* buffer = m_pBlockData.get();
+  const std::less<const uint8_t*> before;
+  const bool overlaps =
+      buffer != nullptr && before(from, buffer + m_nBlockBuffSize) && before(buffer, from + length);
+  if (!overlaps) return from;
+  aside.assign(reinterpret_cast<const char*>(from), static_cast<size_t>(length));
+  return reinterpret_cast<const uint8_t*>(aside.data());
 }
 
 bool KXBlockDataProc::holdsRecords(int32_t records) const noexcept {

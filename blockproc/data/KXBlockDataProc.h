@@ -282,6 +282,11 @@ class KXBlockDataProc {
   static std::unique_ptr<uint8_t[]> newSpaces(int64_t size) noexcept;
   // Installs the area as the record buffer and records its size; the block data length is kept inside it.
   void installBuffer(std::unique_ptr<uint8_t[]> area, int32_t size) noexcept;
+  // The `length` received bytes at recvData + startPos, through which every receive takes its bytes: when
+  // they lie in the record buffer itself (a caller handing a block its own bytes) they are copied into
+  // `aside` first, since the receive may replace, blank or overwrite that buffer. Throws bad_alloc.
+  const uint8_t* receivedBytes(const void* recvData, int64_t startPos, int64_t length,
+                               std::string& aside) const;
   // Whether the buffer exists and holds `records` records of R bytes inside its recorded size.
   bool holdsRecords(int32_t records) const noexcept;
   // The steps a normal and a reverse receive share: split the size into records, set the received bytes

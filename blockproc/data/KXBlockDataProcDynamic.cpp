@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
 
@@ -73,22 +74,28 @@ bool KXBlockDataProc::setDataDynamic(const void* recvData, int32_t startPos, int
     records = 1;
     size = recvSize;
   }
-  const bool replace =
-      !m_pBlockData || m_nBufCount < records || size > m_nBlockDataLen || span(0, size) == nullptr;
-  if (replace) {
-    auto area = newSpaces(size);
-    if (!area) {
-      m_nValidCount = 0;
-      return true;
+  try {
+    std::string aside;
+    const uint8_t* from = receivedBytes(recvData, startPos, size, aside);
+    const bool replace =
+        !m_pBlockData || m_nBufCount < records || size > m_nBlockDataLen || span(0, size) == nullptr;
+    if (replace) {
+      auto area = newSpaces(size);
+      if (!area) {
+        m_nValidCount = 0;
+        return true;
+      }
+      // The old area goes without a wipe: the dynamic input list and the counts stay.
+      installBuffer(std::move(area), static_cast<int32_t>(size));
+      m_nBlockDataLen = size;
+      m_nBufCount = static_cast<int32_t>(records);
     }
-    // The old area goes without a wipe: the dynamic input list and the counts stay.
-    installBuffer(std::move(area), static_cast<int32_t>(size));
-    m_nBlockDataLen = size;
-    m_nBufCount = static_cast<int32_t>(records);
+    // size never exceeds the received size: a remainder after whole records is dropped.
+    std::memcpy(span(0, size), from, static_cast<size_t>(size));
+    m_nValidCount = static_cast<int32_t>(records);
+  } catch (...) {
+    m_nValidCount = 0;
   }
-  // size never exceeds the received size: a remainder after whole records is dropped.
-  std::memcpy(span(0, size), static_cast<const uint8_t*>(recvData) + startPos, static_cast<size_t>(size));
-  m_nValidCount = static_cast<int32_t>(records);
   return true;
 }
 
@@ -98,22 +105,28 @@ bool KXBlockDataProc::resetDataDynamic(const void* data, int32_t nRecvSize) noex
     m_nBlockDataLen = 0;
     return true;
   }
-  // Another operation may have put a different area in place since the last dynamic receive: reuse only
-  // what both the block data length and the area itself cover.
-  m_nBlockDataLen = std::clamp<int64_t>(m_nBlockDataLen, 0, m_pBlockData ? m_nBlockBuffSize : 0);
-  if (m_nBlockDataLen >= nRecvSize) {
-    std::memset(span(0, m_nBlockDataLen), ' ', static_cast<size_t>(m_nBlockDataLen));
-  } else {
-    auto area = newSpaces(nRecvSize);
-    if (!area) {
-      m_nValidCount = 0;
-      return true;
+  try {
+    std::string aside;
+    const uint8_t* from = receivedBytes(data, 0, nRecvSize, aside);
+    // Another operation may have put a different area in place since the last dynamic receive: reuse only
+    // what both the block data length and the area itself cover.
+    m_nBlockDataLen = std::clamp<int64_t>(m_nBlockDataLen, 0, m_pBlockData ? m_nBlockBuffSize : 0);
+    if (m_nBlockDataLen >= nRecvSize) {
+      std::memset(span(0, m_nBlockDataLen), ' ', static_cast<size_t>(m_nBlockDataLen));
+    } else {
+      auto area = newSpaces(nRecvSize);
+      if (!area) {
+        m_nValidCount = 0;
+        return true;
+      }
+      installBuffer(std::move(area), nRecvSize);  // the old area goes without a wipe
+      m_nBlockDataLen = nRecvSize;
     }
-    installBuffer(std::move(area), nRecvSize);  // the old area goes without a wipe
-    m_nBlockDataLen = nRecvSize;
+    std::memcpy(span(0, nRecvSize), from, static_cast<size_t>(nRecvSize));
+    m_nBufCount = m_nValidCount = 1;
+  } catch (...) {
+    m_nValidCount = 0;
   }
-  std::memcpy(span(0, nRecvSize), data, static_cast<size_t>(nRecvSize));
-  m_nBufCount = m_nValidCount = 1;
   return true;
 }
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
@@ -29,19 +28,6 @@ RecordSplit splitRecords(int32_t size, int32_t recordLen) noexcept {
   return {records, std::min<int64_t>(int64_t{records} * recordLen, size)};
 }
 
-// The received bytes to copy from. When they lie inside the record buffer itself (a caller handing a block
-// its own bytes) they are copied aside first, since the receive may replace or overwrite that buffer.
-const uint8_t* receivedBytes(const void* recvData, int32_t startPos, int64_t length, const uint8_t* buffer,
-                             int64_t bufferSize, std::string& aside) {
-  const auto* from = static_cast<const uint8_t*>(recvData) + startPos;
-  const std::less<const uint8_t*> before;
-  const bool overlaps =
-      buffer != nullptr && before(from, buffer + bufferSize) && before(buffer, from + length);
-  if (!overlaps) return from;
-  aside.assign(reinterpret_cast<const char*>(from), static_cast<size_t>(length));
-  return reinterpret_cast<const uint8_t*>(aside.data());
-}
-
 }  // namespace
 
 template <typename Copy>
@@ -53,8 +39,7 @@ void KXBlockDataProc::receiveRecords(const void* recvData, int32_t startPos, int
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
-    const uint8_t* from =
-        receivedBytes(recvData, startPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
+    const uint8_t* from = receivedBytes(recvData, startPos, split.copied, aside);
     if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) return;
     if (copy(from, split.records, split.copied, r)) m_nValidCount = split.records;
   } catch (...) {
@@ -100,8 +85,7 @@ bool KXBlockDataProc::insertRealData(const void* recvData, int32_t starPos, int3
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
-    const uint8_t* from =
-        receivedBytes(recvData, starPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
+    const uint8_t* from = receivedBytes(recvData, starPos, split.copied, aside);
     // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
     // leaves it, and takes the record whatever valid count it held; a refused insert keeps the new buffer.
     const bool made = !m_pBlockData;
