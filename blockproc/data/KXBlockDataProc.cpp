@@ -185,8 +185,11 @@ bool KXBlockDataProc::carriesAttr(const FieldInfo& info) const noexcept {
   return info.nAttr != 0 || (m_oBlockInfo != nullptr && m_oBlockInfo->m_bAttribute);
 }
 
-int64_t KXBlockDataProc::recordOffset(int32_t index, int64_t pos) const noexcept {
-  return (int64_t{m_nStartIndex} + index) * recordSize() + pos;
+int64_t KXBlockDataProc::recordOffset(int32_t index, int64_t pos) const {
+  // The definition is asked directly: a record size it cannot give must end the operation, not make
+  // every record record 0.
+  const int64_t r = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordMemSize() : 0;
+  return (int64_t{m_nStartIndex} + index) * r + pos;
 }
 
 const uint8_t* KXBlockDataProc::span(int64_t offset, int64_t length) const noexcept {

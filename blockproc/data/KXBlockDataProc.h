@@ -273,8 +273,9 @@ class KXBlockDataProc {
   int32_t recordSize() const noexcept;
   // Whether the field carries an attribute byte (the block's m_bAttribute or the field's nAttr).
   bool carriesAttr(const FieldInfo& info) const noexcept;
-  // Byte offset (start index + index) * R + pos in 64 bits (the caller bounds-checks it).
-  int64_t recordOffset(int32_t index, int64_t pos) const noexcept;
+  // Byte offset (start index + index) * R + pos in 64 bits (the caller bounds-checks it). Throws what
+  // getRecordMemSize throws, so that the operation's catch gives its no-value result.
+  int64_t recordOffset(int32_t index, int64_t pos) const;
   // The buffer bytes [offset, offset + length), or nullptr when any of them lies outside the buffer.
   const uint8_t* span(int64_t offset, int64_t length) const noexcept;
   uint8_t* span(int64_t offset, int64_t length) noexcept;

@@ -37,8 +37,11 @@ void KXBlockDataProc::setFieldAttrFromInfo(const FieldInfo* info, int32_t index,
   if (info == nullptr || index < 0 || index >= m_nValidCount) return;
   // Without an attribute byte the position would be the next field's first byte: leave it alone.
   if (!carriesAttr(*info)) return;
-  uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
-  if (attr != nullptr) *attr = value;
+  try {
+    uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
+    if (attr != nullptr) *attr = value;
+  } catch (...) {
+  }
 }
 
 void KXBlockDataProc::setFieldAttrFromName(std::string_view name, int32_t index, uint8_t value) noexcept {
@@ -50,8 +53,11 @@ void KXBlockDataProc::setFieldAttrHexa(const FieldInfo* info, int32_t index,
   // Any laid-out record, valid or not.
   if (info == nullptr || index < 0 || index >= m_nBufCount) return;
   if (!carriesAttr(*info)) return;
-  uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
-  if (attr != nullptr) *attr = attrFromText(attrHex);
+  try {
+    uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
+    if (attr != nullptr) *attr = attrFromText(attrHex);
+  } catch (...) {
+  }
 }
 
 // ---- derived attributes ---------------------------------------------------------------------------------

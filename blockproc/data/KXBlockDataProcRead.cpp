@@ -143,10 +143,10 @@ std::string KXBlockDataProc::readField(const FieldInfo* info, int32_t index, boo
   const int32_t length = info->nLength;
   const int32_t type = info->nDataType;
   if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
-  const int64_t offset = recordOffset(index, info->nDataPos);
-  const uint8_t* field = span(offset, length);
-  if (field == nullptr) return out;
   try {
+    const int64_t offset = recordOffset(index, info->nDataPos);
+    const uint8_t* field = span(offset, length);
+    if (field == nullptr) return out;
     bool shown;
     if (isBinaryType(type)) {
       // Type 5 always takes 8 bytes from the field's start, as many as the buffer holds.
@@ -201,15 +201,15 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
   if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
   // The records lie at offsets linear in their index: when the first and the last valid record hold the
   // field inside the buffer, every record between them does too.
-  const int64_t first = recordOffset(0, info->nDataPos);
-  const int64_t stride = recordOffset(1, info->nDataPos) - first;
-  const int64_t last = m_nValidCount - 1;
-  if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
-  // Joined text longer than the whole buffer means the field overlaps the next record (or records have no
-  // size at all), and the same bytes would be repeated, up to billions of times: refused.
-  if (!isBinaryType(type) && m_nValidCount > m_nBlockBuffSize / length) [[unlikely]]
-    return out;
   try {
+    const int64_t first = recordOffset(0, info->nDataPos);
+    const int64_t stride = recordOffset(1, info->nDataPos) - first;
+    const int64_t last = m_nValidCount - 1;
+    if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
+    // Joined text longer than the whole buffer means the field overlaps the next record (or records have
+    // no size at all), and the same bytes would be repeated, up to billions of times: refused.
+    if (!isBinaryType(type) && m_nValidCount > m_nBlockBuffSize / length) [[unlikely]]
+      return out;
     // Binary types need only the first value's bytes of the joined run; text needs all of it.
     const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * m_nValidCount;
     std::string joined;
