@@ -325,10 +325,19 @@ TEST(KXBlockDataProcWriteEx, GrowthUsesTheFieldStrideAndWipesTheOldBuffer) {
   EXPECT_EQ(proc.getDynamicInputCnt(), 0);
   EXPECT_EQ(bufferBytes(proc), "      5     6     ");
 
-  // An index inside the buffer: no growth and no counter changes.
+  // An index inside the buffer, or a negative one: no growth and no counter changes; the value is still
+  // written at the position, and a key-encrypted one still routed.
   proc.setValidCount(3);
   proc.setFieldDataExFromInfo(a, 0, "1", 0);
+  EXPECT_EQ(proc.setFieldDataExFromInfo(a, -1, "2", 3), 6);
   EXPECT_EQ(proc.getValidCount(), 3);
+  EXPECT_EQ(proc.getBlockBuffSize(), 18);
+  EXPECT_EQ(bufferBytes(proc, 0, 6), "1  2  ");
+  FieldInfo& pw = block.addField("pw", kFieldText, 4);
+  pw.bKeyEnc = true;
+  EXPECT_EQ(proc.setFieldDataExFromInfo(&pw, -1, "secret", 100), 104);
+  ASSERT_NE(block.findKeyEncValue("pw"), nullptr);
+  EXPECT_EQ(block.findKeyEncValue("pw")->at("data"), "secret");
   EXPECT_EQ(proc.getBlockBuffSize(), 18);
 }
 
@@ -346,7 +355,7 @@ TEST(KXBlockDataProcWriteEx, NothingPastTheBufferOrTheField) {
   const std::string start = bufferBytes(proc);
   EXPECT_EQ(start, "000.00      1.\xCB\x04\xFB");
 
-  // Past the end or before the start, no field, a negative index, negative or too many places, a length
+  // Past the end or before the start, no field, negative or too many places, a length
   // of 0 or below: nothing written, no growth. The returned position wraps like the 32-bit sum.
   FieldInfo negPlaces("p", kFieldNumText, 6, -1), manyPlaces("m", kFieldNumText, 6, 1101),
       zero("z", kFieldNumText, 0, 0), negative("n", kFieldInt16, -2, 0);
@@ -356,11 +365,9 @@ TEST(KXBlockDataProcWriteEx, NothingPastTheBufferOrTheField) {
     const char* value;
     int32_t pos, next;
   } refused[] = {
-      {num, 0, "12345.5", 12, 18}, {i64, 0, "1", 10, 18},
-      {i64, 0, "1", -1, 7},        {nullptr, 0, "9", 8, 0},
-      {num, -1, "9", 0, 6},        {&negPlaces, 0, "9", 0, 6},
-      {&manyPlaces, 0, "9", 0, 6}, {&zero, 0, "9", 0, 0},
-      {&negative, 0, "9", 4, 2},   {num, 0, "1", INT32_MAX, INT32_MIN + 5},
+      {num, 0, "12345.5", 12, 18}, {i64, 0, "1", 10, 18},      {i64, 0, "1", -1, 7},
+      {nullptr, 0, "9", 8, 0},     {&negPlaces, 0, "9", 0, 6}, {&manyPlaces, 0, "9", 0, 6},
+      {&zero, 0, "9", 0, 0},       {&negative, 0, "9", 4, 2},  {num, 0, "1", INT32_MAX, INT32_MIN + 5},
   };
   for (const auto& r : refused) {
     EXPECT_EQ(proc.setFieldDataExFromInfo(r.info, r.index, r.value, r.pos), r.next) << r.pos;

@@ -229,9 +229,9 @@ class KXBlockDataProc {
   // is found at 0).
   static int32_t findIndex(std::string_view text, std::string_view findString) noexcept;
   // Writes the value at byte nPos of the buffer (text types as the number rounded to the field's places,
-  // binary types as setFieldDataFromInfo) and returns nPos + length (0 without field). Bytes that would pass
-  // the buffer, a negative index (no growth either), a length of 0 or below, and for text types negative
-  // places or more than 1,100 places write nothing.
+  // binary types as setFieldDataFromInfo) and returns nPos + length (0 without field); the index decides
+  // growth only (a negative one grows nothing). Bytes that would pass the buffer, a length of 0 or below,
+  // and for text types negative places or more than 1,100 places write nothing.
   int32_t setFieldDataExFromInfo(const FieldInfo* info, int32_t index, std::optional<std::string_view> value,
                                  int32_t nPos) noexcept;
   // setFieldDataFromInfoEX for the field of that name. Always false.

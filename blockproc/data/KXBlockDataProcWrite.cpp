@@ -105,9 +105,9 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
   if (info == nullptr) return 0;
   const int32_t length = info->nLength;
   const int32_t next = positionAfter(nPos, length);
-  if (index < 0) return next;
   try {
-    if (index >= m_nBufCount) {
+    // Growth looks at the record index alone; a negative one is below every count and grows nothing.
+    if (index >= 0 && index >= m_nBufCount) {
       const int32_t stride = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordFieldSize() : 0;
       if (!growRecords(index, stride, GrowWipe::Wipe)) return next;
     }
