@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "TestBlocks.h"
 #include "blockproc/data/KXBlockDataProc.h"
@@ -46,6 +47,20 @@ class ThrowingField : public FieldInfo {
  public:
   using FieldInfo::FieldInfo;
   bool getKeyEncState() const override { throw std::runtime_error("definition unavailable"); }
+};
+
+// A field definition whose key-encryption question writes "ZZZZZ" into a processor first, as a caller's
+// subclass may.
+class WritingField : public FieldInfo {
+ public:
+  using FieldInfo::FieldInfo;
+  KXBlockDataProc* into = nullptr;
+  const FieldInfo* target = nullptr;
+  int32_t record = 0;
+  bool getKeyEncState() const override {
+    if (into != nullptr) into->setFieldDataFromInfo(target, record, "ZZZZZ");
+    return false;
+  }
 };
 
 // ---- main writer ----------------------------------------------------------------------------------------
@@ -254,6 +269,22 @@ TEST(KXBlockDataProcWrite, MissingFieldsAndFailingDefinitionsAreCaught) {
   EXPECT_EQ(proc.setFieldDataExFromInfo(&field, 0, "1", 0), 4);
   EXPECT_FALSE(proc.setFieldDataFromInfoEX(&field, 0, "x"));  // the raw writer never asks
   EXPECT_EQ(bufferBytes(proc, 0, 4), "x   ");
+}
+
+TEST(KXBlockDataProcWrite, ADescriptorWritingElsewhereCannotChangeTheValueWritten) {
+  auto block = oneField(kFieldText, 5);
+  const FieldInfo* plain = block->getFieldInfoFromIndex(0);
+  KXBlockDataProc proc(block.get()), other(block.get());
+  WritingField field("f", kFieldText, 5);
+  // Into another processor, and into this one where the inner write grows the buffer under the outer.
+  for (auto [into, record] : {std::pair{&other, 0}, std::pair{&proc, 3}}) {
+    field.into = into;
+    field.target = plain;
+    field.record = record;
+    proc.setFieldDataFromInfo(&field, 0, "ABC");
+    EXPECT_EQ(bufferBytes(proc, 0, 5), "ABC  ");
+    EXPECT_EQ(into->getFieldDataFromInfo(plain, record), "ZZZZZ");
+  }
 }
 
 TEST(KXBlockDataProcWrite, FindIndexCountsUtf16Units) {

@@ -1,6 +1,7 @@
 // Writing caller values into fields: the main writer, the positional writer and the raw-text writer.
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <string>
 
@@ -16,12 +17,17 @@ namespace {
 
 constexpr uint8_t kSpace = 0x20;
 
-// The encoded bytes of the value being written: one string per thread, reused, so that a write allocates
-// only for a value longer than the ones before it. An unusually long value's storage is let go afterwards.
+// The encoded bytes of the value being written. A write's descriptor calls may write into other
+// processors, or this one, on the same thread: each write in progress on a thread takes its own string,
+// one level deeper than the write it runs inside, so no nested write can change its bytes. The strings
+// are kept and reused, so that a write allocates only for a value longer than the ones before it (an
+// unusually long value's storage is let go afterwards); writes nested deeper than the kept levels use a
+// string of their own.
 class ScratchBytes {
  public:
-  ScratchBytes() noexcept : bytes_(storage()) {}
+  ScratchBytes() noexcept : bytes_(depth() < kLevels ? levels()[depth()] : own_) { ++depth(); }
   ~ScratchBytes() {
+    --depth();
     if (bytes_.capacity() > kKeep) std::string().swap(bytes_);
   }
   ScratchBytes(const ScratchBytes&) = delete;
@@ -30,10 +36,16 @@ class ScratchBytes {
 
  private:
   static constexpr size_t kKeep = 4096;
-  static std::string& storage() noexcept {
-    thread_local std::string bytes;
-    return bytes;
+  static constexpr size_t kLevels = 4;
+  static std::array<std::string, kLevels>& levels() noexcept {
+    thread_local std::array<std::string, kLevels> strings;
+    return strings;
   }
+  static size_t& depth() noexcept {
+    thread_local size_t writesInProgress = 0;
+    return writesInProgress;
+  }
+  std::string own_;
   std::string& bytes_;
 };
 
@@ -59,7 +71,8 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
     if (r <= 0) return false;
     if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::None)) return false;
     const int32_t length = std::max(info->nLength, 0);
-    uint8_t* field = span(recordOffset(index, info->nDataPos), length);
+    const int64_t offset = recordOffset(index, info->nDataPos);
+    uint8_t* field = span(offset, length);
     if (field == nullptr) return false;  // the record lies past the buffer (a start index beyond it)
     std::memset(field, kSpace, static_cast<size_t>(length));
     m_nValidCount = std::max(m_nValidCount, index + 1);
@@ -71,6 +84,9 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
       routeKeyEncrypted(*info, *value);
       return false;
     }
+    // The descriptor's call may have written into this processor and replaced its buffer.
+    field = span(offset, length);
+    if (field == nullptr) return false;
     switch (info->nDataType) {
       case kFieldText:
         std::memcpy(field, bytes.data(), std::min(bytes.size(), static_cast<size_t>(length)));
