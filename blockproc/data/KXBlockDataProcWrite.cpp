@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <string>
 
+#include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/util/NumberFormat.h"
@@ -56,6 +58,75 @@ int32_t positionAfter(int32_t nPos, int32_t length) noexcept {
 
 }  // namespace
 
+// ---- helpers -------------------------------------------------------------------------------------------
+
+bool KXBlockDataProc::growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept {
+  if (index < 0) return false;
+  const bool had = m_buffer.data() != nullptr;
+  if (!m_buffer.grow(int64_t{index} + 1, stride, recordSize())) return false;
+  // The old buffer's wipe leaves, of all it does, an empty dynamic input list and a valid count of 0; the
+  // raw-text writer's length wipe does so even without an old buffer.
+  if (wipe == GrowWipe::WipeLengthThenWipe || (wipe == GrowWipe::Wipe && had)) {
+    m_buffer.setValidCount(0);
+    m_arrDynamicInput.clear();
+  }
+  return true;
+}
+
+bool KXBlockDataProc::encodeValue(std::string_view value, std::string& bytes) const noexcept {
+  bytes.clear();
+  return codec::encodeAppend(m_nEncodingType, value, bytes);
+}
+
+void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view value) noexcept {
+  try {
+    KeyEncDict* dict = m_oBlockInfo != nullptr ? m_oBlockInfo->getKeyEncValue(info.szFieldName) : nullptr;
+    if (dict == nullptr) return;
+    // The length in UTF-16 code units, narrowed to 32 bits; text that is not UTF-8 counts its bytes.
+    const int64_t units =
+        utf8::isValid(value) ? utf8::utf16Length(value) : static_cast<int64_t>(value.size());
+    std::string size;
+    num::appendZeroPadded(size, static_cast<int32_t>(units), 4);
+    (*dict)["size"] = std::move(size);
+    (*dict)["data"] = std::string(value);
+  } catch (...) {
+  }
+}
+
+bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataType,
+                                  std::string_view value) noexcept {
+  uint8_t bytes[8];
+  size_t width;
+  switch (dataType) {
+    case kFieldInt16: {
+      // Read as 32 bits, stored as its low 16 bits (two's complement).
+      const auto v = static_cast<uint16_t>(static_cast<uint32_t>(num::parseInt32(value)));
+      std::memcpy(bytes, &v, width = 2);
+      break;
+    }
+    case kFieldInt64: {
+      const int64_t v = num::parseInt64(value);
+      std::memcpy(bytes, &v, width = 8);
+      break;
+    }
+    case kFieldFloat: {
+      const float v = num::narrowToFloat(num::parseLeadingDouble(value));
+      std::memcpy(bytes, &v, width = 4);
+      break;
+    }
+    case kFieldDouble: {
+      const double v = num::parseLeadingDouble(value);
+      std::memcpy(bytes, &v, width = 8);
+      break;
+    }
+    default:
+      return false;
+  }
+  static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
+  if (length > 0) std::memcpy(field, bytes, std::min(width, static_cast<size_t>(length)));
+  return true;
+}
+
 // ---- main writer ----------------------------------------------------------------------------------------
 
 bool KXBlockDataProc::setFieldDataFromName(std::string_view name, int32_t index,
@@ -69,13 +140,13 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
   try {
     const int32_t r = recordSize();
     if (r <= 0) return false;
-    if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::None)) return false;
+    if (index >= m_buffer.bufCount() && !growRecords(index, r, GrowWipe::None)) return false;
     const int32_t length = std::max(info->nLength, 0);
     const int64_t offset = recordOffset(index, info->nDataPos);
     uint8_t* field = span(offset, length);
     if (field == nullptr) return false;  // the record lies past the buffer (a start index beyond it)
     std::memset(field, kSpace, static_cast<size_t>(length));
-    m_nValidCount = std::max(m_nValidCount, index + 1);
+    m_buffer.setValidCount(std::max(m_buffer.validCount(), index + 1));
     if (!value) return false;
     ScratchBytes scratch;
     std::string& bytes = scratch.get();
@@ -123,7 +194,7 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
   const int32_t next = positionAfter(nPos, length);
   try {
     // Growth looks at the record index alone; a negative one is below every count and grows nothing.
-    if (index >= 0 && index >= m_nBufCount) {
+    if (index >= 0 && index >= m_buffer.bufCount()) {
       const int32_t stride = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordFieldSize() : 0;
       if (!growRecords(index, stride, GrowWipe::Wipe)) return next;
     }
@@ -166,12 +237,12 @@ bool KXBlockDataProc::setFieldDataFromInfoEX(const FieldInfo* info, int32_t inde
   try {
     const int32_t r = recordSize();
     if (r <= 0) return false;
-    if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
+    if (index >= m_buffer.bufCount() && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
     const int32_t length = std::max(info->nLength, 0);
     uint8_t* field = span(recordOffset(index, info->nDataPos), length);
     if (field == nullptr) return false;
     std::memset(field, kSpace, static_cast<size_t>(length));
-    m_nValidCount = index + 1;
+    m_buffer.setValidCount(index + 1);
     if (value == nullptr || info->nDataType != kFieldText) return false;
     std::memcpy(field, value, strnlen(value, static_cast<size_t>(length)));
   } catch (...) {
