@@ -101,6 +101,8 @@ TEST(KXBlockDataProcWrite, TextBinaryAndOtherTypesLayout) {
   EXPECT_EQ(written(kFieldInt16, 4, 0, " 1234abc"), "\xD2\x04  ");  // the rest of the field stays spaces
   EXPECT_EQ(written(kFieldInt64, 8, 0, "1234567890123"), "\xCB\x04\xFB\x71\x1F\x01\x00\x00"s);
   EXPECT_EQ(written(kFieldInt64, 8, 0, "99999999999999999999"), "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F");
+  EXPECT_EQ(written(kFieldInt64, 8, 0, "18446744073709551620"),
+            "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F");  // 2^64 + 4
   EXPECT_EQ(written(kFieldInt64, 8, 0, "-1"), "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF");
   EXPECT_EQ(written(kFieldInt64, 3, 0, "1234567890123"), "\xCB\x04\xFB");  // the low-order bytes
   EXPECT_EQ(written(kFieldFloat, 4, 2, "12.5"), "\x00\x00\x48\x41"s);
