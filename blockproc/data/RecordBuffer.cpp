@@ -18,15 +18,6 @@ void RecordBuffer::setDataLen(int64_t length) noexcept {
   dataLen_ = std::clamp<int64_t>(length, 0, size_);
 }
 
-const uint8_t* RecordBuffer::span(int64_t offset, int64_t length) const noexcept {
-  if (!bytes_ || offset < 0 || length < 0 || offset + length > size_) return nullptr;
-  return bytes_.get() + offset;
-}
-
-uint8_t* RecordBuffer::span(int64_t offset, int64_t length) noexcept {
-  return const_cast<uint8_t*>(std::as_const(*this).span(offset, length));
-}
-
 bool RecordBuffer::holds(int32_t records, int64_t recordLen) const noexcept {
   return bytes_ && bufCount_ >= records && records * recordLen <= size_;
 }

@@ -28,9 +28,15 @@ class RecordBuffer {
   int64_t dataLen() const noexcept { return dataLen_; }
   void setDataLen(int64_t length) noexcept;
 
-  // The bytes [offset, offset + length), or nullptr when any of them lies outside the buffer.
-  const uint8_t* span(int64_t offset, int64_t length) const noexcept;
-  uint8_t* span(int64_t offset, int64_t length) noexcept;
+  // The bytes [offset, offset + length), or nullptr when any of them lies outside the buffer. Inline: every
+  // field read and write passes here.
+  const uint8_t* span(int64_t offset, int64_t length) const noexcept {
+    if (!bytes_ || offset < 0 || length < 0 || offset + length > size_) return nullptr;
+    return bytes_.get() + offset;
+  }
+  uint8_t* span(int64_t offset, int64_t length) noexcept {
+    return const_cast<uint8_t*>(static_cast<const RecordBuffer&>(*this).span(offset, length));
+  }
   // Byte offset (start index + index) * recordLen + pos in 64 bits (span() bounds-checks it).
   int64_t recordOffset(int32_t index, int64_t pos, int64_t recordLen) const noexcept {
     return (int64_t{startIndex_} + index) * recordLen + pos;
