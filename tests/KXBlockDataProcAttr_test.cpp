@@ -110,6 +110,25 @@ TEST(KXBlockDataProcAttr, FieldWithoutAttributeByteIsNeitherReadNorWritten) {
   EXPECT_EQ(proc.getFieldAttrFromInfo(&b, 1), 0);
 }
 
+TEST(KXBlockDataProcAttr, RecordSizeTheDefinitionCannotGiveEndsEveryOperation) {
+  testing::FailingSizeBlock block("Failing");
+  block.m_bAttribute = true;
+  FieldInfo& sign = block.addField("sign", kFieldText, 2);
+  FieldInfo& price = block.addField("price", kFieldText, 2);
+  price.szAttrRefKey = "sign";
+  KXBlockDataProc proc(&block);
+  proc.setData("+1A-5B+1C-5D", 0, 12);  // two records: sign "+1" attr 'A', price "-5" attr 'B'
+  const std::string before = bufferBytes(proc);
+  block.failSize = true;
+  proc.setFieldAttrFromInfo(&sign, 1, 'X');
+  proc.setFieldAttrHexa(&sign, 1, "0x58");
+  EXPECT_EQ(bufferBytes(proc), before) << "record 0 must not be addressed";
+  EXPECT_EQ(proc.getFieldAttrFromInfo(&sign, 1), 0);
+  FieldData data;
+  EXPECT_FALSE(proc.getFieldAttrFromInfo(&price, 1, data));
+  EXPECT_EQ(data.getAttr(), FieldData().getAttr());
+}
+
 // A fill's data, attribute and enable byte.
 using Fill = std::tuple<std::string, int, int>;
 Fill filled(const FieldData& d) {

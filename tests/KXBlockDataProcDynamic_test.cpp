@@ -167,5 +167,26 @@ TEST_F(KXBlockDataProcDynamic, ResetReusesTheAreaItCoversAndBlanksItsTail) {
   EXPECT_EQ(state(proc), "01234|5/1/1/5");
 }
 
+TEST_F(KXBlockDataProcDynamic, OwnBytesAreTakenAsACopyOfThemWould) {
+  // Each dynamic receive of the block's own bytes ends as the receive of a copy of them does.
+  const struct {
+    int32_t from, size;
+    bool reset;
+  } rows[] = {{5, 5, true}, {0, 20, true}, {0, 25, true}, {3, 20, false}, {5, 20, false}, {0, 25, false}};
+  for (const auto& r : rows) {
+    KXBlockDataProc own(&block), copy(&block);
+    for (KXBlockDataProc* p : {&own, &copy}) p->resetDataDynamic(kBytes, 25);
+    const std::string bytes(reinterpret_cast<const char*>(own.getData()), 25);
+    if (r.reset) {
+      own.resetDataDynamic(own.getData() + r.from, r.size);
+      copy.resetDataDynamic(bytes.data() + r.from, r.size);
+    } else {
+      own.setDataDynamic(own.getData(), r.from, r.size);
+      copy.setDataDynamic(bytes.data(), r.from, r.size);
+    }
+    EXPECT_EQ(state(own), state(copy)) << r.from << "+" << r.size << (r.reset ? " reset" : "");
+  }
+}
+
 }  // namespace
 }  // namespace blockproc

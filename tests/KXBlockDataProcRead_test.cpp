@@ -178,6 +178,16 @@ TEST(KXBlockDataProcRead, EntryChecksAndBounds) {
   zero.setValidCount(INT32_MAX);
   EXPECT_EQ(zero.getFieldDataFromInfo(&z, 5), "AB");
   EXPECT_EQ(zero.getFieldDataAllIdxFromInfo(&z), "");
+
+  // A record size the definition cannot give reads nothing, never record 0's bytes.
+  testing::FailingSizeBlock failing("F");
+  const FieldInfo& g = failing.addField("g", kFieldText, 4);
+  KXBlockDataProc unsized(&failing);
+  unsized.setData("AAAABBBBCCCC", 0, 12);
+  failing.failSize = true;
+  EXPECT_EQ(unsized.getFieldDataFromInfo(&g, 2), "");
+  EXPECT_EQ(unsized.getFieldDataFromInfoEX(&g, 2), "");
+  EXPECT_EQ(unsized.getFieldDataAllIdxFromInfo(&g), "");
 }
 
 TEST(KXBlockDataProcRead, EveryResultIsUtf8) {

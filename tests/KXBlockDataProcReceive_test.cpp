@@ -137,6 +137,15 @@ TEST(KXBlockDataProcRealTime, InsertsPutTheNewestRecordFirst) {
   EXPECT_EQ(fresh.getStartIndex(), 98);
   EXPECT_EQ(fresh.getValidCount(), 1);
   EXPECT_EQ(bufferBytes(fresh, 970, 20), std::string(10, ' ') + "CCCC333333");
+
+  // The buffer an insert makes takes its record whatever valid count the block held before.
+  KXBlockDataProc counted(&block);
+  counted.setValidCount(2);
+  EXPECT_TRUE(counted.insertRealData("DDDD444444", 0, 10));
+  EXPECT_EQ(counted.getStartIndex(), 98);
+  EXPECT_EQ(counted.getValidCount(), 3);
+  EXPECT_EQ(counted.getFieldDataFromName("code", 0), "DDDD444444");
+  EXPECT_EQ(counted.getFieldDataFromName("code", 1), "") << "past the buffer: nothing";
 }
 
 TEST(KXBlockDataProcRealTime, RefusalsChangeNothing) {
@@ -152,13 +161,18 @@ TEST(KXBlockDataProcRealTime, RefusalsChangeNothing) {
   struct Refused {
     const char* bytes;
     int32_t size;
-  } refused[] = {{"DDDD444444", 10}, {"DDDD444444", 0}, {"DDDD444444", -1}, {nullptr, 10}};
+  } refused[] = {{"DDDD444444", 10}, {"DDDD444444", -1}, {nullptr, 10}};
   for (const auto& r : refused) {
     EXPECT_FALSE(t.proc.insertRealData(r.bytes, 0, r.size)) << r.size;
     EXPECT_EQ(t.proc.getStartIndex(), 0);
     EXPECT_EQ(bufferBytes(t.proc), full);
     EXPECT_EQ(t.codes(), "CCCC|BBBB|AAAA");
   }
+  // An insert of 0 bytes, like the other receives, empties the block for the readers and keeps the rest.
+  EXPECT_TRUE(t.proc.insertRealData(nullptr, 0, 0));
+  EXPECT_EQ(t.proc.getValidCount(), 0);
+  EXPECT_EQ(t.proc.getStartIndex(), 0);
+  EXPECT_EQ(bufferBytes(t.proc), full);
   // A normal receive leaves the start index where the inserts left it.
   t.proc.initRealBufferIndex();
   t.insert("EEEE555555");

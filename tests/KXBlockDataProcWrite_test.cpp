@@ -6,6 +6,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "TestBlocks.h"
 #include "blockproc/data/KXBlockDataProc.h"
@@ -48,6 +49,20 @@ class ThrowingField : public FieldInfo {
   bool getKeyEncState() const override { throw std::runtime_error("definition unavailable"); }
 };
 
+// A field definition whose key-encryption question writes "ZZZZZ" into a processor first, as a caller's
+// subclass may.
+class WritingField : public FieldInfo {
+ public:
+  using FieldInfo::FieldInfo;
+  KXBlockDataProc* into = nullptr;
+  const FieldInfo* target = nullptr;
+  int32_t record = 0;
+  bool getKeyEncState() const override {
+    if (into != nullptr) into->setFieldDataFromInfo(target, record, "ZZZZZ");
+    return false;
+  }
+};
+
 // ---- main writer ----------------------------------------------------------------------------------------
 
 // Writes the value into field "f" of that shape, followed by a text field holding "zz", and returns the
@@ -86,6 +101,8 @@ TEST(KXBlockDataProcWrite, TextBinaryAndOtherTypesLayout) {
   EXPECT_EQ(written(kFieldInt16, 4, 0, " 1234abc"), "\xD2\x04  ");  // the rest of the field stays spaces
   EXPECT_EQ(written(kFieldInt64, 8, 0, "1234567890123"), "\xCB\x04\xFB\x71\x1F\x01\x00\x00"s);
   EXPECT_EQ(written(kFieldInt64, 8, 0, "99999999999999999999"), "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F");
+  EXPECT_EQ(written(kFieldInt64, 8, 0, "18446744073709551620"),
+            "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F");  // 2^64 + 4
   EXPECT_EQ(written(kFieldInt64, 8, 0, "-1"), "\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF");
   EXPECT_EQ(written(kFieldInt64, 3, 0, "1234567890123"), "\xCB\x04\xFB");  // the low-order bytes
   EXPECT_EQ(written(kFieldFloat, 4, 2, "12.5"), "\x00\x00\x48\x41"s);
@@ -256,6 +273,22 @@ TEST(KXBlockDataProcWrite, MissingFieldsAndFailingDefinitionsAreCaught) {
   EXPECT_EQ(bufferBytes(proc, 0, 4), "x   ");
 }
 
+TEST(KXBlockDataProcWrite, ADescriptorWritingElsewhereCannotChangeTheValueWritten) {
+  auto block = oneField(kFieldText, 5);
+  const FieldInfo* plain = block->getFieldInfoFromIndex(0);
+  KXBlockDataProc proc(block.get()), other(block.get());
+  WritingField field("f", kFieldText, 5);
+  // Into another processor, and into this one where the inner write grows the buffer under the outer.
+  for (auto [into, record] : {std::pair{&other, 0}, std::pair{&proc, 3}}) {
+    field.into = into;
+    field.target = plain;
+    field.record = record;
+    proc.setFieldDataFromInfo(&field, 0, "ABC");
+    EXPECT_EQ(bufferBytes(proc, 0, 5), "ABC  ");
+    EXPECT_EQ(into->getFieldDataFromInfo(plain, record), "ZZZZZ");
+  }
+}
+
 TEST(KXBlockDataProcWrite, FindIndexCountsUtf16Units) {
   EXPECT_EQ(KXBlockDataProc::findIndex(kGaNaDa + "+"s, "+"), 3);
   EXPECT_EQ(KXBlockDataProc::findIndex("a.b.c", ".c"), 3);
@@ -325,10 +358,19 @@ TEST(KXBlockDataProcWriteEx, GrowthUsesTheFieldStrideAndWipesTheOldBuffer) {
   EXPECT_EQ(proc.getDynamicInputCnt(), 0);
   EXPECT_EQ(bufferBytes(proc), "      5     6     ");
 
-  // An index inside the buffer: no growth and no counter changes.
+  // An index inside the buffer, or a negative one: no growth and no counter changes; the value is still
+  // written at the position, and a key-encrypted one still routed.
   proc.setValidCount(3);
   proc.setFieldDataExFromInfo(a, 0, "1", 0);
+  EXPECT_EQ(proc.setFieldDataExFromInfo(a, -1, "2", 3), 6);
   EXPECT_EQ(proc.getValidCount(), 3);
+  EXPECT_EQ(proc.getBlockBuffSize(), 18);
+  EXPECT_EQ(bufferBytes(proc, 0, 6), "1  2  ");
+  FieldInfo& pw = block.addField("pw", kFieldText, 4);
+  pw.bKeyEnc = true;
+  EXPECT_EQ(proc.setFieldDataExFromInfo(&pw, -1, "secret", 100), 104);
+  ASSERT_NE(block.findKeyEncValue("pw"), nullptr);
+  EXPECT_EQ(block.findKeyEncValue("pw")->at("data"), "secret");
   EXPECT_EQ(proc.getBlockBuffSize(), 18);
 }
 
@@ -346,7 +388,7 @@ TEST(KXBlockDataProcWriteEx, NothingPastTheBufferOrTheField) {
   const std::string start = bufferBytes(proc);
   EXPECT_EQ(start, "000.00      1.\xCB\x04\xFB");
 
-  // Past the end or before the start, no field, a negative index, negative or too many places, a length
+  // Past the end or before the start, no field, negative or too many places, a length
   // of 0 or below: nothing written, no growth. The returned position wraps like the 32-bit sum.
   FieldInfo negPlaces("p", kFieldNumText, 6, -1), manyPlaces("m", kFieldNumText, 6, 1101),
       zero("z", kFieldNumText, 0, 0), negative("n", kFieldInt16, -2, 0);
@@ -356,11 +398,9 @@ TEST(KXBlockDataProcWriteEx, NothingPastTheBufferOrTheField) {
     const char* value;
     int32_t pos, next;
   } refused[] = {
-      {num, 0, "12345.5", 12, 18}, {i64, 0, "1", 10, 18},
-      {i64, 0, "1", -1, 7},        {nullptr, 0, "9", 8, 0},
-      {num, -1, "9", 0, 6},        {&negPlaces, 0, "9", 0, 6},
-      {&manyPlaces, 0, "9", 0, 6}, {&zero, 0, "9", 0, 0},
-      {&negative, 0, "9", 4, 2},   {num, 0, "1", INT32_MAX, INT32_MIN + 5},
+      {num, 0, "12345.5", 12, 18}, {i64, 0, "1", 10, 18},      {i64, 0, "1", -1, 7},
+      {nullptr, 0, "9", 8, 0},     {&negPlaces, 0, "9", 0, 6}, {&manyPlaces, 0, "9", 0, 6},
+      {&zero, 0, "9", 0, 0},       {&negative, 0, "9", 4, 2},  {num, 0, "1", INT32_MAX, INT32_MIN + 5},
   };
   for (const auto& r : refused) {
     EXPECT_EQ(proc.setFieldDataExFromInfo(r.info, r.index, r.value, r.pos), r.next) << r.pos;

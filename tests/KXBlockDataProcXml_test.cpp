@@ -58,12 +58,12 @@ TEST(KXBlockDataProcXml, BlockNameAndOneRecordPerChild) {
 TEST(KXBlockDataProcXml, RunningIndexes) {
   const std::string xml =
       "<b><REALAP idx='7'/><F idx='7'/><REALAP/><F/><REALAP idx=' -5z'/><REALAP/><F idx='x'/>"
-      "<REALAP idx='2147483647'/><REALAP/><F/></b>";
+      "<REALAP idx='2147483647'/><REALAP/><F idx='18446744073709551616'/></b>";
   Loaded l(xml);
   // REALAP: an idx moves the running index; the next record is made with it plus 1 (held at the limit).
   const std::vector<int32_t> realTime{7, 8, -5, -4, kMax, kMax};
   // Other children: an idx sets only that record; the running index goes on counting children.
-  const std::vector<int32_t> links{7, 1, 0, 3};
+  const std::vector<int32_t> links{7, 1, 0, kMax};
   for (int pass = 1; pass <= 2; ++pass) {  // a second load appends a second set, indexes from 0 again
     ASSERT_EQ(l.proc.getRealAPLinkCount(), pass * 6);
     ASSERT_EQ(l.proc.getLinkCount(), pass * 4);
@@ -89,6 +89,7 @@ TEST(KXBlockDataProcXml, IndexTriples) {
       {"1,,3", std::array{1, 0, 3}},
       {" 4, +5,-6x,", std::array{4, 5, -6}},
       {"99999999999,-99999999999,2147483648", std::array{kMax, kMin, kMax}},
+      {"18446744073709551616,18446744073709551620,-18446744073709551617", std::array{kMax, kMax, kMin}},
       {"a,b,c", std::array{0, 0, 0}},
   };
   for (const auto& c : cases) {

@@ -34,6 +34,10 @@ TEST(NumberParseInt, LeadingNumberOnly) {
       {"-9223372036854775808", kI64Min},
       {"-99999999999999999999999", kI64Min},
       {"123456789012345678901234567890", kI64Max},
+      {"18446744073709551616", kI64Max},  // 2^64 and just above: no wrap through zero
+      {"18446744073709551620", kI64Max},
+      {"-18446744073709551617", kI64Min},
+      {"+-5", 0},
   };
   for (const auto& r : rows) EXPECT_EQ(parseInt64(r.text), r.value) << '"' << r.text << '"';
 }
@@ -43,11 +47,44 @@ TEST(NumberParseInt, ClampsToTheAskedRange) {
   EXPECT_EQ(parseInt32("2147483648"), kI32Max);
   EXPECT_EQ(parseInt32("-2147483649"), kI32Min);
   EXPECT_EQ(parseInt32("70000"), 70000);
+  EXPECT_EQ(parseInt32("18446744073709551620"), kI32Max);
   EXPECT_EQ(parseLeadingInt("500", -100, 100), 100);
   EXPECT_EQ(parseLeadingInt("-500", -100, 100), -100);
   // Stops at the end of the view, never at a terminating zero.
   const std::string_view part("12345", 3);
   EXPECT_EQ(parseInt64(part), 123);
+}
+
+TEST(NumberParseInt, WholeTextOrNothing) {
+  const struct {
+    const char* text;
+    int base;
+    bool isNumber, clamped;
+    int64_t value;
+  } rows[] = {
+      {"42", 10, true, false, 42},
+      {"+42", 10, true, false, 42},
+      {"-3", 10, true, true, 0},
+      {"300", 10, true, true, 255},
+      {"ff", 16, true, false, 255},
+      {"1FF", 16, true, true, 255},
+      {"99999999999999999999", 10, true, true, 255},
+      {" 42", 10, false, false, 0},
+      {"42 ", 10, false, false, 0},
+      {"4x", 10, false, false, 0},
+      {"", 10, false, false, 0},
+      {"+", 10, false, false, 0},
+      {"0x1f", 16, false, false, 0},
+  };
+  for (const auto& r : rows) {
+    const WholeInt w = parseWholeInt(r.text, 0, 255, r.base);
+    EXPECT_EQ(w.isNumber, r.isNumber) << '"' << r.text << '"';
+    EXPECT_EQ(w.clamped, r.clamped) << '"' << r.text << '"';
+    if (r.isNumber) {
+      EXPECT_EQ(w.value, r.value) << '"' << r.text;
+    }
+  }
+  EXPECT_EQ(parseWholeInt("-9223372036854775808", kI64Min, kI64Max).value, kI64Min);
 }
 
 TEST(NumberParseDouble, DecimalFractionAndExponent) {

@@ -2,6 +2,7 @@
 // Small helpers shared by the tests: blocks built in code and raw byte views.
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,17 @@ inline std::string bufferBytes(const KXBlockDataProc& proc, int64_t offset, int6
 inline std::string bufferBytes(const KXBlockDataProc& proc) {
   return bufferBytes(proc, 0, proc.getBlockBuffSize());
 }
+
+// A block definition whose record size can be made unavailable: getRecordMemSize then throws.
+class FailingSizeBlock : public BlockInfo {
+ public:
+  using BlockInfo::BlockInfo;
+  bool failSize = false;
+  int32_t getRecordMemSize() const override {
+    if (failSize) throw std::runtime_error("record size unavailable");
+    return BlockInfo::getRecordMemSize();
+  }
+};
 
 // A parent data processor whose transaction has the given data mode.
 struct ParentWithMode {

@@ -25,6 +25,7 @@
 #include "blockproc/data/FieldInfo.h"
 #include "blockproc/data/FieldLinkInfo.h"
 #include "blockproc/data/RealAPLinkInfo.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/data/TranInfo.h"
 
 namespace blockproc {
@@ -152,10 +153,11 @@ class KXBlockDataProc {
   // record becomes spaces. Always true.
   bool setDataReverse(const void* recvData, int32_t startPos, int32_t recvSize) noexcept;
   // Puts the received record in front of the held ones (record 0 is always the newest): the start index
-  // moves back one record. Makes its own 99-record buffer when there is none. False, changing nothing, when
-  // the records do not fit: no free record before the first valid one (start index 0), the buffer too short
-  // for start index - 1 + valid count + N, no bytes, or R of 0 or below. A buffer it had to make stays, with
-  // the start index at its end (99), when the insert is refused.
+  // moves back one record and the valid count rises by N. A size of 0: valid record count 0, true. Makes its
+  // own 99-record buffer when there is none and then tests no valid count. False, changing nothing, when the
+  // records do not fit: no free record before the first valid one (start index 0), the buffer too short for
+  // start index - 1 + valid count + N (an existing buffer) or for the bytes, no bytes, a negative size, or R
+  // of 0 or below. A buffer it had to make stays, with the start index at its end (99), when refused.
   bool insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept;
 
   // ---- outgoing ---------------------------------------------------------------------------------------
@@ -228,9 +230,9 @@ class KXBlockDataProc {
   // is found at 0).
   static int32_t findIndex(std::string_view text, std::string_view findString) noexcept;
   // Writes the value at byte nPos of the buffer (text types as the number rounded to the field's places,
-  // binary types as setFieldDataFromInfo) and returns nPos + length (0 without field). Bytes that would pass
-  // the buffer, a negative index (no growth either), a length of 0 or below, and for text types negative
-  // places or more than 1,100 places write nothing.
+  // binary types as setFieldDataFromInfo) and returns nPos + length (0 without field); the index decides
+  // growth only (a negative one grows nothing). Bytes that would pass the buffer, a length of 0 or below,
+  // and for text types negative places or more than 1,100 places write nothing.
   int32_t setFieldDataExFromInfo(const FieldInfo* info, int32_t index, std::optional<std::string_view> value,
                                  int32_t nPos) noexcept;
   // setFieldDataFromInfoEX for the field of that name. Always false.
@@ -268,38 +270,43 @@ class KXBlockDataProc {
 
  private:
   // -- shared helpers (KXBlockDataProc.cpp) --
-  // The record size R, or 0 without block definition.
+  // The record size R, or 0 without block definition or when the definition cannot give it.
   int32_t recordSize() const noexcept;
-  // Whether the field carries an attribute byte (the block's m_bAttribute or the field's nAttr).
-  bool carriesAttr(const FieldInfo& info) const noexcept;
-  // Byte offset (start index + index) * R + pos in 64 bits (the caller bounds-checks it).
-  int64_t recordOffset(int32_t index, int64_t pos) const noexcept;
+  // Byte offset (start index + index) * R + pos in 64 bits (the caller bounds-checks it). Throws what
+  // getRecordMemSize throws, so that the operation's catch gives its no-value result.
+  int64_t recordOffset(int32_t index, int64_t pos) const;
   // The buffer bytes [offset, offset + length), or nullptr when any of them lies outside the buffer.
   const uint8_t* span(int64_t offset, int64_t length) const noexcept;
   uint8_t* span(int64_t offset, int64_t length) noexcept;
-  // A new area of `size` spaces (and one zero byte after them), or nullptr when allocation fails.
-  static std::unique_ptr<uint8_t[]> newSpaces(int64_t size) noexcept;
-  // Installs the area as the record buffer and records its size; the block data length is kept inside it.
-  void installBuffer(std::unique_ptr<uint8_t[]> area, int32_t size) noexcept;
-  // Whether the buffer exists and holds `records` records of R bytes inside its recorded size.
-  bool holdsRecords(int32_t records) const noexcept;
+  // The `length` received bytes at recvData + startPos, through which every receive takes its bytes: when
+  // they lie in the record buffer itself (a caller handing a block its own bytes) they are copied into
+  // `aside` first, since the receive may replace, blank or overwrite that buffer. Throws bad_alloc.
+  const uint8_t* receivedBytes(const void* recvData, int64_t startPos, int64_t length,
+                               std::string& aside) const;
+  // Wipes (wipeBuffer) and frees the current buffer, then installs `records` records of R spaces.
+  // False, changing nothing, when the size does not fit 32 bits or allocation fails.
+  bool replaceWithSpaces(int32_t records, int32_t recordLen) noexcept;
+
+  // -- receiving (KXBlockDataProcReceive.cpp) --
   // The steps a normal and a reverse receive share: split the size into records, set the received bytes
   // aside when they lie in this buffer, keep or replace the buffer, then copy(from, N, bytes, R); the valid
   // count becomes N when the copy succeeds, else 0.
   template <typename Copy>
   void receiveRecords(const void* recvData, int32_t startPos, int32_t recvSize, Copy copy) noexcept;
-  // Wipes (wipeBuffer) and frees the current buffer, then installs `records` records of R spaces.
-  // False, changing nothing, when the size does not fit 32 bits or allocation fails.
-  bool replaceWithSpaces(int32_t records, int32_t recordLen) noexcept;
-  // How a growing write treats the old buffer before releasing it.
-  enum class GrowWipe { None, Wipe, WipeLengthThenWipe };
-  // Grows the buffer to exactly index + 1 records of `stride` bytes (old bytes kept by reSizeBytes, new
-  // records spaces). False, changing nothing, for a stride of 0 or below or a size beyond 32 bits.
-  bool growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept;
+
+  // -- reading (KXBlockDataProcRead.cpp) --
   // Whether the parent's transaction is in the web-socket JSON data mode.
   bool isWebSocketJsonMode() const noexcept;
   // The read of getFieldDataFromInfo with the mode given.
   std::string readField(const FieldInfo* info, int32_t index, bool jsonMode) const noexcept;
+
+  // -- writing (KXBlockDataProcWrite.cpp) --
+  // How a growing write treats the old buffer before releasing it.
+  enum class GrowWipe { None, Wipe, WipeLengthThenWipe };
+  // Grows the buffer to exactly index + 1 records of `stride` bytes (old bytes kept by reSizeBytes, new
+  // records spaces). False, changing nothing, for a negative index, a stride of 0 or below or a size beyond
+  // 32 bits.
+  bool growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept;
   // Converts a value to the processor's encoding; false when it cannot be represented.
   bool encodeValue(std::string_view value, std::string& bytes) const noexcept;
   // Stores "size" and "data" of a key-encrypted value in the block definition's dictionary, if it has one.
@@ -308,19 +315,18 @@ class KXBlockDataProc {
   // bytes when the field is shorter than the width). False for any other type.
   static bool writeBinary(uint8_t* field, int32_t length, int32_t dataType, std::string_view value) noexcept;
 
+  // -- attributes (KXBlockDataProcAttr.cpp) --
+  // Whether the field carries an attribute byte (the block's m_bAttribute or the field's nAttr).
+  bool carriesAttr(const FieldInfo& info) const noexcept;
+
   std::string m_szBlockName;
   bool m_bReceived = false;
   BlockInfo* m_oBlockInfo = nullptr;
   std::vector<std::unique_ptr<FieldLinkInfo>> m_FieldLinkInfoList;
   std::vector<std::shared_ptr<void>> m_ConnCtlList;
   std::vector<std::unique_ptr<RealAPLinkInfo>> m_RealAPLinkInfoList;
-  std::unique_ptr<uint8_t[]> m_pBlockData;
-  int64_t m_nBlockDataLen = 0;
-  int32_t m_nBufCount = 0;
-  int32_t m_nValidCount = 0;
-  int32_t m_nStartIndex = 0;
+  RecordBuffer m_buffer;  // the bytes and their counters
   uint32_t m_nEncodingType = kTextEncodingCP949;
-  int32_t m_nBlockBuffSize = 0;
   std::vector<std::unordered_map<uint64_t, std::string>> m_arrDynamicInput;
   BaseDataProc* m_pParentDP = nullptr;
 };

@@ -20,10 +20,14 @@ uint8_t attrFromText(std::optional<std::string_view> text) noexcept {
 
 }  // namespace
 
+bool KXBlockDataProc::carriesAttr(const FieldInfo& info) const noexcept {
+  return info.nAttr != 0 || (m_oBlockInfo != nullptr && m_oBlockInfo->m_bAttribute);
+}
+
 // ---- stored attribute bytes -----------------------------------------------------------------------------
 
 uint8_t KXBlockDataProc::getFieldAttrFromInfo(const FieldInfo* info, int32_t index) const noexcept {
-  if (info == nullptr || !m_pBlockData || index < 0 || index >= m_nValidCount) return 0;
+  if (info == nullptr || !m_buffer.data() || index < 0 || index >= m_buffer.validCount()) return 0;
   try {
     if (!carriesAttr(*info)) return 0;
     const uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
@@ -34,11 +38,14 @@ uint8_t KXBlockDataProc::getFieldAttrFromInfo(const FieldInfo* info, int32_t ind
 }
 
 void KXBlockDataProc::setFieldAttrFromInfo(const FieldInfo* info, int32_t index, uint8_t value) noexcept {
-  if (info == nullptr || index < 0 || index >= m_nValidCount) return;
+  if (info == nullptr || index < 0 || index >= m_buffer.validCount()) return;
   // Without an attribute byte the position would be the next field's first byte: leave it alone.
   if (!carriesAttr(*info)) return;
-  uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
-  if (attr != nullptr) *attr = value;
+  try {
+    uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
+    if (attr != nullptr) *attr = value;
+  } catch (...) {
+  }
 }
 
 void KXBlockDataProc::setFieldAttrFromName(std::string_view name, int32_t index, uint8_t value) noexcept {
@@ -48,10 +55,13 @@ void KXBlockDataProc::setFieldAttrFromName(std::string_view name, int32_t index,
 void KXBlockDataProc::setFieldAttrHexa(const FieldInfo* info, int32_t index,
                                        std::optional<std::string_view> attrHex) noexcept {
   // Any laid-out record, valid or not.
-  if (info == nullptr || index < 0 || index >= m_nBufCount) return;
+  if (info == nullptr || index < 0 || index >= m_buffer.bufCount()) return;
   if (!carriesAttr(*info)) return;
-  uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
-  if (attr != nullptr) *attr = attrFromText(attrHex);
+  try {
+    uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
+    if (attr != nullptr) *attr = attrFromText(attrHex);
+  } catch (...) {
+  }
 }
 
 // ---- derived attributes ---------------------------------------------------------------------------------
@@ -75,7 +85,7 @@ uint8_t KXBlockDataProc::getAttrValueFromData(char byte) noexcept {
 
 bool KXBlockDataProc::getFieldAttrFromInfo(const FieldInfo* info, int32_t index,
                                            FieldData& data) const noexcept {
-  if (info == nullptr || !m_pBlockData || index < 0 || index >= m_nValidCount) return false;
+  if (info == nullptr || !m_buffer.data() || index < 0 || index >= m_buffer.validCount()) return false;
   data.setData(getFieldDataFromInfo(info, index));
   try {
     const FieldInfo* source = info->isUseAttr() && m_oBlockInfo != nullptr

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
 
@@ -25,7 +26,8 @@ void KXBlockDataProc::setFieldDataDynamicLen(const FieldInfo* info, int32_t nInd
     record.emplace(key, std::string(*sValue));
     m_arrDynamicInput.push_back(std::move(record));
     // index + 1, held at the 32-bit limit for the largest index.
-    if (nIndex >= 0) m_nValidCount = std::max(m_nValidCount, nIndex < INT32_MAX ? nIndex + 1 : nIndex);
+    if (nIndex >= 0)
+      m_buffer.setValidCount(std::max(m_buffer.validCount(), nIndex < INT32_MAX ? nIndex + 1 : nIndex));
   } catch (...) {
   }
 }
@@ -43,7 +45,7 @@ std::string KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo* info, int32
 
 bool KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex,
                                              FieldData& data) const noexcept {
-  if (info == nullptr || !m_pBlockData || nIndex < 0 || nIndex >= m_nValidCount) return false;
+  if (info == nullptr || !m_buffer.data() || nIndex < 0 || nIndex >= m_buffer.validCount()) return false;
   data.setData(getFieldDataDynamicLen(info, nIndex));
   data.setAttr(getFieldAttrFromInfo(info, nIndex));
   return true;
@@ -54,17 +56,15 @@ int64_t KXBlockDataProc::getDynamicInputCnt() const noexcept {
 }
 
 void KXBlockDataProc::initDynamicRealBufferIndex() noexcept {
-  m_nStartIndex = 0;
-  m_nValidCount = 0;
+  m_buffer.setStartIndex(0);
+  m_buffer.setValidCount(0);
 }
 
 // ---- dynamic receives -----------------------------------------------------------------------------------
 
 bool KXBlockDataProc::setDataDynamic(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
-  if (recvData == nullptr || recvSize <= 0) {
-    m_nValidCount = 0;
-    return true;
-  }
+  m_buffer.setValidCount(0);
+  if (recvData == nullptr || recvSize <= 0) return true;
   const int64_t r = recordSize();
   int64_t records = r > 0 ? recvSize / r : 0;
   int64_t size = records * r;
@@ -73,47 +73,50 @@ bool KXBlockDataProc::setDataDynamic(const void* recvData, int32_t startPos, int
     records = 1;
     size = recvSize;
   }
-  const bool replace =
-      !m_pBlockData || m_nBufCount < records || size > m_nBlockDataLen || span(0, size) == nullptr;
-  if (replace) {
-    auto area = newSpaces(size);
-    if (!area) {
-      m_nValidCount = 0;
-      return true;
+  try {
+    std::string aside;
+    const uint8_t* from = receivedBytes(recvData, startPos, size, aside);
+    const bool replace = !m_buffer.data() || m_buffer.bufCount() < records || size > m_buffer.dataLen() ||
+                         span(0, size) == nullptr;
+    if (replace) {
+      // The old area goes without a wipe: the dynamic input list and the counts stay.
+      if (!m_buffer.replace(size)) return true;
+      m_buffer.setDataLen(size);
+      m_buffer.setBufCount(static_cast<int32_t>(records));
     }
-    // The old area goes without a wipe: the dynamic input list and the counts stay.
-    installBuffer(std::move(area), static_cast<int32_t>(size));
-    m_nBlockDataLen = size;
-    m_nBufCount = static_cast<int32_t>(records);
+    // size never exceeds the received size: a remainder after whole records is dropped.
+    std::memcpy(span(0, size), from, static_cast<size_t>(size));
+    m_buffer.setValidCount(static_cast<int32_t>(records));
+  } catch (...) {
+    m_buffer.setValidCount(0);
   }
-  // size never exceeds the received size: a remainder after whole records is dropped.
-  std::memcpy(span(0, size), static_cast<const uint8_t*>(recvData) + startPos, static_cast<size_t>(size));
-  m_nValidCount = static_cast<int32_t>(records);
   return true;
 }
 
 bool KXBlockDataProc::resetDataDynamic(const void* data, int32_t nRecvSize) noexcept {
+  m_buffer.setValidCount(0);
   if (data == nullptr || nRecvSize <= 0) {
-    m_nValidCount = 0;
-    m_nBlockDataLen = 0;
+    m_buffer.setDataLen(0);
     return true;
   }
-  // Another operation may have put a different area in place since the last dynamic receive: reuse only
-  // what both the block data length and the area itself cover.
-  m_nBlockDataLen = std::clamp<int64_t>(m_nBlockDataLen, 0, m_pBlockData ? m_nBlockBuffSize : 0);
-  if (m_nBlockDataLen >= nRecvSize) {
-    std::memset(span(0, m_nBlockDataLen), ' ', static_cast<size_t>(m_nBlockDataLen));
-  } else {
-    auto area = newSpaces(nRecvSize);
-    if (!area) {
-      m_nValidCount = 0;
-      return true;
+  try {
+    std::string aside;
+    const uint8_t* from = receivedBytes(data, 0, nRecvSize, aside);
+    // Another operation may have put a different area in place since the last dynamic receive: reuse only
+    // what both the block data length and the area itself cover (the buffer keeps the one inside the other).
+    const int64_t reusable = m_buffer.dataLen();
+    if (reusable >= nRecvSize) {
+      std::memset(span(0, reusable), ' ', static_cast<size_t>(reusable));
+    } else {
+      if (!m_buffer.replace(nRecvSize)) return true;  // the old area goes without a wipe
+      m_buffer.setDataLen(nRecvSize);
     }
-    installBuffer(std::move(area), nRecvSize);  // the old area goes without a wipe
-    m_nBlockDataLen = nRecvSize;
+    std::memcpy(span(0, nRecvSize), from, static_cast<size_t>(nRecvSize));
+    m_buffer.setBufCount(1);
+    m_buffer.setValidCount(1);
+  } catch (...) {
+    m_buffer.setValidCount(0);
   }
-  std::memcpy(span(0, nRecvSize), data, static_cast<size_t>(nRecvSize));
-  m_nBufCount = m_nValidCount = 1;
   return true;
 }
 

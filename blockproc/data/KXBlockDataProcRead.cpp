@@ -135,22 +135,32 @@ bool appendJoinedText(std::string& out, std::string_view joined, uint32_t encodi
 
 }  // namespace
 
+bool KXBlockDataProc::isWebSocketJsonMode() const noexcept {
+  try {
+    if (m_pParentDP == nullptr) return false;
+    const TranInfo* tran = m_pParentDP->getTranInfo();
+    return tran != nullptr && (tran->m_strDataMode == ".WSKJson" || tran->m_strDataMode == ".WSKJsonFeed");
+  } catch (...) {
+    return false;
+  }
+}
+
 // ---- one field of one record ----------------------------------------------------------------------------
 
 std::string KXBlockDataProc::readField(const FieldInfo* info, int32_t index, bool jsonMode) const noexcept {
   std::string out;
-  if (info == nullptr || !m_pBlockData || index < 0 || index >= m_nValidCount) return out;
+  if (info == nullptr || !m_buffer.data() || index < 0 || index >= m_buffer.validCount()) return out;
   const int32_t length = info->nLength;
   const int32_t type = info->nDataType;
   if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
-  const int64_t offset = recordOffset(index, info->nDataPos);
-  const uint8_t* field = span(offset, length);
-  if (field == nullptr) return out;
   try {
+    const int64_t offset = recordOffset(index, info->nDataPos);
+    const uint8_t* field = span(offset, length);
+    if (field == nullptr) return out;
     bool shown;
     if (isBinaryType(type)) {
       // Type 5 always takes 8 bytes from the field's start, as many as the buffer holds.
-      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, m_nBlockBuffSize - offset)
+      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, m_buffer.size() - offset)
                                                 : std::min<int64_t>(length, binaryWidth(type));
       shown = appendBinary(out, type, info->nDecimalLen, RawValue(asText(field, take)), 0);
     } else {
@@ -195,23 +205,23 @@ std::string KXBlockDataProc::getFieldDataFromNameEX(std::string_view name, int32
 
 std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) const noexcept {
   std::string out;
-  if (info == nullptr || !m_pBlockData || m_nValidCount <= 0) return out;
+  if (info == nullptr || !m_buffer.data() || m_buffer.validCount() <= 0) return out;
   const int64_t length = info->nLength;
   const int32_t type = info->nDataType;
   if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
   // The records lie at offsets linear in their index: when the first and the last valid record hold the
   // field inside the buffer, every record between them does too.
-  const int64_t first = recordOffset(0, info->nDataPos);
-  const int64_t stride = recordOffset(1, info->nDataPos) - first;
-  const int64_t last = m_nValidCount - 1;
-  if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
-  // Joined text longer than the whole buffer means the field overlaps the next record (or records have no
-  // size at all), and the same bytes would be repeated, up to billions of times: refused.
-  if (!isBinaryType(type) && m_nValidCount > m_nBlockBuffSize / length) [[unlikely]]
-    return out;
   try {
+    const int64_t first = recordOffset(0, info->nDataPos);
+    const int64_t stride = recordOffset(1, info->nDataPos) - first;
+    const int64_t last = m_buffer.validCount() - 1;
+    if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
+    // Joined text longer than the whole buffer means the field overlaps the next record (or records have
+    // no size at all), and the same bytes would be repeated, up to billions of times: refused.
+    if (!isBinaryType(type) && m_buffer.validCount() > m_buffer.size() / length) [[unlikely]]
+      return out;
     // Binary types need only the first value's bytes of the joined run; text needs all of it.
-    const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * m_nValidCount;
+    const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * m_buffer.validCount();
     std::string joined;
     joined.reserve(static_cast<size_t>(wanted));
     for (int64_t i = 0; i <= last && static_cast<int64_t>(joined.size()) < wanted; ++i) {

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
@@ -29,36 +28,22 @@ RecordSplit splitRecords(int32_t size, int32_t recordLen) noexcept {
   return {records, std::min<int64_t>(int64_t{records} * recordLen, size)};
 }
 
-// The received bytes to copy from. When they lie inside the record buffer itself (a caller handing a block
-// its own bytes) they are copied aside first, since the receive may replace or overwrite that buffer.
-const uint8_t* receivedBytes(const void* recvData, int32_t startPos, int64_t length, const uint8_t* buffer,
-                             int64_t bufferSize, std::string& aside) {
-  const auto* from = static_cast<const uint8_t*>(recvData) + startPos;
-  const std::less<const uint8_t*> before;
-  const bool overlaps =
-      buffer != nullptr && before(from, buffer + bufferSize) && before(buffer, from + length);
-  if (!overlaps) return from;
-  aside.assign(reinterpret_cast<const char*>(from), static_cast<size_t>(length));
-  return reinterpret_cast<const uint8_t*>(aside.data());
-}
-
 }  // namespace
 
 template <typename Copy>
 void KXBlockDataProc::receiveRecords(const void* recvData, int32_t startPos, int32_t recvSize,
                                      Copy copy) noexcept {
-  m_nValidCount = 0;
+  m_buffer.setValidCount(0);
   const int32_t r = recordSize();
   if (recvData == nullptr || recvSize <= 0 || r <= 0) return;
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
-    const uint8_t* from =
-        receivedBytes(recvData, startPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
-    if (!holdsRecords(split.records) && !replaceWithSpaces(split.records, r)) return;
-    if (copy(from, split.records, split.copied, r)) m_nValidCount = split.records;
+    const uint8_t* from = receivedBytes(recvData, startPos, split.copied, aside);
+    if (!m_buffer.holds(split.records, r) && !replaceWithSpaces(split.records, r)) return;
+    if (copy(from, split.records, split.copied, r)) m_buffer.setValidCount(split.records);
   } catch (...) {
-    m_nValidCount = 0;
+    m_buffer.setValidCount(0);
   }
 }
 
@@ -91,28 +76,33 @@ bool KXBlockDataProc::setDataReverse(const void* recvData, int32_t startPos, int
 }
 
 bool KXBlockDataProc::insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept {
+  if (recvSize == 0) {
+    m_buffer.setValidCount(0);  // as every receive: an empty one hides the records and keeps everything else
+    return true;
+  }
   const int32_t r = recordSize();
-  if (recvData == nullptr || recvSize <= 0 || r <= 0) return false;
+  if (recvData == nullptr || recvSize < 0 || r <= 0) return false;
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
-    const uint8_t* from =
-        receivedBytes(recvData, starPos, split.copied, m_pBlockData.get(), m_nBlockBuffSize, aside);
-    if (!m_pBlockData) {
-      // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
-      // leaves it; a refused insert keeps the new buffer.
+    const uint8_t* from = receivedBytes(recvData, starPos, split.copied, aside);
+    // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
+    // leaves it, and takes the record whatever valid count it held; a refused insert keeps the new buffer.
+    const bool made = m_buffer.data() == nullptr;
+    if (made) {
       if (!replaceWithSpaces(kRealBufferRecords, r)) return false;
-      m_nStartIndex = kRealBufferRecords;
+      m_buffer.setStartIndex(kRealBufferRecords);
     }
     // No record is free before the first valid one: refused rather than writing before the buffer.
-    if (m_nStartIndex <= 0) return false;
-    const int32_t start = m_nStartIndex - 1;
-    if (int64_t{m_nBufCount} < int64_t{start} + m_nValidCount + split.records) return false;
+    if (m_buffer.startIndex() <= 0) return false;
+    const int32_t start = m_buffer.startIndex() - 1;
+    const int64_t held = m_buffer.validCount();
+    if (!made && int64_t{m_buffer.bufCount()} < start + held + split.records) return false;
     uint8_t* to = span(int64_t{start} * r, split.copied);
     if (to == nullptr) return false;
     std::memcpy(to, from, static_cast<size_t>(split.copied));
-    m_nStartIndex = start;
-    m_nValidCount += split.records;
+    m_buffer.setStartIndex(start);
+    m_buffer.setValidCount(static_cast<int32_t>(std::min<int64_t>(held + split.records, INT32_MAX)));
   } catch (...) {
     return false;
   }

@@ -1,9 +1,12 @@
 // Writing caller values into fields: the main writer, the positional writer and the raw-text writer.
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstring>
 #include <string>
 
+#include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/util/NumberFormat.h"
@@ -16,12 +19,17 @@ namespace {
 
 constexpr uint8_t kSpace = 0x20;
 
-// The encoded bytes of the value being written: one string per thread, reused, so that a write allocates
-// only for a value longer than the ones before it. An unusually long value's storage is let go afterwards.
+// The encoded bytes of the value being written. A write's descriptor calls may write into other
+// processors, or this one, on the same thread: each write in progress on a thread takes its own string,
+// one level deeper than the write it runs inside, so no nested write can change its bytes. The strings
+// are kept and reused, so that a write allocates only for a value longer than the ones before it (an
+// unusually long value's storage is let go afterwards); writes nested deeper than the kept levels use a
+// string of their own.
 class ScratchBytes {
  public:
-  ScratchBytes() noexcept : bytes_(storage()) {}
+  ScratchBytes() noexcept : bytes_(depth() < kLevels ? levels()[depth()] : own_) { ++depth(); }
   ~ScratchBytes() {
+    --depth();
     if (bytes_.capacity() > kKeep) std::string().swap(bytes_);
   }
   ScratchBytes(const ScratchBytes&) = delete;
@@ -30,10 +38,16 @@ class ScratchBytes {
 
  private:
   static constexpr size_t kKeep = 4096;
-  static std::string& storage() noexcept {
-    thread_local std::string bytes;
-    return bytes;
+  static constexpr size_t kLevels = 4;
+  static std::array<std::string, kLevels>& levels() noexcept {
+    thread_local std::array<std::string, kLevels> strings;
+    return strings;
   }
+  static size_t& depth() noexcept {
+    thread_local size_t writesInProgress = 0;
+    return writesInProgress;
+  }
+  std::string own_;
   std::string& bytes_;
 };
 
@@ -43,6 +57,75 @@ int32_t positionAfter(int32_t nPos, int32_t length) noexcept {
 }
 
 }  // namespace
+
+// ---- helpers -------------------------------------------------------------------------------------------
+
+bool KXBlockDataProc::growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept {
+  if (index < 0) return false;
+  const bool had = m_buffer.data() != nullptr;
+  if (!m_buffer.grow(int64_t{index} + 1, stride, recordSize())) return false;
+  // The old buffer's wipe leaves, of all it does, an empty dynamic input list and a valid count of 0; the
+  // raw-text writer's length wipe does so even without an old buffer.
+  if (wipe == GrowWipe::WipeLengthThenWipe || (wipe == GrowWipe::Wipe && had)) {
+    m_buffer.setValidCount(0);
+    m_arrDynamicInput.clear();
+  }
+  return true;
+}
+
+bool KXBlockDataProc::encodeValue(std::string_view value, std::string& bytes) const noexcept {
+  bytes.clear();
+  return codec::encodeAppend(m_nEncodingType, value, bytes);
+}
+
+void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view value) noexcept {
+  try {
+    KeyEncDict* dict = m_oBlockInfo != nullptr ? m_oBlockInfo->getKeyEncValue(info.szFieldName) : nullptr;
+    if (dict == nullptr) return;
+    // The length in UTF-16 code units, narrowed to 32 bits; text that is not UTF-8 counts its bytes.
+    const int64_t units =
+        utf8::isValid(value) ? utf8::utf16Length(value) : static_cast<int64_t>(value.size());
+    std::string size;
+    num::appendZeroPadded(size, static_cast<int32_t>(units), 4);
+    (*dict)["size"] = std::move(size);
+    (*dict)["data"] = std::string(value);
+  } catch (...) {
+  }
+}
+
+bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataType,
+                                  std::string_view value) noexcept {
+  uint8_t bytes[8];
+  size_t width;
+  switch (dataType) {
+    case kFieldInt16: {
+      // Read as 32 bits, stored as its low 16 bits (two's complement).
+      const auto v = static_cast<uint16_t>(static_cast<uint32_t>(num::parseInt32(value)));
+      std::memcpy(bytes, &v, width = 2);
+      break;
+    }
+    case kFieldInt64: {
+      const int64_t v = num::parseInt64(value);
+      std::memcpy(bytes, &v, width = 8);
+      break;
+    }
+    case kFieldFloat: {
+      const float v = num::narrowToFloat(num::parseLeadingDouble(value));
+      std::memcpy(bytes, &v, width = 4);
+      break;
+    }
+    case kFieldDouble: {
+      const double v = num::parseLeadingDouble(value);
+      std::memcpy(bytes, &v, width = 8);
+      break;
+    }
+    default:
+      return false;
+  }
+  static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
+  if (length > 0) std::memcpy(field, bytes, std::min(width, static_cast<size_t>(length)));
+  return true;
+}
 
 // ---- main writer ----------------------------------------------------------------------------------------
 
@@ -57,12 +140,13 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
   try {
     const int32_t r = recordSize();
     if (r <= 0) return false;
-    if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::None)) return false;
+    if (index >= m_buffer.bufCount() && !growRecords(index, r, GrowWipe::None)) return false;
     const int32_t length = std::max(info->nLength, 0);
-    uint8_t* field = span(recordOffset(index, info->nDataPos), length);
+    const int64_t offset = recordOffset(index, info->nDataPos);
+    uint8_t* field = span(offset, length);
     if (field == nullptr) return false;  // the record lies past the buffer (a start index beyond it)
     std::memset(field, kSpace, static_cast<size_t>(length));
-    m_nValidCount = std::max(m_nValidCount, index + 1);
+    m_buffer.setValidCount(std::max(m_buffer.validCount(), index + 1));
     if (!value) return false;
     ScratchBytes scratch;
     std::string& bytes = scratch.get();
@@ -71,6 +155,9 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
       routeKeyEncrypted(*info, *value);
       return false;
     }
+    // The descriptor's call may have written into this processor and replaced its buffer.
+    field = span(offset, length);
+    if (field == nullptr) return false;
     switch (info->nDataType) {
       case kFieldText:
         std::memcpy(field, bytes.data(), std::min(bytes.size(), static_cast<size_t>(length)));
@@ -105,9 +192,9 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
   if (info == nullptr) return 0;
   const int32_t length = info->nLength;
   const int32_t next = positionAfter(nPos, length);
-  if (index < 0) return next;
   try {
-    if (index >= m_nBufCount) {
+    // Growth looks at the record index alone; a negative one is below every count and grows nothing.
+    if (index >= 0 && index >= m_buffer.bufCount()) {
       const int32_t stride = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordFieldSize() : 0;
       if (!growRecords(index, stride, GrowWipe::Wipe)) return next;
     }
@@ -150,12 +237,12 @@ bool KXBlockDataProc::setFieldDataFromInfoEX(const FieldInfo* info, int32_t inde
   try {
     const int32_t r = recordSize();
     if (r <= 0) return false;
-    if (index >= m_nBufCount && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
+    if (index >= m_buffer.bufCount() && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
     const int32_t length = std::max(info->nLength, 0);
     uint8_t* field = span(recordOffset(index, info->nDataPos), length);
     if (field == nullptr) return false;
     std::memset(field, kSpace, static_cast<size_t>(length));
-    m_nValidCount = index + 1;
+    m_buffer.setValidCount(index + 1);
     if (value == nullptr || info->nDataType != kFieldText) return false;
     std::memcpy(field, value, strnlen(value, static_cast<size_t>(length)));
   } catch (...) {

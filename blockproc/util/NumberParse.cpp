@@ -1,5 +1,6 @@
 #include "blockproc/util/NumberParse.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -27,25 +28,51 @@ size_t skipSpaceAndSign(std::string_view text, bool& negative) noexcept {
   return i;
 }
 
+// The integer written by the digits in `base` at the start of `text` (no sign, no space), negated when
+// `negative`, clamped to [min, max]; no digits give 0 (or the limit nearer 0, if 0 lies outside).
+struct Digits {
+  int64_t value;
+  size_t length;  // digits read
+  bool clamped;   // the value lay outside [min, max]
+};
+Digits clampedDigits(std::string_view text, bool negative, int base, int64_t min, int64_t max) noexcept {
+  // The magnitude as unsigned 64 bits, so that -2^63 is read whole; from_chars reports any longer run
+  // of digits as out of range, having consumed all of them.
+  uint64_t magnitude = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+  if (ec == std::errc::invalid_argument) return {std::clamp<int64_t>(0, min, max), 0, min > 0 || max < 0};
+  const auto length = static_cast<size_t>(end - text.data());
+  constexpr uint64_t kNegativeLimit = uint64_t{1} << 63;  // the magnitude of INT64_MIN
+  int64_t value;
+  if (negative) {
+    if (ec == std::errc::result_out_of_range || magnitude > kNegativeLimit) return {min, length, true};
+    value = static_cast<int64_t>(0 - magnitude);  // modular: 2^63 becomes INT64_MIN exactly
+  } else {
+    if (ec == std::errc::result_out_of_range || magnitude >= kNegativeLimit) return {max, length, true};
+    value = static_cast<int64_t>(magnitude);
+  }
+  if (value < min) return {min, length, true};
+  if (value > max) return {max, length, true};
+  return {value, length, false};
+}
+
 }  // namespace
 
 int64_t parseLeadingInt(std::string_view text, int64_t min, int64_t max) noexcept {
   bool negative;
-  size_t i = skipSpaceAndSign(text, negative);
-  // Accumulate the magnitude as unsigned and stop growing once it passes every 64-bit value.
-  constexpr uint64_t kLimit = uint64_t{1} << 63;
-  uint64_t magnitude = 0;
-  for (; i < text.size() && isDigit(text[i]); ++i) {
-    if (magnitude <= kLimit) magnitude = magnitude * 10 + static_cast<uint64_t>(text[i] - '0');
+  const size_t i = skipSpaceAndSign(text, negative);
+  return clampedDigits(text.substr(i), negative, 10, min, max).value;
+}
+
+WholeInt parseWholeInt(std::string_view text, int64_t min, int64_t max, int base) noexcept {
+  bool negative = false;
+  if (!text.empty() && (text[0] == '+' || text[0] == '-')) {
+    negative = text[0] == '-';
+    text.remove_prefix(1);
   }
-  if (negative) {
-    if (magnitude >= kLimit) return min;
-    const int64_t value = -static_cast<int64_t>(magnitude);
-    return value < min ? min : value;
-  }
-  if (magnitude >= kLimit) return max;
-  const auto value = static_cast<int64_t>(magnitude);
-  return value > max ? max : value;
+  const Digits d = clampedDigits(text, negative, base, min, max);
+  if (d.length == 0 || d.length != text.size()) return {};
+  return {true, d.clamped, d.value};
 }
 
 int32_t parseInt32(std::string_view text) noexcept {

@@ -1,6 +1,7 @@
 #pragma once
-// Reading the leading number of a text, the way the C library's strtol / strtod / "%x" read it, without
-// needing a terminating zero and without allocating.
+// Reading numbers from text: the one integer parser of the project (built on std::from_chars, clamping
+// to the range asked for), the leading number of a text the way the C library's strtol / strtod / "%x"
+// read it, without needing a terminating zero and without allocating.
 
 #include <cstdint>
 #include <string_view>
@@ -10,6 +11,18 @@ namespace blockproc::num {
 // Leading white space, an optional sign, then decimal digits up to the first other character; no digits
 // give 0; a value outside [min, max] gives the nearer limit.
 int64_t parseLeadingInt(std::string_view text, int64_t min, int64_t max) noexcept;
+
+// What parseWholeInt found.
+struct WholeInt {
+  bool isNumber = false;  // the text was a sign and digits and nothing else
+  bool clamped = false;   // its value lay outside [min, max]: value holds the nearer limit
+  int64_t value = 0;
+};
+
+// The whole text as an integer in `base` (2 to 36; 10 or 16 in practice): an optional '+' or '-', then one
+// or more digits and nothing else (no white space, no "0x"); isNumber false for any other text. A value
+// outside [min, max] gives the nearer limit and sets clamped, so a caller can refuse it.
+WholeInt parseWholeInt(std::string_view text, int64_t min, int64_t max, int base = 10) noexcept;
 
 // parseLeadingInt clamped to the 32-bit signed range.
 int32_t parseInt32(std::string_view text) noexcept;
