@@ -102,15 +102,6 @@ Converter* converter(uint32_t encoding, bool toUtf8) noexcept {
   return nullptr;
 }
 
-bool appendBytes(std::string& out, std::string_view bytes) noexcept {
-  try {
-    out.append(bytes);
-    return true;
-  } catch (...) {
-    return false;
-  }
-}
-
 // Code page 949 decoding by table. The C library's converter stays the one source of the mapping: the row of
 // a lead byte (the character of every byte pair it starts) is converted once per process, when the lead byte
 // is first met, and a pair the converter refuses is refused here too. A row the table cannot hold (the lead
@@ -122,38 +113,16 @@ class Cp949Table {
 
   // Appends the UTF-8 form of bytes; Invalid or AskConverter leave out unchanged.
   static Result decodeAppend(std::string_view bytes, std::string& out) noexcept {
-    // A field's text decodes on the stack and is appended once: growing `out` first (zero-filled) and
-    // shrinking it after cost 6 ns of the 20 ns a 40-byte Hangul name took.
-    constexpr size_t kStackBytes = 256;
-    if (bytes.size() <= kStackBytes) {
-      std::array<char, kStackBytes * 3 / 2 + 4> buf;
-      const auto [result, used] = decodeInto(bytes, buf.data());
-      if (result == Result::Decoded && !appendBytes(out, {buf.data(), used})) return Result::AskConverter;
-      return result;
-    }
     const size_t oldSize = out.size();
     try {
+      // ASCII stays one byte and a pair becomes at most three; four are written for every pair.
       out.resize(oldSize + bytes.size() * 3 / 2 + 4);
     } catch (...) {
       return Result::AskConverter;
     }
-    const auto [result, used] = decodeInto(bytes, out.data() + oldSize);
-    out.resize(result == Result::Decoded ? oldSize + used : oldSize);
-    return result;
-  }
-
- private:
-  struct Decoded {
-    Result result;
-    size_t used;  // bytes written when Decoded
-  };
-
-  // Writes the UTF-8 form of bytes at dst, which holds bytes.size() * 3 / 2 + 4: ASCII stays one byte and a
-  // pair becomes at most three; four are written for every pair.
-  static Decoded decodeInto(std::string_view bytes, char* const start) noexcept {
     const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
     const size_t n = bytes.size();
-    char* dst = start;
+    char* dst = out.data() + oldSize;
     Result result = Result::Decoded;
     for (size_t i = 0; i < n;) {
       if (s[i] < 0x80) {
@@ -174,9 +143,11 @@ class Cp949Table {
       dst += entry >> 24;
       i += 2;
     }
-    return {result, static_cast<size_t>(dst - start)};
+    out.resize(result == Result::Decoded ? static_cast<size_t>(dst - out.data()) : oldSize);
+    return result;
   }
 
+ private:
   struct Row {
     bool usable = true;
     // By trail byte: the UTF-8 bytes in the low three bytes, their count in the high byte; 0: no character.
@@ -229,6 +200,15 @@ class Cp949Table {
     return row;
   }
 };
+
+bool appendBytes(std::string& out, std::string_view bytes) noexcept {
+  try {
+    out.append(bytes);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
 
 }  // namespace
 

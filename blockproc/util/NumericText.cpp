@@ -23,17 +23,7 @@ void appendPart(std::string& out, std::string_view text, size_t from, size_t wid
 }
 
 // Whether every byte is ASCII other than NUL, so that it stands for itself in UTF-8 and ends no part early.
-//
-// Eight bytes at a time first ((w - 0x01..) & ~w & 0x80.. is non-zero exactly when a byte of w is 0): the
-// byte loop was a third of the 10-byte price field's read.
 bool isPlainAscii(std::string_view text) noexcept {
-  constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
-  while (text.size() >= 8) {
-    uint64_t w;
-    std::memcpy(&w, text.data(), 8);
-    if ((w & kHighs) != 0 || ((w - kOnes) & ~w & kHighs) != 0) return false;
-    text.remove_prefix(8);
-  }
   unsigned char any = 0, nul = 0;
   for (const char ch : text) {
     const auto c = static_cast<unsigned char>(ch);
