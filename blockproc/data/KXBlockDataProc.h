@@ -198,8 +198,9 @@ class KXBlockDataProc {
   // 8 bytes from the field's start, fewer (zero-extended) where the buffer ends first.
   std::string getFieldDataFromInfo(const FieldInfo* info, int32_t index) const noexcept;
   // Appends to `out` exactly the bytes getFieldDataFromInfo returns and gives true; false, with `out` left as
-  // it was, where that read fails (the cases above, or memory running out). Allocates nothing once `out` has
-  // the capacity: the way to read many fields into one buffer.
+  // it was, where that read fails (the cases above, or memory running out). Once `out` has the capacity and
+  // the text encoding has been used once, it allocates nothing (but for a float or double shown with more
+  // than 200 places): the way to read many fields into one buffer.
   bool appendFieldDataFromInfo(const FieldInfo* info, int32_t index, std::string& out) const noexcept;
   // getFieldDataFromInfo for the field at that position in block order ("" outside the block).
   std::string getFieldDataFromIndex(int32_t fieldPosition, int32_t index) const noexcept;
