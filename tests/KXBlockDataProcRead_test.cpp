@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <string>
 
@@ -125,6 +126,69 @@ TEST(KXBlockDataProcRead, BinaryTypes) {
   KXBlockDataProc proc(&block);
   proc.setData(d125.data(), 0, 8);
   EXPECT_EQ(proc.getFieldDataFromInfo(&head, 0), "125.0");
+}
+
+TEST(KXBlockDataProcRead, DoublesPrintExactlyAsPrintfRounds) {
+  auto readDouble = [](double value, int32_t places) {
+    std::string bytes(8, '\0');
+    std::memcpy(bytes.data(), &value, 8);
+    return readOne(kFieldDouble, places, bytes);
+  };
+  // The exact binary value rounds half to even: 0.125 is a tie, 2.675 lies below its decimal form.
+  EXPECT_EQ(readDouble(0.125, 2), "0.12");
+  EXPECT_EQ(readDouble(0.375, 2), "0.38");
+  EXPECT_EQ(readDouble(2.675, 2), "2.67");
+  EXPECT_EQ(readDouble(0.005, 2), "0.01");
+  EXPECT_EQ(readDouble(2.5, 0), "2");
+  EXPECT_EQ(readDouble(3.5, 0), "4");
+  EXPECT_EQ(readDouble(-0.001, 2), "-0.00");
+  EXPECT_EQ(readDouble(-0.0, 1), "-0.0");
+  EXPECT_EQ(readDouble(0.0, 3), "0.000");
+  EXPECT_EQ(readDouble(0.05, 3), "0.050");
+  EXPECT_EQ(readDouble(1e-300, 2), "0.00");
+  EXPECT_EQ(readDouble(5e-324, 1), "0.0");
+  EXPECT_EQ(readDouble(0.1, 20), "0.10000000000000000555");
+  EXPECT_EQ(readDouble(123456789012.345678, 4), "123456789012.3457");
+  EXPECT_EQ(readDouble(1e22, 1), "10000000000000000000000.0");
+  EXPECT_EQ(readDouble(18446744073709.551615, 6), "18446744073709.550781");
+}
+
+// The appending read gives the bytes of getFieldDataFromInfo after what the caller holds, and on failure
+// leaves the caller's string as it was.
+TEST(KXBlockDataProcRead, AppendingReadAddsExactlyTheRead) {
+  struct Case {
+    int32_t type, places;
+    std::string bytes;
+    int32_t index;
+    bool read;
+  } cases[] = {
+      {kFieldText, 0, "AB  ", 0, true},
+      {kFieldText, 0, kHangulCp949 + kIdeoSpace + "  ", 0, true},  // trimmed: the caller's bytes stay
+      {kFieldText, 0, "    ", 0, true},                            // blank: true, nothing appended
+      {kFieldText, 0, "AB\xB0  ", 0, false},                       // undecodable
+      {kFieldNumText, 2, "-0012345", 0, true},
+      {kFieldNumText, 2, " 12.5", 0, true},
+      {kFieldInt16, 0, bytesOf({0xFF, 0x7F}), 0, true},
+      {kFieldInt64, 0, bytesOf({0, 0, 0, 0, 0, 0, 0, 0x80}), 0, true},
+      {kFieldFloat, 2, bytesOf({0x00, 0x00, 0xFA, 0x42}), 0, true},
+      {kFieldDouble, 2, bytesOf({0x6E, 0x86, 0x1B, 0xF0, 0xF9, 0x21, 0x09, 0x40}), 0, true},
+      {kFieldDouble, 1101, bytesOf({0, 0, 0, 0, 0, 0x40, 0x5F, 0x40}), 0, false},
+      {kFieldSInt64, 0, bytesOf({0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}), 0, true},
+      {7, 0, "12345678", 0, false},
+      {kFieldText, 0, "ABCD", 1, false},  // outside the valid records
+      {kFieldText, 0, "ABCD", -1, false},
+  };
+  const std::string prefix = "x \u3000";  // ends as padded text would: nothing of it may be trimmed
+  for (const auto& c : cases) {
+    const OneField one(c.type, static_cast<int32_t>(c.bytes.size()), c.places, c.bytes);
+    std::string out = prefix;
+    EXPECT_EQ(one.proc.appendFieldDataFromInfo(one.field, c.index, out), c.read) << c.bytes;
+    EXPECT_EQ(out, prefix + one.read(c.index)) << c.bytes;
+  }
+  const OneField one(kFieldText, 4, 0, "ABCD");
+  std::string out = prefix;
+  EXPECT_FALSE(one.proc.appendFieldDataFromInfo(nullptr, 0, out));
+  EXPECT_EQ(out, prefix);
 }
 
 TEST(KXBlockDataProcRead, EntryChecksAndBounds) {

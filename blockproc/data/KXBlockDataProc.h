@@ -199,6 +199,11 @@ class KXBlockDataProc {
   // decimal places). Binary types 2, 3, 4 and 6 take min(length, width) bytes, zero-extended; type 5 takes
   // 8 bytes from the field's start, fewer (zero-extended) where the buffer ends first.
   std::string getFieldDataFromInfo(const FieldInfo* info, int32_t index) const noexcept;
+  // Appends to `out` exactly the bytes getFieldDataFromInfo returns and gives true; false, with `out` left as
+  // it was, where that read fails (the cases above, or memory running out). Once `out` has the capacity and
+  // the text encoding has been used once, it allocates nothing (but for a float or double shown with more
+  // than 200 places): the way to read many fields into one buffer.
+  bool appendFieldDataFromInfo(const FieldInfo* info, int32_t index, std::string& out) const noexcept;
   // getFieldDataFromInfo for the field at that position in block order ("" outside the block).
   std::string getFieldDataFromIndex(int32_t fieldPosition, int32_t index) const noexcept;
   // getFieldDataFromInfo for the field of that name ("" for a name not in the block).
@@ -297,8 +302,9 @@ class KXBlockDataProc {
   // -- reading (KXBlockDataProcRead.cpp) --
   // Whether the parent's transaction is in the web-socket JSON data mode.
   bool isWebSocketJsonMode() const noexcept;
-  // The read of getFieldDataFromInfo with the mode given.
-  std::string readField(const FieldInfo* info, int32_t index, bool jsonMode) const noexcept;
+  // The read of getFieldDataFromInfo appended to `out` (left as it was on failure); `askMode` false reads as
+  // getFieldDataFromInfoEX, never in the web-socket JSON data mode.
+  bool appendField(const FieldInfo* info, int32_t index, bool askMode, std::string& out) const noexcept;
 
   // -- writing (KXBlockDataProcWrite.cpp) --
   // How a growing write treats the old buffer before releasing it.
