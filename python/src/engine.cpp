@@ -7,6 +7,7 @@
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/TransactionProc.h"
 #include "columns.h"
 #include "common.h"
@@ -104,41 +105,50 @@ py::list streamColumns(const Definition& def, py::handle streamObject, const std
 
 // ---- values to bytes --------------------------------------------------------------------------------------
 
-std::string valueText(py::handle value, const std::string& where) {
+// "block B, record R, field F", as the engine names a value.
+std::string where(const std::string& block, size_t record, const std::string& field) {
+  std::string text;
+  value::appendWhere(text, block, static_cast<int64_t>(record), field);
+  return text;
+}
+
+std::string valueText(py::handle value, const std::string& at) {
   if (py::isinstance<py::str>(value)) return value.cast<std::string>();
-  if (PyBool_Check(value.ptr()))
-    throw py::type_error(where + ": a bool is not a field value; give '1' or '0'");
+  if (PyBool_Check(value.ptr())) throw py::type_error(at + ": a bool is not a field value; give '1' or '0'");
   if (PyLong_Check(value.ptr())) return py::str(value).cast<std::string>();
   static py::object decimal = py::module_::import("decimal").attr("Decimal");
   if (py::isinstance(value, decimal)) {
     if (!value.attr("is_finite")().cast<bool>())
-      throw py::value_error(where + ": " + py::repr(value).cast<std::string>() + " is not a number");
+      throw py::value_error(at + ": " + py::repr(value).cast<std::string>() + " is not a number");
     return py::str(py::str("{:f}").attr("format")(value)).cast<std::string>();
   }
   if (PyFloat_Check(value.ptr()))
-    throw py::type_error(where + ": a float is not exact; give the value as str or decimal.Decimal");
-  throw py::type_error(where + ": a field value must be str, int, decimal.Decimal or None, not " +
+    throw py::type_error(at + ": a float is not exact; give the value as str or decimal.Decimal");
+  throw py::type_error(at + ": a field value must be str, int, decimal.Decimal or None, not " +
                        py::type::of(value).attr("__name__").cast<std::string>());
 }
 
-RecordValues recordFrom(py::handle record, const std::string& where) {
+RecordValues recordFrom(py::handle record, const std::string& block, size_t index) {
   if (!py::isinstance<py::dict>(record))
-    throw py::type_error(where + " must be a dict of field values, not " +
+    throw py::type_error("block " + block + ", record " + std::to_string(index) +
+                         " must be a dict of field values, not " +
                          py::type::of(record).attr("__name__").cast<std::string>());
   RecordValues values;
   constexpr std::string_view kAttr = "@attr";
   for (auto [key, value] : py::reinterpret_borrow<py::dict>(record)) {
-    if (!py::isinstance<py::str>(key)) throw py::type_error(where + ": field names must be str");
+    if (!py::isinstance<py::str>(key))
+      throw py::type_error("block " + block + ", record " + std::to_string(index) +
+                           ": field names must be str");
     const std::string name = key.cast<std::string>();
-    const std::string at = where + "." + name;
     if (name.size() > kAttr.size() && name.ends_with(kAttr)) {
+      const std::string at = where(block, index, name);
       if (!PyLong_Check(value.ptr()) || PyBool_Check(value.ptr()))
         throw py::type_error(at + " must be an int");
       const long long byte = value.cast<long long>();
       if (byte < 0 || byte > 255) throw py::value_error(at + " must be an attribute byte, 0 to 255");
       values.attrs.emplace_back(name.substr(0, name.size() - kAttr.size()), static_cast<uint8_t>(byte));
     } else if (!value.is_none()) {
-      values.fields.emplace_back(name, valueText(value, at));
+      values.fields.emplace_back(name, valueText(value, where(block, index, name)));
     }
   }
   return values;
@@ -152,38 +162,23 @@ std::vector<BlockValues> valuesFrom(py::handle values) {
     if (!py::isinstance<py::str>(key)) throw py::type_error("block names must be str");
     BlockValues entry{key.cast<std::string>(), {}};
     if (py::isinstance<py::list>(block) || py::isinstance<py::tuple>(block)) {
-      size_t i = 0;
       for (py::handle record : block)
-        entry.records.push_back(recordFrom(record, entry.block + "[" + std::to_string(i++) + "]"));
+        entry.records.push_back(recordFrom(record, entry.block, entry.records.size()));
     } else {
-      entry.records.push_back(recordFrom(block, entry.block));
+      entry.records.push_back(recordFrom(block, entry.block, 0));
     }
     blocks.push_back(std::move(entry));
   }
   return blocks;
 }
 
-// The request (or reply) bytes of the values; a refusal names the block, the field and, for a repeated block,
-// the record: each record of the block is tried alone until one gives the same refusal.
+// The request (or reply) bytes of the values; the engine's refusal names block, record and field.
 py::bytes encode(const Definition& def, py::handle valuesObject, bool reply) {
   const std::vector<BlockValues> values = valuesFrom(valuesObject);
   TransactionProc proc(*def.definition);
-  const auto build = [&](const std::vector<BlockValues>& v) {
-    return reply ? proc.buildReply(v) : proc.buildRequest(v);
-  };
-  const auto built = build(values);
-  if (built.ok) return py::bytes(built.bytes);
-  for (size_t b = 0; b < values.size(); ++b) {
-    if (values[b].records.size() < 2) continue;
-    for (size_t i = 0; i < values[b].records.size(); ++i) {
-      std::vector<BlockValues> alone = values;
-      alone[b].records = {values[b].records[i]};
-      if (build(alone).message == built.message)
-        throw py::value_error("block " + values[b].block + ", record " + std::to_string(i) + ": " +
-                              built.message);
-    }
-  }
-  throw py::value_error(built.message);
+  const auto built = reply ? proc.buildReply(values) : proc.buildRequest(values);
+  if (!built.ok) throw py::value_error(built.message);
+  return py::bytes(built.bytes);
 }
 
 }  // namespace

@@ -97,8 +97,8 @@ def test_encode_builds_requests_and_replies(sample):
 
 
 @pytest.mark.parametrize("values, error, words", [
-    ({"InBlock": {"shcode": "1234567"}}, ValueError, ["InBlock.shcode", "7 bytes"]),
-    ({"InBlock": {"shcode": 1.5}}, TypeError, ["InBlock.shcode", "float"]),
+    ({"InBlock": {"shcode": "1234567"}}, ValueError, ["block InBlock, record 0, field shcode: '1234567' takes 7"]),
+    ({"InBlock": {"shcode": 1.5}}, TypeError, ["block InBlock, record 0, field shcode: a float"]),
     ({"InBlock": {"shcode": True}}, TypeError, ["bool"]),
     ({"InBlock": {"nope": "1"}}, ValueError, ["no field 'nope'"]),
     ({"InBlock": "005930"}, TypeError, ["dict of field values"]),
@@ -114,7 +114,7 @@ def test_encode_refuses_what_does_not_fit(sample, values, error, words):
 def test_encode_names_the_record_of_a_repeated_block(sample):
     definition, reply, _ = sample
     ticks = [{"chetime": "090000", "price": "100"}, {"chetime": "090001", "price": "12x"}]
-    with pytest.raises(ValueError, match=r"block OutBlock1, record 1: OutBlock1.price: '12x' is not a number"):
+    with pytest.raises(ValueError, match=r"^block OutBlock1, record 1, field price: '12x' is not a number$"):
         blockproc.encode(definition, {"OutBlock1": ticks}, reply=True)
 
 
