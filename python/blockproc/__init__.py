@@ -7,18 +7,19 @@ pandas frames:
     definition = blockproc.load_definition("examples/current_price.xml")
     frame = blockproc.to_pandas(definition, open("examples/current_price.reply", "rb").read(), "OutBlock1")
 
-Values are exact. Text fields are str. int16/int64/sint64 fields are integers. A number field, and a float or
-double field, is a scaled integer: the value times 10**decimals, with the scale in frame.attrs["scales"]
-(blockproc.as_decimal gives decimal.Decimal values); a blank number field is <NA>. decode gives the same values
-as Python objects, with decimal.Decimal for scaled ones. Bytes that cannot be read exactly raise ValueError
-naming the block, the record, the field and the byte offset.
+Values are the tool's canonical values (blockproc decode --format json), exactly. Text fields are str.
+int16/int64/sint64 fields are integers. A number field, and a float or double field, is a scaled integer in a
+frame: the value times 10**decimals, with the scale in frame.attrs["scales"] (blockproc.as_decimal gives
+decimal.Decimal values); a blank number field is <NA>. decode gives the same values as Python objects: int,
+decimal.Decimal for a field with decimals, str, None for a blank number. Bytes that have no exact value raise
+ValueError naming the block, the record, the field and the byte offset.
 """
 
 import decimal as _decimal
 import os as _os
 
 from ._blockproc import *  # noqa: F401,F403  (the processor, the descriptors, encode)
-from ._blockproc import Definition, encode, _load, _reply_blocks, _reply_columns, _stream_columns
+from ._blockproc import Definition, encode, _decode, _load, _reply_columns, _stream_columns
 
 _TEXT, _INT16, _INT64, _SCALED, _REAL, _ATTR = range(6)
 
@@ -87,28 +88,12 @@ def realtime_frame(definition, stream, block):
     return _frame(_stream_columns(definition, stream, block, "the stream"), block)
 
 
-def _value(kind, scale, value, absent):
-    if absent:
-        return None
-    if kind in (_SCALED, _REAL) and scale > 0:
-        return _decimal.Decimal(int(value)).scaleb(-scale)
-    if kind == _TEXT:
-        return value
-    return int(value)
-
-
 def decode(definition, reply):
     """The records of every output block of a reply: {block name: [record, ...]}, each record a dict of field
-    name to value (str, int, decimal.Decimal, None for a blank number field)."""
+    name to value: str, int, decimal.Decimal for a field with decimals, None for a blank number field, and an
+    int for each "<field>@attr". The values of `blockproc decode --format json`."""
     _check_definition(definition)
-    blocks = {}
-    for name, columns in _reply_blocks(definition, reply, "the reply"):
-        records = [{} for _ in range(len(columns[0][3]) if columns else 0)]
-        for field, kind, scale, values, mask in columns:
-            for i, record in enumerate(records):
-                record[field] = _value(kind, scale, values[i], mask is not None and mask[i])
-        blocks[name] = records
-    return blocks
+    return _decode(definition, reply, "the reply")
 
 
 def scales(frame):

@@ -1,189 +1,186 @@
-// Column decoding: one pass per field over the records, numbers parsed in place, text decoded once per
-// distinct field value.
+// Decoding block records for Python. Values come from the engine's canonical renderer; the column builders
+// take a few common forms by fast paths that give the same values (each says why it is the same and what it
+// saves) and hand everything else to the engine.
 
 #include "columns.h"
 
 #include <pybind11/numpy.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
-#include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/FieldNameIndex.h"
-#include "blockproc/data/TranInfo.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumericText.h"
+#include "blockproc/engine/FieldValue.h"
 
 namespace blockproc::python {
 
 namespace {
 
-// A value that cannot be given exactly; turned into ValueError with the record and field by the caller.
-struct CellError {
-  std::string why;
-};
-
-std::string_view trimTrailing(std::string_view bytes) noexcept {
-  size_t n = bytes.size();
-  while (n > 0 && (bytes[n - 1] == ' ' || bytes[n - 1] == '\0')) --n;
-  return bytes.substr(0, n);
-}
-
-// Numeric text as the integer value * 10^scale: leading spaces, an optional sign, digits with at most one
-// point and at most `scale` digits after it. Digits without a point have the decimals implied (the display
-// puts the point ahead of the last `scale` of them), so they are the scaled value as they stand.
-// False for a blank field (no value).
-bool parseScaled(std::string_view text, int32_t scale, int64_t& out) {
-  text = trimTrailing(text);
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  if (text.empty()) return false;
-  size_t i = 0;
-  const bool negative = text[0] == '-';
-  if (text[0] == '+' || text[0] == '-') ++i;
-  uint64_t value = 0;
-  int32_t digits = 0, fraction = -1;
-  bool overflow = false;
-  for (; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '.' && fraction < 0) {
-      fraction = 0;
-      continue;
-    }
-    if (c < '0' || c > '9') throw CellError{"'" + std::string(text) + "' is not a number"};
-    overflow |= __builtin_mul_overflow(value, 10u, &value) || __builtin_add_overflow(value, c - '0', &value);
-    ++digits;
-    if (fraction >= 0) ++fraction;
-  }
-  if (digits == 0) throw CellError{"'" + std::string(text) + "' is not a number"};
-  if (fraction > scale)
-    throw CellError{"'" + std::string(text) + "' has " + std::to_string(fraction) +
-                    " decimal places; the field declares " + std::to_string(scale)};
-  for (int32_t k = fraction; fraction >= 0 && k < scale; ++k)
-    overflow |= __builtin_mul_overflow(value, 10u, &value);
-  const uint64_t limit = negative ? uint64_t{1} << 63 : (uint64_t{1} << 63) - 1;
-  if (overflow || value > limit)
-    throw CellError{"'" + std::string(text) + "' does not fit a 64-bit integer at scale " +
-                    std::to_string(scale)};
-  out = negative ? static_cast<int64_t>(0 - value) : static_cast<int64_t>(value);
-  return true;
-}
-
-// 10 to the power `places` as the processor divides a float by it.
-double powerOfTen(int32_t places) noexcept {
-  static constexpr std::array<double, 23> kExact{1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                 1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                                 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-  if (places >= 0 && places < static_cast<int32_t>(kExact.size())) return kExact[static_cast<size_t>(places)];
-  return std::pow(10.0, places);
-}
-
-// Up to 8 little-endian bytes as the low-order bytes of a zeroed value of type T.
-template <typename T>
-T loadLittle(const uint8_t* bytes, int64_t available) noexcept {
-  std::array<uint8_t, 8> raw{};
-  std::memcpy(raw.data(), bytes, static_cast<size_t>(std::clamp<int64_t>(available, 0, 8)));
-  T value;
-  std::memcpy(&value, raw.data(), sizeof value);
-  return value;
-}
-
 // GCC and Clang's 128-bit integer, named without a pedantic warning.
 __extension__ typedef __int128 Int128;
 
-// The value * 10^places rounded to the nearest integer, ties to even, as "%.*f" rounds the exact binary
-// value; false when the integer arithmetic cannot hold it (the caller prints instead). Faster than printing
-// and reading back by about 50 ns per value (per and avgprice of the quote capture: 65 to about 10 ns).
-bool exactScaled(double value, int32_t places, int64_t& out) noexcept {
-  static constexpr std::array<uint64_t, 20> kPowers{1ULL,
-                                                    10ULL,
-                                                    100ULL,
-                                                    1000ULL,
-                                                    10000ULL,
-                                                    100000ULL,
-                                                    1000000ULL,
-                                                    10000000ULL,
-                                                    100000000ULL,
-                                                    1000000000ULL,
-                                                    10000000000ULL,
-                                                    100000000000ULL,
-                                                    1000000000000ULL,
-                                                    10000000000000ULL,
-                                                    100000000000000ULL,
-                                                    1000000000000000ULL,
-                                                    10000000000000000ULL,
-                                                    100000000000000000ULL,
-                                                    1000000000000000000ULL,
-                                                    10000000000000000000ULL};
-  if (places < 0 || places >= static_cast<int32_t>(kPowers.size())) return false;
-  // value = m * 2^-shift exactly, from the IEEE 754 fields.
-  uint64_t bits;
-  std::memcpy(&bits, &value, sizeof bits);
-  const auto biased = static_cast<int>((bits >> 52) & 0x7FF);
-  if (biased == 0x7FF) return false;  // infinity or NaN
-  const uint64_t m =
-      biased == 0 ? bits & ((uint64_t{1} << 52) - 1) : (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
-  const int shift = biased == 0 ? 1074 : 1075 - biased;
-  const Int128 numerator = static_cast<Int128>(m) * kPowers[static_cast<size_t>(places)];  // below 2^117
-  Int128 q;
-  if (shift <= 0) {
-    if (shift < -10) return false;
-    q = numerator << -shift;
-  } else if (shift >= 120) {
-    q = 0;  // far below one unit of the last place
-  } else {
-    q = numerator >> shift;
-    const Int128 rest = numerator - (q << shift), half = static_cast<Int128>(1) << (shift - 1);
-    if (rest > half || (rest == half && (q & 1) != 0)) ++q;
+constexpr std::array<uint64_t, 20> kPowersOfTen{1ULL,
+                                                10ULL,
+                                                100ULL,
+                                                1000ULL,
+                                                10000ULL,
+                                                100000ULL,
+                                                1000000ULL,
+                                                10000000ULL,
+                                                100000000ULL,
+                                                1000000000ULL,
+                                                10000000000ULL,
+                                                100000000000ULL,
+                                                1000000000000ULL,
+                                                10000000000000ULL,
+                                                100000000000000ULL,
+                                                1000000000000000ULL,
+                                                10000000000000000ULL,
+                                                100000000000000000ULL,
+                                                1000000000000000000ULL,
+                                                10000000000000000000ULL};
+
+// One field of the records being decoded, for reading its bytes and naming it in messages.
+struct FieldAt {
+  const BlockInfo& block;
+  const FieldInfo& field;
+  const RecordSource& source;
+  const uint8_t* records;
+  int64_t stride;
+  uint32_t encoding;
+
+  std::string_view bytes(int64_t record) const noexcept {
+    return {reinterpret_cast<const char*>(records + record * stride + field.nDataPos),
+            static_cast<size_t>(field.nLength)};
   }
-  if (q > static_cast<Int128>(INT64_MAX)) return false;
-  out = (bits >> 63) != 0 ? -static_cast<int64_t>(q) : static_cast<int64_t>(q);
+  // Raises ValueError "block B, record R, field F (byte N of SOURCE): why", N the field's byte `at`.
+  [[noreturn]] void fail(int64_t record, int64_t at, std::string_view why) const {
+    std::string message;
+    value::appendWhere(message, block.m_szBlockName, record, field.szFieldName);
+    message += " (byte " + std::to_string(source.offset + record * stride + field.nDataPos + at) + " of " +
+               source.name + "): ";
+    message += why;
+    throw py::value_error(message);
+  }
+  // The engine's canonical text of the record's field in `out`; raises the engine's reason when the bytes
+  // have no plain value.
+  void canonical(int64_t record, std::string& out) const {
+    out.clear();
+    const std::string_view raw = bytes(record);
+    const value::RenderResult r =
+        value::appendValue(out, field, raw, encoding, value::BadByteStyle::Replacement);
+    if (r.issue == value::ValueIssue::None) return;
+    std::string why;
+    value::appendIssue(why, r, field, raw, encoding);
+    fail(record, std::max(r.offset, 0), why);
+  }
+};
+
+// The canonical value of the record's field as value * 10^places (a canonical number has exactly the field's
+// places); false for a blank number. A value beyond 64 bits raises ValueError.
+bool canonicalScaled(const FieldAt& at, int64_t record, std::string& scratch, int64_t& out) {
+  at.canonical(record, scratch);
+  if (scratch.empty()) return false;
+  const bool negative = scratch[0] == '-';
+  uint64_t magnitude = 0;
+  bool overflow = false;
+  for (const char c : std::string_view(scratch).substr(negative ? 1 : 0))
+    if (c != '.')
+      overflow |= __builtin_mul_overflow(magnitude, 10u, &magnitude) ||
+                  __builtin_add_overflow(magnitude, static_cast<unsigned>(c - '0'), &magnitude);
+  if (overflow || magnitude > (negative ? uint64_t{1} << 63 : (uint64_t{1} << 63) - 1))
+    at.fail(record, 0, scratch + " does not fit a 64-bit column; decode gives it exactly");
+  out = negative ? static_cast<int64_t>(0 - magnitude) : static_cast<int64_t>(magnitude);
   return true;
 }
 
-// The display digits of a float or double field as a scaled integer: the value the processor's text shows.
-int64_t realScaled(int32_t type, int32_t places, const uint8_t* bytes, int64_t available,
-                   std::string& scratch) {
-  if (places > num::kMaxDecimalPlaces) throw CellError{"more decimal places than a reader shows"};
-  // Divided in double precision and stored back as a float, as the processor's read does.
-  const double value =
-      type == kFieldFloat
-          ? static_cast<double>(num::narrowToFloat(
-                static_cast<double>(loadLittle<float>(bytes, std::min<int64_t>(available, 4))) /
-                powerOfTen(places)))
-          : loadLittle<double>(bytes, std::min<int64_t>(available, 8));
-  int64_t scaled = 0;
-  if (exactScaled(value, places, scaled)) return scaled;
-  scratch.clear();
-  num::appendFixed(scratch, value, places);
-  if (scratch.find_first_of("ni") != std::string::npos) throw CellError{scratch + " is not a finite number"};
-  parseScaled(scratch, std::max(places, 0), scaled);
-  return scaled;
+enum class Plain { Value, Blank, Other };
+
+// Numeric text of the wire as value * 10^places, when it is in the form replies carry: spaces, an optional
+// sign, at most 18 digits with none or at most `places` after a point (without one the last `places` digits
+// are the decimals), then spaces or NULs. The engine reads these bytes as the same value; Other for anything
+// else, which the caller hands to the engine. Kept for speed: about 5 ns a field against 25 for rendering the
+// canonical text and reading it back (each of the five number fields of the benchmark's quote capture).
+Plain plainScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept {
+  size_t end = bytes.size(), i = 0;
+  while (end > 0 && (bytes[end - 1] == ' ' || bytes[end - 1] == '\0')) --end;
+  while (i < end && bytes[i] == ' ') ++i;
+  if (i == end) return Plain::Blank;
+  const bool negative = bytes[i] == '-';
+  if (bytes[i] == '-' || bytes[i] == '+') ++i;
+  uint64_t digits = 0;  // wraps past 18 digits, which are then refused below
+  int32_t count = 0, fraction = -1;
+  for (; i < end; ++i) {
+    const char c = bytes[i];
+    if (c >= '0' && c <= '9') {
+      digits = digits * 10 + static_cast<uint64_t>(c - '0');
+      ++count;
+      if (fraction >= 0) ++fraction;
+    } else if (c == '.' && fraction < 0) {
+      fraction = 0;
+    } else {
+      return Plain::Other;
+    }
+  }
+  const int32_t missing = fraction < 0 ? 0 : places - fraction;
+  if (count == 0 || missing < 0 || count + missing > 18) return Plain::Other;
+  digits *= kPowersOfTen[static_cast<size_t>(missing)];
+  out = negative ? -static_cast<int64_t>(digits) : static_cast<int64_t>(digits);
+  return Plain::Value;
 }
 
-// The display string of a text field, as the processor's read makes it; false when the bytes cannot be
-// decoded.
-bool textValue(std::string_view field, int32_t places, uint32_t encoding, uint32_t ownEncoding,
-               std::string& out) {
-  out.clear();
-  const std::string_view trimmed = trimTrailing(field);
-  if (places > 0 && trimmed.find('.') == std::string_view::npos) {
-    if (places > num::kMaxDecimalPlaces) return false;
-    num::appendDecimalInserted(out, trimmed, places);
+// A float field's canonical value is the shortest decimal text of its float with the point moved `places`
+// left, so scaled by 10^places it is that shortest text: for a whole float below 2^24 in magnitude the
+// integer it holds. False for the others (fractions, larger magnitudes), which go to the engine. Kept for
+// speed: about 2 ns a field against 70 for the engine's shortest text (per of the quote capture).
+bool wholeFloat(std::string_view bytes, int64_t& out) noexcept {
+  float value = 0;
+  std::memcpy(&value, bytes.data(), sizeof value);
+  if (!(std::fabs(value) < 16777216.0f)) return false;  // NaN too
+  const auto whole = static_cast<int64_t>(value);
+  if (static_cast<float>(whole) != value) return false;
+  out = whole;
+  return true;
+}
+
+// A double's canonical value is its shortest round-trip decimal text. The multiple q of 10^-places nearest to
+// the binary value is that text when q reads back as the same double and the double's spacing, 2^-shift, is
+// finer than 10^-places: the shortest text then has no digit past the places (q is such a text) and no other
+// multiple of 10^-places reads back as the double. Both are checked in integer arithmetic on the IEEE fields.
+// False when they do not hold; the caller asks the engine. Kept for speed: about 9 ns a field against 110 for
+// the engine's shortest text (avgprice of the quote capture).
+bool shortestScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept {
+  if (places < 0 || places >= static_cast<int32_t>(kPowersOfTen.size())) return false;
+  uint64_t bits;
+  std::memcpy(&bits, bytes.data(), sizeof bits);
+  const auto biased = static_cast<int>((bits >> 52) & 0x7FF);
+  const uint64_t fractionBits = bits & ((uint64_t{1} << 52) - 1);
+  if (biased == 0x7FF) return false;  // infinity or NaN
+  if (biased == 0 && fractionBits == 0) {
+    out = 0;  // either zero: "0.00"
     return true;
   }
-  if (trimmed.empty()) return true;
-  if (!codec::decodeAppend(encoding, trimmed, out)) {
-    // A double-byte character cut by the field's end is left out, as the processor's read leaves it out.
-    if (trimmed.size() != field.size()) return false;
-    if (!codec::decodeAppend(ownEncoding, trimmed.substr(0, trimmed.size() - 1), out)) return false;
-  }
-  if (utf8::endsWithIdeographicSpace(out)) {
-    const std::string_view kept = utf8::trimSpaceSeparators(out);
-    out = std::string(kept);
-  }
+  // value = m * 2^-shift exactly.
+  const uint64_t m = biased == 0 ? fractionBits : fractionBits | uint64_t{1} << 52;
+  const int shift = biased == 0 ? 1074 : 1075 - biased;
+  const uint64_t scale = kPowersOfTen[static_cast<size_t>(places)];
+  if (shift <= 0 || shift >= 120 || (shift < 64 && scale >= uint64_t{1} << shift)) return false;
+  const Int128 exact = static_cast<Int128>(m) * scale;  // value * 10^places * 2^shift, below 2^117
+  Int128 q = exact >> shift;
+  const Int128 rest = exact - (q << shift), half = static_cast<Int128>(1) << (shift - 1);
+  if (rest > half || (rest == half && (q & 1) != 0)) ++q;
+  // q reads back as the double when it lies within half a spacing of it (strictly: a tie goes to the
+  // engine), a quarter on the side below a power of two, whose lower neighbour is nearer.
+  Int128 distance = (q << shift) - exact;
+  const bool below = distance < 0;
+  if (below) distance = -distance;
+  if (distance * (below && fractionBits == 0 ? 4 : 2) >= static_cast<Int128>(scale)) return false;
+  if (q > static_cast<Int128>(INT64_MAX)) return false;
+  out = (bits >> 63) != 0 ? -static_cast<int64_t>(q) : static_cast<int64_t>(q);
   return true;
 }
 
@@ -266,24 +263,11 @@ PyObject* newStr(std::string_view utf8) {
   return PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "strict");
 }
 
-// The str of a text field whose bytes are all ASCII and that needs no decimal point (every text encoding a
-// definition can name reads ASCII as itself): the trimmed bytes copied straight into a new str. False for
-// other fields.
-bool asciiText(std::string_view field, int32_t places, PyObject*& out) {
-  const std::string_view trimmed = trimTrailing(field);
-  if ((places > 0 && trimmed.find('.') == std::string_view::npos) || !utf8::isAscii(field)) return false;
-  out = PyUnicode_New(static_cast<Py_ssize_t>(trimmed.size()), 127);
-  if (out == nullptr) throw py::error_already_set();
-  std::memcpy(PyUnicode_DATA(out), trimmed.data(), trimmed.size());
-  return true;
-}
-
-ColumnKind kindOf(int32_t type) {
-  switch (type) {
+ColumnKind kindOf(const FieldInfo& field) {
+  switch (field.nDataType) {
     case kFieldText:
-      return ColumnKind::Text;
     case kFieldNumText:
-      return ColumnKind::Scaled;
+      return value::valueKind(field) == value::ValueKind::Text ? ColumnKind::Text : ColumnKind::Scaled;
     case kFieldInt16:
       return ColumnKind::Int16;
     case kFieldInt64:
@@ -293,134 +277,167 @@ ColumnKind kindOf(int32_t type) {
     case kFieldDouble:
       return ColumnKind::Real;
     default:
-      throw py::value_error("field type " + std::to_string(type) + " has no column form");
+      throw py::value_error("field type " + std::to_string(field.nDataType) + " has no column form");
   }
 }
 
-struct Cursor {
-  const BlockInfo& block;
-  const FieldInfo& field;
-  const RecordSource& source;
-  int64_t stride;
-  [[noreturn]] void fail(int64_t record, int64_t at, const std::string& why) const {
-    throw py::value_error("block " + block.m_szBlockName + ", record " + std::to_string(record) +
-                          ", field '" + field.szFieldName + "' (byte " +
-                          std::to_string(source.offset + record * stride + at) + " of " + source.name +
-                          "): " + why);
+// Raises ValueError when the field (with its attribute byte) does not lie inside the record.
+void checkInside(const BlockInfo& block, const FieldInfo& field, int64_t stride) {
+  const int64_t end = int64_t{field.nDataPos} + field.nLength + (block.carriesAttr(field) ? 1 : 0);
+  if (field.nDataPos < 0 || field.nLength <= 0 || end > stride)
+    throw py::value_error("field '" + field.szFieldName + "' lies outside the " + std::to_string(stride) +
+                          "-byte record of block " + block.m_szBlockName);
+}
+
+template <typename Int>
+py::array integerColumn(const FieldAt& at, int64_t count, std::string& scratch) {
+  py::array_t<Int> array(count);
+  Int* out = array.mutable_data();
+  for (int64_t record = 0; record < count; ++record) {
+    if (at.field.nLength < static_cast<int32_t>(sizeof(Int))) at.canonical(record, scratch);  // refuses
+    std::memcpy(&out[record], at.bytes(record).data(), sizeof(Int));
   }
-};
+  return array;
+}
+
+py::array textColumn(const FieldAt& at, int64_t count, std::string& scratch) {
+  py::array array(py::dtype("O"), std::vector<py::ssize_t>{static_cast<py::ssize_t>(count)});
+  auto** out = static_cast<PyObject**>(array.mutable_data());
+  TextCache cache;
+  for (int64_t record = 0; record < count; ++record) {
+    const std::string_view raw = at.bytes(record);
+    PyObject* s = cache.find(raw);
+    if (s == nullptr) {
+      at.canonical(record, scratch);
+      s = newStr(scratch);
+      if (s == nullptr) throw py::error_already_set();
+      cache.add(raw, s);
+    }
+    out[record] = s;
+  }
+  return array;
+}
+
+py::array scaledColumn(const FieldAt& at, int64_t count, int32_t places, std::string& scratch,
+                       py::object& mask) {
+  py::array_t<int64_t> array(count);
+  py::array_t<bool> absent(count);
+  int64_t* out = array.mutable_data();
+  bool* missing = absent.mutable_data();
+  for (int64_t record = 0; record < count; ++record) {
+    out[record] = 0;
+    const Plain plain = plainScaled(at.bytes(record), places, out[record]);
+    missing[record] = plain == Plain::Blank ||
+                      (plain == Plain::Other && !canonicalScaled(at, record, scratch, out[record]));
+  }
+  mask = std::move(absent);
+  return array;
+}
+
+py::array realColumn(const FieldAt& at, int64_t count, int32_t places, std::string& scratch) {
+  py::array_t<int64_t> array(count);
+  int64_t* out = array.mutable_data();
+  const bool isFloat = at.field.nDataType == kFieldFloat;
+  const int32_t width = isFloat ? 4 : 8;
+  for (int64_t record = 0; record < count; ++record) {
+    const std::string_view raw = at.bytes(record);
+    const bool fast = at.field.nLength >= width &&
+                      (isFloat ? wholeFloat(raw, out[record]) : shortestScaled(raw, places, out[record]));
+    if (!fast) canonicalScaled(at, record, scratch, out[record]);
+  }
+  return array;
+}
+
+py::array attrColumn(const FieldAt& at, int64_t count) {
+  py::array_t<uint8_t> array(count);
+  uint8_t* out = array.mutable_data();
+  const int64_t pos = int64_t{at.field.nDataPos} + at.field.nLength;
+  for (int64_t i = 0; i < count; ++i) out[i] = at.records[i * at.stride + pos];
+  return array;
+}
 
 }  // namespace
 
 py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
                        int64_t stride, const RecordSource& source) {
   py::list columns;
-  const bool jsonMode = block.m_oTranInfo != nullptr && (block.m_oTranInfo->m_strDataMode == ".WSKJson" ||
-                                                         block.m_oTranInfo->m_strDataMode == ".WSKJsonFeed");
-  const uint32_t textEncoding = jsonMode ? kTextEncodingUTF8 : encoding;
   std::string scratch;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
-    const Cursor at{block, field, source, stride};
-    const ColumnKind kind = kindOf(field.nDataType);
-    const int64_t pos = field.nDataPos, length = field.nLength;
-    if (pos < 0 || length <= 0 || pos + length > stride)
-      throw py::value_error("field '" + field.szFieldName + "' lies outside the " + std::to_string(stride) +
-                            "-byte record of block " + block.m_szBlockName);
-    const int32_t scale =
+    checkInside(block, field, stride);
+    const FieldAt at{block, field, source, records, stride, encoding};
+    const ColumnKind kind = kindOf(field);
+    const int32_t places =
         kind == ColumnKind::Scaled || kind == ColumnKind::Real ? std::max(field.nDecimalLen, 0) : 0;
     py::object mask = py::none();
     py::object values;
-    int64_t record = 0;
-    try {
-      switch (kind) {
-        case ColumnKind::Text: {
-          py::array array(py::dtype("O"), std::vector<py::ssize_t>{static_cast<py::ssize_t>(count)});
-          auto** out = static_cast<PyObject**>(array.mutable_data());
-          TextCache cache;
-          for (; record < count; ++record) {
-            const std::string_view raw(reinterpret_cast<const char*>(records + record * stride + pos),
-                                       static_cast<size_t>(length));
-            PyObject* s = cache.find(raw);
-            if (s == nullptr && asciiText(raw, field.nDecimalLen, s)) {
-              cache.add(raw, s);
-            } else if (s == nullptr) {
-              if (!textValue(raw, field.nDecimalLen, textEncoding, encoding, scratch))
-                at.fail(record, pos,
-                        "the bytes cannot be decoded as " + std::string(codec::encodingName(textEncoding)));
-              s = newStr(scratch);
-              if (s == nullptr) throw py::error_already_set();
-              cache.add(raw, s);
-            }
-            out[record] = s;
-          }
-          values = std::move(array);
-          break;
-        }
-        case ColumnKind::Int16: {
-          py::array_t<int16_t> array(count);
-          int16_t* out = array.mutable_data();
-          const int64_t take = std::min<int64_t>(length, 2);
-          for (; record < count; ++record)
-            out[record] = loadLittle<int16_t>(records + record * stride + pos, take);
-          values = std::move(array);
-          break;
-        }
-        case ColumnKind::Int64: {
-          py::array_t<int64_t> array(count);
-          int64_t* out = array.mutable_data();
-          const int64_t take = std::min<int64_t>(length, 8);
-          for (; record < count; ++record)
-            out[record] = loadLittle<int64_t>(records + record * stride + pos, take);
-          values = std::move(array);
-          break;
-        }
-        case ColumnKind::Scaled: {
-          py::array_t<int64_t> array(count);
-          py::array_t<bool> absent(count);
-          int64_t* out = array.mutable_data();
-          bool* missing = absent.mutable_data();
-          for (; record < count; ++record) {
-            const std::string_view raw(reinterpret_cast<const char*>(records + record * stride + pos),
-                                       static_cast<size_t>(length));
-            out[record] = 0;
-            missing[record] = !parseScaled(raw, scale, out[record]);
-          }
-          values = std::move(array);
-          mask = std::move(absent);
-          break;
-        }
-        case ColumnKind::Real: {
-          py::array_t<int64_t> array(count);
-          int64_t* out = array.mutable_data();
-          // A double takes 8 bytes from the field's start, as many as the record holds.
-          const int64_t take = field.nDataType == kFieldDouble ? stride - pos : std::min<int64_t>(length, 4);
-          for (; record < count; ++record)
-            out[record] = realScaled(field.nDataType, field.nDecimalLen, records + record * stride + pos,
-                                     take, scratch);
-          values = std::move(array);
-          break;
-        }
-        case ColumnKind::Attr:
-          break;
-      }
-    } catch (const CellError& error) {
-      at.fail(record, pos, error.why);
+    switch (kind) {
+      case ColumnKind::Text:
+        values = textColumn(at, count, scratch);
+        break;
+      case ColumnKind::Int16:
+        values = integerColumn<int16_t>(at, count, scratch);
+        break;
+      case ColumnKind::Int64:
+        values = integerColumn<int64_t>(at, count, scratch);
+        break;
+      case ColumnKind::Scaled:
+        values = scaledColumn(at, count, places, scratch, mask);
+        break;
+      case ColumnKind::Real:
+        values = realColumn(at, count, places, scratch);
+        break;
+      case ColumnKind::Attr:
+        break;
     }
-    columns.append(py::make_tuple(field.szFieldName, static_cast<int>(kind), scale, values, mask));
-    if (block.carriesAttr(field)) {
-      const int64_t attrPos = pos + length;
-      if (attrPos >= stride)
-        throw py::value_error("the attribute byte of field '" + field.szFieldName +
-                              "' lies outside the record");
-      py::array_t<uint8_t> array(count);
-      uint8_t* out = array.mutable_data();
-      for (int64_t i = 0; i < count; ++i) out[i] = records[i * stride + attrPos];
-      columns.append(py::make_tuple(field.szFieldName + "@attr", static_cast<int>(ColumnKind::Attr), 0, array,
-                                    py::none()));
-    }
+    columns.append(py::make_tuple(field.szFieldName, static_cast<int>(kind), places, values, mask));
+    if (block.carriesAttr(field))
+      columns.append(py::make_tuple(field.szFieldName + "@attr", static_cast<int>(ColumnKind::Attr), 0,
+                                    attrColumn(at, count), py::none()));
   }
   return columns;
+}
+
+py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
+                       int64_t stride, const RecordSource& source) {
+  const py::object decimal = py::module_::import("decimal").attr("Decimal");
+  struct Field {
+    FieldAt at;
+    py::str name;
+    py::object attrName;  // "<field>@attr", or None
+  };
+  std::vector<Field> fields;
+  for (int32_t j = 0; j < block.getFieldCount(); ++j) {
+    const FieldInfo& field = *block.getFieldInfoFromIndex(j);
+    checkInside(block, field, stride);
+    fields.push_back(
+        {FieldAt{block, field, source, records, stride, encoding}, py::str(field.szFieldName),
+         block.carriesAttr(field) ? py::object(py::str(field.szFieldName + "@attr")) : py::none()});
+  }
+  py::list list;
+  std::string text;
+  for (int64_t record = 0; record < count; ++record) {
+    py::dict values;
+    for (const Field& f : fields) {
+      f.at.canonical(record, text);
+      py::object item;
+      if (value::valueKind(f.at.field) == value::ValueKind::Text) {
+        item = py::reinterpret_steal<py::object>(newStr(text));
+      } else if (text.empty()) {
+        item = py::none();
+      } else if (f.at.field.nDecimalLen > 0) {
+        item = decimal(py::str(text));
+      } else {
+        item = py::reinterpret_steal<py::object>(PyLong_FromString(text.c_str(), nullptr, 10));
+      }
+      if (!item) throw py::error_already_set();
+      values[f.name] = item;
+      if (!f.attrName.is_none())
+        values[f.attrName] = py::int_(records[record * stride + f.at.field.nDataPos + f.at.field.nLength]);
+    }
+    list.append(std::move(values));
+  }
+  return list;
 }
 
 }  // namespace blockproc::python

@@ -1,7 +1,11 @@
-"""Shared fixtures: the bundled sample and a definition holding every field type."""
+"""Shared fixtures: the bundled sample, a definition holding every field type, and the tool's own values."""
 
+import decimal
+import json
+import os
 import pathlib
 import struct
+import subprocess
 
 import pytest
 
@@ -10,15 +14,17 @@ import blockproc
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EXAMPLES = ROOT / "examples"
 
-# One record of every type: text in cp949, numbers as text (implied and explicit point, blank), binary integers
-# and floating point with places printed, and a field carrying an attribute byte.
+# One record of every type: text in cp949, numbers as text (implied and explicit point, blank; a text field with
+# decimals), binary integers and floating point with places, and a field carrying an attribute byte. The block
+# takes the rest of a reply, up to 1,000 records.
 EVERY_TYPE = """<?xml version="1.0" encoding="UTF-8"?>
 <transaction code="T00001" encoding="cp949">
   <output>
-    <block name="Rows" repeat="1" count="rest">
+    <block name="Rows" repeat="1000" count="rest">
       <field name="name" type="text" length="10"/>
       <field name="qty" type="number" length="6"/>
       <field name="price" type="number" length="8" decimals="2" attr="true"/>
+      <field name="rate" type="text" length="6" decimals="2"/>
       <field name="i16" type="int16"/>
       <field name="i64" type="int64"/>
       <field name="s64" type="sint64"/>
@@ -28,11 +34,11 @@ EVERY_TYPE = """<?xml version="1.0" encoding="UTF-8"?>
   </output>
 </transaction>
 """
-ROW = struct.Struct("<10s6s8sBhqqfd")
+ROW = struct.Struct("<10s6s8sB6shqqfd")
 
 
-def row(name, qty, price, attr, i16, i64, s64, f, d):
-    return ROW.pack(name.encode("cp949").ljust(10), qty, price, attr, i16, i64, s64, f, d)
+def row(name, qty, price, attr, rate, i16, i64, s64, f, d):
+    return ROW.pack(name.encode("cp949").ljust(10), qty, price, attr, rate, i16, i64, s64, f, d)
 
 
 @pytest.fixture(scope="session")
@@ -45,3 +51,31 @@ def sample():
 @pytest.fixture(scope="session")
 def every_type():
     return blockproc.load_definition(EVERY_TYPE)
+
+
+@pytest.fixture(scope="session")
+def tool(tmp_path_factory):
+    """What `blockproc decode --format json` makes of a reply: {block: [record, ...]}, numbers as int or
+    decimal.Decimal and attribute bytes as int, the form decode gives. Takes the definition's path or text."""
+    build = os.environ.get("BLOCKPROC_BUILD_DIR")
+    program = pathlib.Path(build or ".") / "tools" / "blockproc" / "blockproc"
+    if not build or not program.is_file():
+        pytest.skip("the blockproc tool is not built; set BLOCKPROC_BUILD_DIR to compare with it")
+    folder = tmp_path_factory.mktemp("tool")
+
+    def record(values):
+        return {k: int(v, 16) if k.endswith("@attr") else v for k, v in values.items()}
+
+    def run(definition, reply):
+        if isinstance(definition, str) and definition.lstrip().startswith("<"):
+            (folder / "definition.xml").write_text(definition)
+            definition = folder / "definition.xml"
+        (folder / "reply.bin").write_bytes(reply)
+        done = subprocess.run([program, "decode", "--format", "json", definition, folder / "reply.bin"],
+                              capture_output=True, text=True)
+        assert done.returncode == 0, done.stderr
+        blocks = json.loads(done.stdout, parse_float=decimal.Decimal)["blocks"]
+        return {name: [record(r) for r in (records if isinstance(records, list) else [records])]
+                for name, records in blocks.items()}
+
+    return run

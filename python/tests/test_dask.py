@@ -6,7 +6,7 @@ from dask.distributed import Client, LocalCluster
 
 import blockproc
 import blockproc.dask
-from conftest import row
+from conftest import ROW, row
 
 
 @pytest.fixture(scope="module")
@@ -21,7 +21,8 @@ def captures(tmp_path, count, records):
     for k in range(count):
         path = tmp_path / ("capture%d.bin" % k)
         path.write_bytes(b"".join(row("종목%d" % (k * 100 + i % 7), b"%6d" % i, b"%8d" % (i * 3 - 50), i % 256,
-                                      i - 100, k << 40 | i, -i, i / 4, i / 8) for i in range(records)))
+                                      b"%6.2f" % (i / 4), i - 100, k << 40 | i, -i, i * 4 - 600, i / 8)
+                                  for i in range(records)))
         paths.append(path)
     return paths
 
@@ -30,7 +31,7 @@ def test_read_captures_on_a_local_cluster_equals_pandas(client, tmp_path, every_
     paths = captures(tmp_path, 4, 300)
     expected = pd.concat([blockproc.realtime_frame(every_type, p.read_bytes(), "Rows") for p in paths],
                          ignore_index=True)
-    frame = blockproc.dask.read_captures(paths, every_type, "Rows", stream=True, chunk_bytes=100 * 55)
+    frame = blockproc.dask.read_captures(paths, every_type, "Rows", stream=True, chunk_bytes=100 * ROW.size)
     assert frame.npartitions == 4 * 3
     got = client.compute(frame).result().reset_index(drop=True)
     pd.testing.assert_frame_equal(got, expected)

@@ -8,71 +8,70 @@ import pandas as pd
 import pytest
 
 import blockproc
-from conftest import EVERY_TYPE, ROW, row
+from conftest import EVERY_TYPE, EXAMPLES, ROW, row
 
 D = decimal.Decimal
 
 
-def processor_display(definition, data, block):
-    """The processor's display string of every field of every record of a rest block, for comparison."""
-    info = definition.block(block)
-    proc = blockproc.KXBlockDataProc(info)
-    proc.setData(data)
-    return [{info.getFieldInfoFromIndex(j).szFieldName: proc.getFieldDataFromIndex(j, i)
-             for j in range(info.getFieldCount())} for i in range(proc.getValidCount())]
+def frame_records(frame):
+    """A frame's rows in the form decode gives records: scaled columns as exact numbers, <NA> as None."""
+    columns = {c: frame[c].tolist() for c in frame.columns}
+    for column in blockproc.scales(frame):
+        columns[column] = blockproc.as_decimal(frame, column).tolist()
+    return [dict(zip(columns, values)) for values in zip(*columns.values())]
 
 
-def test_sample_decodes_to_exact_values(sample):
+def test_sample_decodes_to_the_tools_values(sample, tool):
     definition, reply, _ = sample
     blocks = blockproc.decode(definition, reply)
     assert list(blocks) == ["OutBlock", "OutBlock1"]
-    assert blocks["OutBlock"] == [{
+    record = blocks["OutBlock"][0]
+    assert record == {
         "hname": "한빛전자", "price": 71000, "price@attr": 0x35, "sign": "5", "change": -500, "rate": D("-0.70"),
-        "high": 71800, "low": 70600, "volume": 15234567, "per": D("12.35"), "time": "153000", "cnt": 5}]
-    assert len(blocks["OutBlock1"]) == 5
-    assert blocks["OutBlock1"][0] == {"chetime": "153000", "price": 71000, "sign": "5", "change": -500,
-                                      "cvolume": 1204}
+        "high": 71800, "low": 70600, "volume": 15234567, "per": D("12.35"), "time": "153000", "cnt": 5}
+    assert type(record["price"]) is int and type(record["rate"]) is D and type(record["per"]) is D
+    assert blocks == tool(str(EXAMPLES / "current_price.xml"), reply)
+    assert frame_records(blockproc.to_pandas(definition, reply, "OutBlock1")) == blocks["OutBlock1"]
 
 
-def test_every_type_is_exact_and_equals_the_processor_display(every_type):
-    rows = [row("삼성전자", b"000123", b"00123456", 0x31, -32768, -2**63, 2**63 - 1, 1234.0, 0.0625),
-            row("A", b"    -5", b"+0001.50", 0, 32767, 2**63 - 1, -1, -0.5, -1e15 / 7),
-            row("", b"      ", b"        ", 255, 0, 0, 0, 3.0e5, 0.0005)]
+def test_every_type_gives_the_tools_values_in_frames_and_records(every_type, tool):
+    rows = [row("삼성전자\u3000", b"000123", b"00123456", 0x31, b"+01.50", -32768, -2**63, 2**63 - 1, 1234.0, 0.125),
+            row(" A", b"    -5", b"+0001.50", 0, b"   -07", 32767, 2**63 - 1, -1, -50.0, -1e15 / 8),
+            row("", b"      ", b"        ", 255, b"      ", 0, 0, 0, 3.0e5, 0.001)]
     data = b"".join(rows)
     frame = blockproc.realtime_frame(every_type, data, "Rows")
-    assert frame["name"].tolist() == ["삼성전자", "A", ""]
+    assert frame["name"].tolist() == ["삼성전자\u3000", " A", ""]  # leading and ideographic spaces are text
     assert frame["qty"].tolist() == [123, -5, pd.NA]
     assert frame["price"].tolist() == [123456, 150, pd.NA]
     assert frame["price@attr"].tolist() == [0x31, 0, 255]
+    assert frame["rate"].tolist() == [150, -7, pd.NA]
     assert frame["i16"].tolist() == [-32768, 32767, 0]
     assert frame["i64"].tolist() == [-2**63, 2**63 - 1, 0]
     assert frame["s64"].tolist() == [2**63 - 1, -1, 0]
-    assert frame["f"].tolist() == [1234, 0, 300000]  # 12.34, -0.00, 3000.00
-    # The exact binary values rounded half to even: 0.0625 -> 0.062; -1e15/7 is ...142.84375; 0.0005 is above
-    # one half of the last place.
-    assert frame["d"].tolist() == [62, -142857142857142844, 1]
+    assert frame["f"].tolist() == [1234, -50, 300000]  # 12.34, -0.50, 3000.00: a float holds value * 10^2
+    assert frame["d"].tolist() == [125, -125000000000000000, 1]
     assert {c: str(t) for c, t in frame.dtypes.items()} == {
-        "name": "object", "qty": "Int64", "price": "Int64", "price@attr": "uint8", "i16": "int16",
-        "i64": "int64", "s64": "int64", "f": "int64", "d": "int64"}
-    assert blockproc.scales(frame) == {"qty": 0, "price": 2, "f": 2, "d": 3}
-    for record, shown in zip(frame.itertuples(index=False), processor_display(every_type, data, "Rows")):
-        values = record._asdict()
-        assert values["name"] == shown["name"]
-        for column, scale in blockproc.scales(frame).items():
-            if values[column] is not pd.NA:  # a blank number field, which the processor shows as 0
-                assert D(int(values[column])).scaleb(-scale) == D(shown[column]), column
+        "name": "object", "qty": "Int64", "price": "Int64", "price@attr": "uint8", "rate": "Int64",
+        "i16": "int16", "i64": "int64", "s64": "int64", "f": "int64", "d": "int64"}
+    assert blockproc.scales(frame) == {"qty": 0, "price": 2, "rate": 2, "f": 2, "d": 3}
+    records = blockproc.decode(every_type, data)["Rows"]
+    assert frame_records(frame) == records == tool(EVERY_TYPE, data)["Rows"]
 
 
-def test_floating_point_scaling_matches_the_processor_on_random_values(every_type):
+def test_float_and_double_columns_equal_the_tools_values(every_type, tool):
+    # Whole floats below 2^24 and doubles of at most 3 places below 2^53 take the columns' fast paths; larger
+    # ones go through the engine's shortest text (123456792.0 shows as 1234567.90).
     rng = random.Random(7)
-    doubles = [rng.uniform(-1e6, 1e6) for _ in range(300)] + [k / 16 for k in range(-80, 80)] + [
-        2.0**-30, 1e15 + 0.5, 123456789.0125, -0.0, 5e-324, 2.5e-3, 9.2e15]
-    floats = [struct.unpack("<f", struct.pack("<f", rng.uniform(-1e7, 1e7)))[0] for _ in range(300)]
-    data = b"".join(row("x", b"1", b"1", 0, 0, 0, 0, f, d) for f, d in zip(floats * 2, doubles))
+    floats = [float(rng.randint(-2**24 + 1, 2**24 - 1)) for _ in range(150)] + [
+        float(rng.randint(-2**40, 2**40)) for _ in range(150)] + [16777216.0, 123456792.0, -0.0, 3.0e5]
+    doubles = [rng.randint(-10**rng.randint(1, 15), 10**15) / 1000 for _ in range(250)] + [
+        float(rng.randint(-2**62, 2**62) // 1000) for _ in range(50)] + [1e15 + 0.5, 9.2e15, -0.0, 2**53]
+    data = b"".join(row("x", b"1", b"1", 0, b"1", 0, 0, 0, f, d) for f, d in zip(floats, doubles))
+    expected = tool(EVERY_TYPE, data)["Rows"]
     frame = blockproc.realtime_frame(every_type, data, "Rows")
-    shown = processor_display(every_type, data, "Rows")
-    assert [D(int(v)).scaleb(-2) for v in frame["f"]] == [D(s["f"]) for s in shown]
-    assert [D(int(v)).scaleb(-3) for v in frame["d"]] == [D(s["d"]) for s in shown]
+    assert blockproc.as_decimal(frame, "f").tolist() == [r["f"] for r in expected]
+    assert blockproc.as_decimal(frame, "d").tolist() == [r["d"] for r in expected]
+    assert blockproc.decode(every_type, data)["Rows"] == expected
 
 
 def test_to_pandas_and_realtime_frame_of_the_sample(sample):
@@ -97,8 +96,8 @@ def test_encode_builds_requests_and_replies(sample):
 
 
 @pytest.mark.parametrize("values, error, words", [
-    ({"InBlock": {"shcode": "1234567"}}, ValueError, ["InBlock.shcode", "7 bytes"]),
-    ({"InBlock": {"shcode": 1.5}}, TypeError, ["InBlock.shcode", "float"]),
+    ({"InBlock": {"shcode": "1234567"}}, ValueError, ["block InBlock, record 0, field shcode: '1234567' takes 7"]),
+    ({"InBlock": {"shcode": 1.5}}, TypeError, ["block InBlock, record 0, field shcode: a float"]),
     ({"InBlock": {"shcode": True}}, TypeError, ["bool"]),
     ({"InBlock": {"nope": "1"}}, ValueError, ["no field 'nope'"]),
     ({"InBlock": "005930"}, TypeError, ["dict of field values"]),
@@ -114,7 +113,7 @@ def test_encode_refuses_what_does_not_fit(sample, values, error, words):
 def test_encode_names_the_record_of_a_repeated_block(sample):
     definition, reply, _ = sample
     ticks = [{"chetime": "090000", "price": "100"}, {"chetime": "090001", "price": "12x"}]
-    with pytest.raises(ValueError, match=r"block OutBlock1, record 1: OutBlock1.price: '12x' is not a number"):
+    with pytest.raises(ValueError, match=r"^block OutBlock1, record 1, field price: '12x' is not a number$"):
         blockproc.encode(definition, {"OutBlock1": ticks}, reply=True)
 
 
@@ -142,18 +141,46 @@ def test_definition_file_errors(tmp_path):
         blockproc.load_definition(42)
 
 
-def test_bad_bytes_are_refused_with_block_record_field_and_offset(every_type):
-    good = row("ok", b"1", b"1", 0, 0, 0, 0, 0.0, 0.0)
-    with pytest.raises(ValueError, match=r"block Rows, record 1, field 'name' \(byte 55 of the stream\).*cp949"):
-        blockproc.realtime_frame(every_type, good + b"\xff\xfe" + good[2:], "Rows")
-    with pytest.raises(ValueError, match=r"record 0, field 'qty' \(byte 10 .*'12a' is not a number"):
-        blockproc.realtime_frame(every_type, good[:10] + b"   12a" + good[16:], "Rows")
-    with pytest.raises(ValueError, match=r"field 'price'.*3 decimal places; the field declares 2"):
-        blockproc.realtime_frame(every_type, good[:16] + b"  1.234 " + good[24:], "Rows")
-    with pytest.raises(ValueError, match=r"field 'd'.*not a finite number"):
-        blockproc.realtime_frame(every_type, good[:-8] + struct.pack("<d", float("nan")), "Rows")
-    with pytest.raises(ValueError, match="not a whole number of 55-byte Rows records"):
-        blockproc.realtime_frame(every_type, good[:-1], "Rows")
+GOOD = row("ok", b"1", b"1", 0, b"1", 0, 0, 0, 0.0, 0.0)
+
+
+def patched(at, data):
+    """GOOD with `data` written over its bytes from `at`."""
+    return GOOD[:at] + data + GOOD[at + len(data):]
+
+
+@pytest.mark.parametrize("read", [
+    lambda d, data: blockproc.realtime_frame(d, data, "Rows"),
+    lambda d, data: blockproc.decode(d, data),
+], ids=["frame", "decode"])
+@pytest.mark.parametrize("bad, why", [
+    (patched(0, b"\xff\xfe"), r"field name \(byte 61 of .*\): byte 0 \(0xFF\) is not cp949 text"),
+    (patched(9, "전".encode("cp949")[:1]), r"field name \(byte 70 of .*\): byte 9 \(0xC0\) is not cp949 text"),
+    (patched(10, b"   12a"), r"field qty \(byte 76 of .*\): byte 5 \(0x61\) is not part of a number"),
+    (patched(16, b" 1.234  "), r"field price \(byte 77 of .*\): .* more decimal places than the field's 2"),
+    (patched(49, struct.pack("<f", 0.5)), r"field f \(byte 110 of .*\): .* more decimal places"),
+    (patched(53, struct.pack("<d", 0.0625)), r"field d \(byte 114 of .*\): .* more decimal places"),
+    (patched(53, struct.pack("<d", float("nan"))), r"field d \(byte 114 of .*\): .*not a finite number"),
+])
+def test_bytes_without_an_exact_value_are_refused_naming_block_record_field_offset(every_type, read, bad, why):
+    with pytest.raises(ValueError, match="^block Rows, record 1, " + why):
+        read(every_type, GOOD + bad)
+
+
+def test_a_number_beyond_64_bits_is_exact_in_records_and_refused_in_a_frame():
+    definition = blockproc.load_definition(
+        "<transaction code='T2'><output><block name='B'><field name='n' type='number' length='20'/></block>"
+        "</output></transaction>")
+    reply = b"-9999999999999999999"
+    assert blockproc.decode(definition, reply) == {"B": [{"n": -9999999999999999999}]}
+    with pytest.raises(ValueError, match=r"^block B, record 0, field n \(byte 0 of the reply\): -9999999999999999999 "
+                                         r"does not fit a 64-bit column"):
+        blockproc.to_pandas(definition, reply, "B")
+
+
+def test_a_stream_of_part_records_is_refused(every_type):
+    with pytest.raises(ValueError, match="not a whole number of %d-byte Rows records" % ROW.size):
+        blockproc.realtime_frame(every_type, GOOD[:-1], "Rows")
 
 
 def test_hostile_arguments_raise_instead_of_crashing(sample):
