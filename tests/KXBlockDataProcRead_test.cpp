@@ -98,6 +98,7 @@ TEST(KXBlockDataProcRead, BinaryTypes) {
   } cases[] = {
       {kFieldInt16, 0, bytesOf({0x7B, 0x00}), "123"},
       {kFieldInt16, 3, bytesOf({0xFF, 0xFF}), "-1"},
+      {kFieldInt16, 0, bytesOf({0x00, 0x00}), "0"},
       {kFieldInt64, 2, bytesOf({0x7B, 0, 0, 0, 0, 0, 0, 0}), "123"},
       {kFieldInt64, 0, bytesOf({0, 0, 0, 0, 0, 0, 0, 0x80}), "-9223372036854775808"},
       {kFieldFloat, 2, f125, "1.25"},
