@@ -150,7 +150,7 @@ bool appendFieldText(std::string& out, std::string_view field, int32_t places, T
     return true;
   }
   if (trimmed.empty()) return true;
-  if (utf8::isAscii(trimmed) && (ownEncoding == kTextEncodingCP949 || codec::isKnownEncoding(ownEncoding))) {
+  if (utf8::isAscii(trimmed) && codec::isKnownEncoding(ownEncoding)) {
     out.append(trimmed);
     return true;
   }
