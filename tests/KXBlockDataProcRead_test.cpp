@@ -253,6 +253,18 @@ TEST(KXBlockDataProcRead, EntryChecksAndBounds) {
   EXPECT_EQ(unsized.getFieldDataFromInfo(&g, 2), "");
   EXPECT_EQ(unsized.getFieldDataFromInfoEX(&g, 2), "");
   EXPECT_EQ(unsized.getFieldDataAllIdxFromInfo(&g), "");
+
+  // A subclass's record size is the one the reads step by, not the size its fields work out to.
+  struct SixByteRecords : BlockInfo {
+    using BlockInfo::BlockInfo;
+    int32_t getRecordMemSize() const override { return 6; }
+  } six("S");
+  const FieldInfo& h = six.addField("h", kFieldText, 4);
+  KXBlockDataProc stepped(&six);
+  stepped.setData("AAAA--BBBB--", 0, 12);
+  std::string row = "|";
+  EXPECT_TRUE(stepped.appendFieldDataFromInfo(&h, 1, row));
+  EXPECT_EQ(row, "|BBBB");
 }
 
 TEST(KXBlockDataProcRead, EveryResultIsUtf8) {
