@@ -98,6 +98,7 @@ TEST(KXBlockDataProcRead, BinaryTypes) {
   } cases[] = {
       {kFieldInt16, 0, bytesOf({0x7B, 0x00}), "123"},
       {kFieldInt16, 3, bytesOf({0xFF, 0xFF}), "-1"},
+      {kFieldInt16, 0, bytesOf({0x00, 0x00}), "0"},
       {kFieldInt64, 2, bytesOf({0x7B, 0, 0, 0, 0, 0, 0, 0}), "123"},
       {kFieldInt64, 0, bytesOf({0, 0, 0, 0, 0, 0, 0, 0x80}), "-9223372036854775808"},
       {kFieldFloat, 2, f125, "1.25"},
@@ -252,6 +253,18 @@ TEST(KXBlockDataProcRead, EntryChecksAndBounds) {
   EXPECT_EQ(unsized.getFieldDataFromInfo(&g, 2), "");
   EXPECT_EQ(unsized.getFieldDataFromInfoEX(&g, 2), "");
   EXPECT_EQ(unsized.getFieldDataAllIdxFromInfo(&g), "");
+
+  // A subclass's record size is the one the reads step by, not the size its fields work out to.
+  struct SixByteRecords : BlockInfo {
+    using BlockInfo::BlockInfo;
+    int32_t getRecordMemSize() const override { return 6; }
+  } six("S");
+  const FieldInfo& h = six.addField("h", kFieldText, 4);
+  KXBlockDataProc stepped(&six);
+  stepped.setData("AAAA--BBBB--", 0, 12);
+  std::string row = "|";
+  EXPECT_TRUE(stepped.appendFieldDataFromInfo(&h, 1, row));
+  EXPECT_EQ(row, "|BBBB");
 }
 
 TEST(KXBlockDataProcRead, EveryResultIsUtf8) {

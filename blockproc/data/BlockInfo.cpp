@@ -48,12 +48,11 @@ void BlockInfo::setAttrSource(std::string key, const FieldInfo* source) {
 
 template <typename Compute>
 int32_t BlockInfo::SizeCache::get(size_t fieldCount, bool attribute, Compute compute) const {
-  if (fieldCount == 0 || fieldCount > (uint64_t{1} << 30)) return compute();
-  const uint64_t key = (uint64_t{fieldCount} * 2 + (attribute ? 1 : 0)) << 32;
-  const uint64_t packed = m_packed.load(std::memory_order_relaxed);
-  if ((packed & ~uint64_t{0xFFFFFFFF}) == key) return static_cast<int32_t>(packed & 0x7FFFFFFF);
-  const int32_t size = compute();
-  m_packed.store(key | static_cast<uint32_t>(size), std::memory_order_relaxed);
+  int32_t size = 0;
+  if (peek(fieldCount, attribute, size)) return size;
+  size = compute();
+  if (fieldCount == 0 || fieldCount > (uint64_t{1} << 30)) return size;
+  m_packed.store(keyOf(fieldCount, attribute) | static_cast<uint32_t>(size), std::memory_order_relaxed);
   return size;
 }
 

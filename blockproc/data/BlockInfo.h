@@ -72,6 +72,14 @@ class BlockInfo {
   // worked-out size is kept until a field is added or m_bAttribute changes (a definition's size is fixed for
   // its life, so a field edited in place after the first call is not seen).
   virtual int32_t getRecordMemSize() const;
+  // What BlockInfo::getRecordMemSize gives, inline while the worked-out size is kept: for a caller that has
+  // checked the object is a BlockInfo and no subclass (a subclass's override must be asked instead).
+  int32_t baseRecordMemSize() const {
+    if (m_nRecordIOMemSize >= 0) return m_nRecordIOMemSize;
+    int32_t kept = 0;
+    if (m_memSize.peek(m_FieldInfoList.size(), m_bAttribute, kept)) return kept;
+    return BlockInfo::getRecordMemSize();
+  }
   // The record stride of the positional writer: m_nRecordIOSize when set, else the sum of the field lengths
   // (fields back to back, no attribute bytes), capped at INT32_MAX; kept as getRecordMemSize keeps its own.
   virtual int32_t getRecordFieldSize() const;
@@ -101,6 +109,17 @@ class BlockInfo {
    public:
     template <typename Compute>
     int32_t get(size_t fieldCount, bool attribute, Compute compute) const;
+    // Whether a size is kept for that field count and attribute flag; `size` gets it.
+    bool peek(size_t fieldCount, bool attribute, int32_t& size) const noexcept {
+      if (fieldCount == 0 || fieldCount > (uint64_t{1} << 30)) return false;
+      const uint64_t packed = m_packed.load(std::memory_order_relaxed);
+      if ((packed & ~uint64_t{0xFFFFFFFF}) != keyOf(fieldCount, attribute)) return false;
+      size = static_cast<int32_t>(packed & 0x7FFFFFFF);
+      return true;
+    }
+    static uint64_t keyOf(size_t fieldCount, bool attribute) noexcept {
+      return (uint64_t{fieldCount} * 2 + (attribute ? 1 : 0)) << 32;
+    }
 
    private:
     mutable std::atomic<uint64_t> m_packed{0};  // 0: nothing kept (a key is never 0 once a field exists)
