@@ -37,8 +37,10 @@ struct CommonOptions {
 };
 
 // Loads the definition (standard input for "-") and builds its parent; a definition that cannot be read or
-// is not valid fails with kExitUsage. `dataPath` is the data's path, which may not also be "-".
-Session openSession(const CommonOptions& options, const std::string& dataPath = "");
+// is not valid fails with kExitUsage. `dataPath` is the data's path, which may not also be "-". With
+// `streamRest`, an output count="rest" block is laid out with one record instead of its repeat, for a caller
+// that hands it its records a piece at a time.
+Session openSession(const CommonOptions& options, const std::string& dataPath = "", bool streamRest = false);
 // The whole file, or standard input for "-"; a file that cannot be read (a directory, a missing file)
 // fails with kExitUsage.
 std::string readInput(const std::string& path);
@@ -101,8 +103,11 @@ struct RenderOptions {
 // Appends the column's value in record `index`: canonical (or the processor's display string when raw),
 // "0x35" for an attribute byte. Returns what kept the value from being plain; `warnings`, when given, is
 // told of it with block, record, field and byte offset.
+// `record` is the number messages give the record (record `index` of a piece of a longer block); -1 gives
+// `index`.
 value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
-                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings);
+                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
+                               int64_t record = -1);
 // The text with control characters shown as \xNN, so that a value cannot break a table or the terminal.
 std::string printable(std::string_view text);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
@@ -113,10 +118,87 @@ void appendPadded(std::string& out, std::string_view text, size_t width, bool ri
 // Rows under a header line, each column as wide as its widest cell; no trailing spaces.
 std::string renderTable(const std::vector<std::string>& header, const std::vector<bool>& right,
                         const std::vector<std::vector<std::string>>& rows);
-// Writes the records of the blocks in the chosen format, a record at a time; for tables and long form a
-// block title goes ahead of each block.
+// Writes blocks' records in the chosen format as they come, a piece of a block at a time, so that nothing
+// holds the whole output: table columns are as wide as the field's widest value, from the definition. JSON
+// opens at construction and closes at finish(); for tables and long form a block title goes ahead of each
+// block.
+class RecordWriter {
+ public:
+  RecordWriter(Output& out, std::string code, const RenderOptions& options, Warnings& warnings);
+  ~RecordWriter();
+  RecordWriter(const RecordWriter&) = delete;
+  RecordWriter& operator=(const RecordWriter&) = delete;
+
+  // Starts a block of `count` records, or of records up to the end of the input when `count` is -1 (a table
+  // then gives the count after them).
+  void beginBlock(const KXBlockDataProc& proc, int64_t count);
+  // The processor's valid records, numbered from `first`.
+  void records(const KXBlockDataProc& proc, int64_t first);
+  void endBlock();
+  void finish();
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+};
+
+// Writes every valid record of the blocks through one RecordWriter.
 void renderBlocks(Output& out, const std::string& code, const std::vector<const KXBlockDataProc*>& blocks,
                   const RenderOptions& options, Warnings& warnings);
+
+// Bytes of a file or of standard input, read a piece at a time.
+class InputStream {
+ public:
+  // Opens the file, or standard input for "-"; one that cannot be read fails with kExitUsage as readInput.
+  explicit InputStream(const std::string& path);
+  ~InputStream();
+  InputStream(const InputStream&) = delete;
+  InputStream& operator=(const InputStream&) = delete;
+
+  // Appends `n` bytes to `buf`, fewer only at the end of the input; returns how many. Fails with kExitData.
+  size_t read(std::string& buf, size_t n);
+  // Copies standard input into an unnamed temporary file, so that it can be read at any offset.
+  void makeSeekable();
+  // Reads `n` bytes at `offset` of a seekable input into `to`; fails with kExitData.
+  void readAt(char* to, size_t n, int64_t offset);
+  bool atEnd() const noexcept { return m_end; }
+  int64_t size() const noexcept { return m_size; }  // a regular file's size, else -1
+  const std::string& name() const noexcept { return m_name; }
+
+ private:
+  int m_fd = -1;
+  bool m_own = false, m_end = false;
+  int64_t m_size = -1;
+  std::string m_name;
+};
+
+// ---- progress ---------------------------------------------------------------------------------------------
+
+// The progress line: "312.0 MB of 1.02 GB (31%), 2,600,000 records, 210.4 MB/s, 3 s left"; `total` -1 when
+// the input's size is not known (no share, no time left). Bytes in decimal megabytes and gigabytes.
+std::string progressLine(int64_t bytes, int64_t total, int64_t records, double seconds);
+
+// A progress line on standard error, redrawn in place at most a few times a second once the work has taken
+// a second, and erased at the end; silent when `on` is false or standard error is not a terminal.
+class Progress {
+ public:
+  Progress(bool on, int64_t total);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  void update(int64_t bytes, int64_t records);
+  // Erases the line, if one was drawn.
+  void clear();
+
+ private:
+  bool m_on;
+  bool m_drawn = false;
+  int64_t m_total;
+  int64_t m_start, m_last = 0;
+};
+
+// Bytes read at a time from a block read to the end of its input, unless --chunk-bytes says otherwise.
+constexpr int64_t kDefaultChunkBytes = int64_t{4} << 20;
 
 // ---- subcommands ------------------------------------------------------------------------------------------
 
@@ -127,7 +209,9 @@ struct DecodeOptions {
   std::string block;
   std::string outputDir;  // one file per block
   bool raw = false;
-  bool request = false;  // the data is a request: the input blocks
+  bool request = false;    // the data is a request: the input blocks
+  bool quiet = false;      // no progress line
+  int64_t chunkBytes = 0;  // bytes read at a time from a count="rest" block; 0: the default
 };
 struct EncodeOptions {
   CommonOptions common;
@@ -147,6 +231,8 @@ struct RealtimeOptions {
   std::string format = "table";
   bool raw = false;
   int32_t keep = 0;  // 0: every record of the stream
+  bool quiet = false;
+  int64_t chunkBytes = 0;
 };
 
 int runInspect(const CommonOptions& options);
