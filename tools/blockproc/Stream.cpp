@@ -1,12 +1,10 @@
-// Input read a piece at a time, and the progress line of long work.
+// Input read a piece at a time.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -18,22 +16,6 @@ namespace {
 
 [[noreturn]] void readFailure(const std::string& name) {
   throw Failure{kExitData, "cannot read " + name + ": " + std::strerror(errno)};
-}
-
-int64_t nowMillis() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-// "312.0 MB", "1.02 GB": three significant digits or one decimal, in decimal units.
-std::string amount(double bytes) {
-  char text[32];
-  if (bytes >= 1e9)
-    std::snprintf(text, sizeof text, "%.2f GB", bytes / 1e9);
-  else
-    std::snprintf(text, sizeof text, "%.1f MB", bytes / 1e6);
-  return text;
 }
 
 }  // namespace
@@ -114,52 +96,6 @@ void InputStream::readAt(char* to, size_t n, int64_t offset) {
     }
     got += static_cast<size_t>(r);
   }
-}
-
-// ---- progress ---------------------------------------------------------------------------------------------
-
-std::string progressLine(int64_t bytes, int64_t total, int64_t records, double seconds) {
-  std::string line = amount(static_cast<double>(bytes));
-  if (total > 0) {
-    line += " of " + amount(static_cast<double>(total));
-    line += " (" + std::to_string(std::min<int64_t>(bytes * 100 / total, 100)) + "%)";
-  }
-  line += ", " + withThousands(records) + (records == 1 ? " record" : " records");
-  if (seconds > 0 && bytes > 0) {
-    const double rate = static_cast<double>(bytes) / seconds;
-    char text[32];
-    std::snprintf(text, sizeof text, ", %.1f MB/s", rate / 1e6);
-    line += text;
-    if (total > 0 && bytes <= total)
-      line += ", " + withThousands(std::llround(static_cast<double>(total - bytes) / rate)) + " s left";
-  }
-  return line;
-}
-
-Progress::Progress(bool on, int64_t total) : m_on(on && ::isatty(STDERR_FILENO) == 1), m_total(total) {
-  m_start = nowMillis();
-}
-
-Progress::~Progress() {
-  clear();
-}
-
-void Progress::update(int64_t bytes, int64_t records) {
-  if (!m_on) return;
-  const int64_t now = nowMillis();
-  // The first line after a second of work, then at most five a second.
-  if (now - m_start < 1000 || now - m_last < 200) return;
-  m_last = now;
-  const std::string line =
-      "\r\033[K" + progressLine(bytes, m_total, records, static_cast<double>(now - m_start) / 1000.0);
-  m_drawn = ::write(STDERR_FILENO, line.data(), line.size()) > 0 || m_drawn;
-}
-
-void Progress::clear() {
-  if (!m_drawn) return;
-  m_drawn = false;
-  static constexpr char kErase[] = "\r\033[K";
-  if (::write(STDERR_FILENO, kErase, sizeof kErase - 1) < 0) return;
 }
 
 }  // namespace blockproc::cli
