@@ -79,9 +79,9 @@ inline std::string quoteRecord(Dice& dice) {
   rec += binary<int16_t>(static_cast<int16_t>(dice.below(60000)));                        // cvolume
   rec += binary<int64_t>(int64_t{dice.below(2'000'000'000)} * 1000);                      // value
   rec += binary<float>(static_cast<float>(dice.below(100'000)));                          // per
-  rec += binary<double>(static_cast<double>(price) / 100.0 + 0.25);                       // avgprice
-  rec += digits(dice.below(10'000), 4);                                                   // ticks
-  rec += dice.chance(80) ? " " : "*";                                                     // flag
+  rec += binary<double>(static_cast<double>(price + 25) / 100.0);  // avgprice: the double nearest two places
+  rec += digits(dice.below(10'000), 4);                            // ticks
+  rec += dice.chance(80) ? " " : "*";                              // flag
   return rec;
 }
 

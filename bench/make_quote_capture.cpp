@@ -1,7 +1,7 @@
 // Writes a capture of the quote layout for measuring the tool: DIR/quotes.xml, a definition whose reply is
-// one count="rest" block OutBlock1 (repeat: the record count, at most 1,000,000), and DIR/quotes.bin, that
-// many records back to back from a fixed seed: a reply of that transaction, and a real-time stream of
-// OutBlock1 too.
+// one count="rest" block OutBlock1 (repeat: the record count, at most the 559,240 records a definition lays
+// out in 64 MiB), and DIR/quotes.bin, that many records back to back from a fixed seed: a reply of that
+// transaction when it fits the repeat, and a real-time stream of OutBlock1 whatever its size.
 //
 //   make_quote_capture DIR RECORDS
 
@@ -13,6 +13,9 @@
 #include "QuoteLayout.h"
 
 namespace {
+
+// A definition's block lays out at most 64 MiB.
+constexpr long long kMaxRepeat = (64LL << 20) / blockproc::quote::kRecordSize;
 
 bool writeFile(const std::string& path, const std::string& text) {
   std::FILE* file = std::fopen(path.c_str(), "wb");
@@ -34,7 +37,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "make_quote_capture: RECORDS must be a positive number\n");
     return 2;
   }
-  if (!writeFile(dir + "/quotes.xml", blockproc::quote::definitionXml(std::min(records, 1'000'000LL)))) {
+  if (!writeFile(dir + "/quotes.xml", blockproc::quote::definitionXml(std::min(records, kMaxRepeat)))) {
     std::perror("make_quote_capture: quotes.xml");
     return 1;
   }

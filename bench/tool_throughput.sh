@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The tool's speed and peak memory per output format on generated quote captures (14 fields, 120 bytes a
 # record): `decode` of a 200,000-record reply (24 MB, one count="rest" block) and `realtime` of a
-# 8,333,334-record stream (1 GB; a rest block holds at most 1,000,000 records, a stream has no cap). The
+# 8,333,334-record stream (1 GB; a definition lays a block out in at most 64 MiB, a stream has no cap). The
 # captures are written once into /tmp and kept there. Each command runs pinned to one core; the figures are
 # the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
 # resident memory from /usr/bin/time -v.
@@ -32,7 +32,8 @@ measure() {  # LABEL INPUT ARGS...
   bytes=$(stat -c %s "$input")
   log=$(mktemp)
   for ((i = 0; i < runs; i++)); do
-    /usr/bin/time -v -o "$log" taskset -c "$cpu" "$tool" "$@" --quiet >/dev/null
+    /usr/bin/time -v -o "$log" taskset -c "$cpu" "$tool" "$@" --quiet >/dev/null ||
+      echo "tool_throughput.sh: $label: exit code $?" >&2
     local wall user sys rss
     wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, t, ":"); s = 0; for (k = 1; k <= n; k++) s = s * 60 + t[k]; print s}' "$log")
     user=$(awk -F': ' '/User time/ {print $2}' "$log")
