@@ -1,8 +1,8 @@
 // Records as text, written as they come: aligned tables, JSON, JSON lines, CSV and the long form.
 //
 // Every cell is appended straight into the output buffer; only a value that needs quoting or escaping is
-// copied aside and written again. The byte tables below make that check one load per byte: on the 14-field
-// quote layout, CSV went from 109 to over 200 MB/s once the per-cell memchr calls and copies were gone.
+// copied aside and written again. The byte tables below make that check one load per byte: the find_first_of
+// per CSV cell it replaces (a memchr per special character) took 13% of the CSV time on the quote layout.
 
 #include <algorithm>
 #include <array>
