@@ -418,7 +418,8 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
 
 int runDecode(const DecodeOptions& options) {
   const RenderOptions render{parseFormat(options.format), options.raw};
-  const Session session = openSession(options.common, options.reply, !options.request);
+  const Session session =
+      openSession(options.common, options.reply, options.request ? Layout::Full : Layout::RestAsOne);
   const std::vector<const KXBlockDataProc*> blocks = chosenBlocks(session, options.block, options.request);
   if (render.format == Format::Csv && blocks.size() > 1 && options.outputDir.empty())
     throw Failure{kExitUsage, "CSV holds one block, and the " +
