@@ -127,7 +127,9 @@ void Output::finish() {
 }
 
 void Warnings::add(const std::string& message) {
-  if (++m_count <= kShownWarnings) std::cerr << "blockproc: warning: " << message << "\n";
+  if (++m_count > kShownWarnings) return;
+  Progress::clearShown();
+  std::cerr << "blockproc: warning: " << message << "\n";
 }
 
 void Warnings::close() const {

@@ -32,6 +32,9 @@ std::string amount(double bytes) {
   return bytes >= 1e9 ? fixed(bytes / 1e9, 2) + " GB" : fixed(bytes / 1e6, 1) + " MB";
 }
 
+// The progress whose line may be on the terminal (one at a time).
+Progress* g_shown = nullptr;
+
 }  // namespace
 
 std::string progressLine(int64_t bytes, int64_t total, int64_t records, double seconds) {
@@ -67,9 +70,15 @@ void Progress::update(int64_t bytes, int64_t records) {
   const std::string line =
       "\r\033[K" + progressLine(bytes, m_total, records, static_cast<double>(now - m_start) / 1000.0);
   m_drawn = ::write(STDERR_FILENO, line.data(), line.size()) > 0 || m_drawn;
+  if (m_drawn) g_shown = this;
+}
+
+void Progress::clearShown() {
+  if (g_shown != nullptr) g_shown->clear();
 }
 
 void Progress::clear() {
+  if (g_shown == this) g_shown = nullptr;
   if (!m_drawn) return;
   m_drawn = false;
   static constexpr char kErase[] = "\r\033[K";

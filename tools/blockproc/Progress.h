@@ -21,6 +21,8 @@ class Progress {
   void update(int64_t bytes, int64_t records);
   // Erases the line, if one was drawn.
   void clear();
+  // Erases the line of the progress being shown, if any, so that a message starts on a line of its own.
+  static void clearShown();
 
  private:
   bool m_on;
