@@ -354,6 +354,7 @@ TransactionProc::ReplyResult receiveHead(TransactionProc& proc, InputStream& in,
 std::string streamRest(KXBlockDataProc& proc, InputStream& in, std::string& buf, size_t at, size_t chunk,
                        RecordWriter* writer, Progress& progress) {
   const BlockInfo& block = *proc.getBlockInfo();
+  if (block.getRecordMemSize() <= 0) return TransactionProc::checkRest(block, 1, false);
   const auto recordSize = static_cast<size_t>(block.getRecordMemSize());
   const size_t piece = std::max<size_t>(chunk / recordSize, 1) * recordSize;
   const int64_t cap = block.m_nRepeatCount, start = static_cast<int64_t>(at);
