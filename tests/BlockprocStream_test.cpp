@@ -72,7 +72,8 @@ TEST(BlockprocStream, ReadsInPiecesWhatItReadsWhole) {
     const std::string decode = "decode '" + c.def + "' '" + c.reply + "' --format " + format;
     const Outcome whole = run(decode + kWhole);
     ASSERT_EQ(whole.code, 0) << format << whole.err;
-    for (const char* piece : {" --chunk-bytes 1", " --chunk-bytes 1000", " --chunk-bytes 4096"}) {
+    for (const char* piece :
+         {" --chunk-bytes 1", " --chunk-bytes 1000", " --chunk-bytes 4096", " --chunk-bytes 1000 --jobs 3"}) {
       const Outcome pieces = run(decode + piece);
       EXPECT_EQ(pieces.code, 0) << format << piece << pieces.err;
       EXPECT_EQ(pieces.out, whole.out) << format << piece;
@@ -87,6 +88,7 @@ TEST(BlockprocStream, ReadsInPiecesWhatItReadsWhole) {
     const Outcome newest = run(realtime + kWhole);
     ASSERT_EQ(newest.code, 0) << format << newest.err;
     EXPECT_EQ(run(realtime + " --chunk-bytes 1000").out, newest.out) << format;
+    EXPECT_EQ(run(realtime + " --chunk-bytes 1000 --jobs 2").out, newest.out) << format;
     EXPECT_EQ(
         run("realtime '" + c.def + "' - --block OutBlock1 --chunk-bytes 500 --format " + format, c.reply).out,
         newest.out)
@@ -95,6 +97,23 @@ TEST(BlockprocStream, ReadsInPiecesWhatItReadsWhole) {
   const Outcome table = run("decode '" + c.def + "' - --chunk-bytes 1000", c.reply);
   EXPECT_NE(table.out.find("OutBlock1:\n"), std::string::npos);
   EXPECT_TRUE(table.out.ends_with("\n300 records\n")) << table.out.substr(table.out.size() - 40);
+}
+
+// Threads decoding pieces side by side report bad bytes as one thread does: the same lines, in order.
+TEST(BlockprocStream, WarnsInRecordOrderWithJobs) {
+  std::string records = capture().records;
+  for (const size_t record : {0, 7, 8, 150, 299}) records[record * 120 + 12] = '\xFF';  // hname
+  const std::string reply = writeTemp("bad.bin", records);
+  for (const char* format : {"json", "table"}) {
+    const std::string decode =
+        "decode '" + capture().def + "' '" + reply + "' --format " + std::string(format);
+    const Outcome one = run(decode), three = run(decode + " --chunk-bytes 1000 --jobs 3");
+    EXPECT_EQ(one.code, 1);
+    EXPECT_EQ(three.code, 1);
+    EXPECT_EQ(three.out, one.out) << format;
+    EXPECT_EQ(three.err, one.err) << format;
+    EXPECT_NE(one.err.find("record 299, field hname: byte 0 (0xFF)"), std::string::npos) << one.err;
+  }
 }
 
 // The bundled sample's stream read a record or two at a time gives its golden output.

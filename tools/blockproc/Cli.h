@@ -57,6 +57,8 @@ class Output {
  public:
   // Standard output for "" or "-", else the file, created or truncated.
   explicit Output(const std::string& path);
+  // Text kept in memory only, for a caller that writes it out elsewhere: spill and finish do nothing.
+  Output() = default;
   ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -79,13 +81,24 @@ class Output {
 // hundred of them), and any of them makes the command exit with kExitData after its output is complete.
 class Warnings {
  public:
+  Warnings() = default;
+  // Keeps the messages (held()) instead of showing them, for a thread that decodes a piece.
+  explicit Warnings(bool hold) : m_hold(hold) {}
   void add(const std::string& message);
+  const std::vector<std::string>& held() const noexcept { return m_held; }
+  // Forgets the held messages and the count.
+  void clear() noexcept {
+    m_held.clear();
+    m_count = 0;
+  }
   int64_t count() const noexcept { return m_count; }
   // Says how many were not shown, if any.
   void close() const;
 
  private:
   int64_t m_count = 0;
+  bool m_hold = false;
+  std::vector<std::string> m_held;
 };
 
 // ---- records as text --------------------------------------------------------------------------------------
@@ -138,12 +151,24 @@ class RecordWriter {
   void beginBlock(const KXBlockDataProc& proc, int64_t count);
   // The processor's valid records, numbered from `first`.
   void records(const KXBlockDataProc& proc, int64_t first);
+  // Records of the block begun, read from pieces of received bytes, each decoded on a thread of its own by
+  // a processor of its own and written in order: the same text as records() of each piece in turn.
+  struct Piece {
+    const char* bytes;
+    int32_t size;   // whole records
+    int64_t first;  // number of its first record
+    bool reverse;   // the last record of the piece comes first (setDataReverse)
+  };
+  void recordsInParallel(const KXBlockDataProc& model, const std::vector<Piece>& pieces);
   void endBlock();
   void finish();
 
  private:
   struct State;
+  struct PieceWork;
+  explicit RecordWriter(std::unique_ptr<State> state);
   std::unique_ptr<State> m_state;
+  std::vector<std::unique_ptr<PieceWork>> m_work;  // one per thread of recordsInParallel
 };
 
 // Writes every valid record of the blocks through one RecordWriter.
@@ -191,6 +216,7 @@ struct DecodeOptions {
   bool request = false;    // the data is a request: the input blocks
   bool quiet = false;      // no progress line
   int64_t chunkBytes = 0;  // bytes read at a time from a count="rest" block; 0: the default
+  int32_t jobs = 1;        // threads decoding pieces of a count="rest" block side by side
 };
 struct EncodeOptions {
   CommonOptions common;
@@ -212,6 +238,7 @@ struct RealtimeOptions {
   int32_t keep = 0;  // 0: every record of the stream
   bool quiet = false;
   int64_t chunkBytes = 0;
+  int32_t jobs = 1;
 };
 
 int runInspect(const CommonOptions& options);

@@ -349,32 +349,48 @@ TransactionProc::ReplyResult receiveHead(TransactionProc& proc, InputStream& in,
 }
 
 // Hands the rest block its records a piece at a time from `buf[at...]` and the input, each piece written
-// as it is taken. Returns why the block's bytes were refused (not whole records, more than its repeat), or
+// as it is taken (`jobs` pieces side by side). Returns why the block's bytes were refused (not whole records,
+// more than its repeat), or
 // "" when they were not; the records before the problem are written.
 std::string streamRest(KXBlockDataProc& proc, InputStream& in, std::string& buf, size_t at, size_t chunk,
-                       RecordWriter* writer, Progress& progress) {
+                       int32_t jobs, RecordWriter* writer, Progress& progress) {
   const BlockInfo& block = *proc.getBlockInfo();
   if (block.getRecordMemSize() <= 0) return TransactionProc::checkRest(block, 1, false);
   const auto recordSize = static_cast<size_t>(block.getRecordMemSize());
-  const size_t piece = std::max<size_t>(chunk / recordSize, 1) * recordSize;
+  // A round reads about `chunk` bytes whatever the jobs, so that memory does not grow with them.
+  const size_t piece = std::max<size_t>(chunk / static_cast<size_t>(jobs) / recordSize, 1) * recordSize;
   const int64_t cap = block.m_nRepeatCount, start = static_cast<int64_t>(at);
   if (writer != nullptr) {
     const int64_t rest = in.size() >= 0 ? in.size() - start : -1;
     writer->beginBlock(proc,
                        rest >= 0 ? std::min<int64_t>(rest / static_cast<int64_t>(recordSize), cap) : -1);
   }
+  // With --jobs, each round reads one piece per thread.
+  const size_t batch = piece * static_cast<size_t>(jobs);
+  const auto pieceRecords = static_cast<int64_t>(piece / recordSize);
   int64_t taken = 0;
   for (;;) {
-    if (buf.size() - at < piece && !in.atEnd()) {
+    if (buf.size() - at < batch && !in.atEnd()) {
       buf.erase(0, at);
       at = 0;
-      in.read(buf, piece - buf.size());
+      in.read(buf, batch - buf.size());
     }
-    const auto whole = static_cast<int64_t>(std::min(piece, (buf.size() - at) / recordSize * recordSize));
-    const int64_t records = std::min(whole / static_cast<int64_t>(recordSize), cap - taken);
+    const auto have = static_cast<int64_t>(std::min(batch, buf.size() - at) / recordSize);
+    const int64_t records = std::min(have, cap - taken);
     if (records <= 0) break;
-    proc.setData(buf.data() + at, 0, static_cast<int32_t>(records * static_cast<int64_t>(recordSize)));
-    if (writer != nullptr) writer->records(proc, taken);
+    const char* bytes = buf.data() + at;
+    if (writer != nullptr && jobs > 1) {
+      std::vector<RecordWriter::Piece> pieces;
+      for (int64_t r = 0; r < records; r += pieceRecords)
+        pieces.push_back(
+            {bytes + r * static_cast<int64_t>(recordSize),
+             static_cast<int32_t>(std::min(pieceRecords, records - r) * static_cast<int64_t>(recordSize)),
+             taken + r, false});
+      writer->recordsInParallel(proc, pieces);
+    } else {
+      proc.setData(bytes, 0, static_cast<int32_t>(records * static_cast<int64_t>(recordSize)));
+      if (writer != nullptr) writer->records(proc, taken);
+    }
     taken += records;
     at += static_cast<size_t>(records) * recordSize;
     progress.update(start + taken * static_cast<int64_t>(recordSize), taken);
@@ -406,7 +422,7 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
       continue;
     }
     Progress progress(!options.quiet, in.size());
-    refusal = streamRest(*slice.proc, in, buf, static_cast<size_t>(slice.offset), chunk,
+    refusal = streamRest(*slice.proc, in, buf, static_cast<size_t>(slice.offset), chunk, options.jobs,
                          sinks.writerOf(slice.proc), progress);
   }
   sinks.finish();

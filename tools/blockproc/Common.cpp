@@ -114,10 +114,11 @@ void Output::writeAll() {
 }
 
 void Output::spill() {
-  if (m_text.size() >= kChunk) writeAll();
+  if (m_fd >= 0 && m_text.size() >= kChunk) writeAll();
 }
 
 void Output::finish() {
+  if (m_fd < 0) return;
   writeAll();
   if (m_own) {
     const int fd = m_fd;
@@ -128,6 +129,10 @@ void Output::finish() {
 
 void Warnings::add(const std::string& message) {
   if (++m_count > kShownWarnings) return;
+  if (m_hold) {
+    m_held.push_back(message);
+    return;
+  }
   Progress::clearShown();
   std::cerr << "blockproc: warning: " << message << "\n";
 }

@@ -37,7 +37,7 @@ int runRealtime(const RealtimeOptions& options) {
   const int64_t size = in.size(), records = size / recordSize;
   const int64_t shown = options.keep > 0 ? std::min<int64_t>(options.keep, records) : records;
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
-  const int64_t pieceRecords = std::max<int64_t>(chunk / recordSize, 1);
+  const int64_t pieceRecords = std::max<int64_t>(chunk / options.jobs / recordSize, 1);  // one thread's
   // The block is laid out as repeated, one piece of records at most.
   block.setRepeat(static_cast<int32_t>(std::clamp<int64_t>(std::min(shown, pieceRecords), 1, INT32_MAX)));
   proc->DefaultMemory();
@@ -50,13 +50,25 @@ int runRealtime(const RealtimeOptions& options) {
   RecordWriter writer(out, session.definition->tran.getTrCode(), render, warnings);
   writer.beginBlock(*proc, shown);
   Progress progress(!options.quiet, shown * recordSize);
-  std::string piece;
-  for (int64_t end = records; end > records - shown;) {
-    const int64_t begin = std::max(records - shown, end - pieceRecords);
-    piece.resize(static_cast<size_t>((end - begin) * recordSize));
-    in.readAt(piece.data(), piece.size(), begin * recordSize);
-    proc->setDataReverse(piece.data(), 0, static_cast<int32_t>(piece.size()));
-    writer.records(*proc, records - end);
+  // With --jobs, each round reads one piece per thread, the newest piece first.
+  std::string batch;
+  const int64_t oldest = records - shown;
+  for (int64_t end = records; end > oldest;) {
+    const int64_t begin = std::max(oldest, end - pieceRecords * options.jobs);
+    batch.resize(static_cast<size_t>((end - begin) * recordSize));
+    in.readAt(batch.data(), batch.size(), begin * recordSize);
+    if (options.jobs > 1) {
+      std::vector<RecordWriter::Piece> pieces;
+      for (int64_t top = end; top > begin; top -= pieceRecords) {
+        const int64_t bottom = std::max(begin, top - pieceRecords);
+        pieces.push_back({batch.data() + (bottom - begin) * recordSize,
+                          static_cast<int32_t>((top - bottom) * recordSize), records - top, true});
+      }
+      writer.recordsInParallel(*proc, pieces);
+    } else {
+      proc->setDataReverse(batch.data(), 0, static_cast<int32_t>(batch.size()));
+      writer.records(*proc, records - end);
+    }
     end = begin;
     progress.update((records - end) * recordSize, records - end);
   }
