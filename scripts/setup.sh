@@ -21,7 +21,7 @@ for word in "$@"; do
     test) want+=("${sample[@]}" libgtest-dev libgmock-dev "${python[@]}"); profile=1 ;;
     python) want+=("${sample[@]}" "${python[@]}"); profile=1 ;;
     fuzz) want+=("${sample[@]}" clang libclang-rt-14-dev); profile=1 ;;
-    bench) want+=("${sample[@]}" libbenchmark-dev); profile=1 ;;
+    bench) want+=("${sample[@]}" libbenchmark-dev time); profile=1 ;;
     format) want+=(clang-format); profile=1 ;;
     *) want+=("$word") ;;
   esac

@@ -109,6 +109,32 @@ TEST(TransactionProc, SplitsRepliesByTheirCountRulesOrRefusesThem) {
   }
 }
 
+// A reply read in pieces: the head stops at the rest block and says where its records start, or how many
+// more bytes a block ahead of it needs; checkRest words the rest's refusals as a whole reply's.
+TEST(TransactionProc, ReceivesTheHeadOfAReplyThatEndsInARestBlock) {
+  Loaded t = load(twoBlocks("rest", 0));
+  ASSERT_TRUE(t.proc);
+  const std::string head = "abcd002";
+  const auto part = t.proc->receiveReplyHead(head.data(), 5);
+  EXPECT_FALSE(part.ok);
+  EXPECT_EQ(part.more, 2);
+  const std::string reply = head + "x01x02";
+  const auto r = t.proc->receiveReplyHead(reply.data(), static_cast<int64_t>(reply.size()));
+  ASSERT_TRUE(r.ok) << r.message;
+  ASSERT_EQ(r.slices.size(), 2u);
+  EXPECT_FALSE(r.slices[0].open);
+  EXPECT_TRUE(r.slices[1].open);
+  EXPECT_EQ(r.slices[1].offset, 7);
+  EXPECT_EQ(r.slices[1].proc->getValidCount(), 0);
+  const BlockInfo& rows = *r.slices[1].proc->getBlockInfo();
+  EXPECT_EQ(TransactionProc::checkRest(rows, 15, false), "");
+  EXPECT_EQ(
+      TransactionProc::checkRest(rows, 16, false),
+      "block Rows takes the rest of the reply, 16 bytes, which is not a whole number of 3-byte records");
+  EXPECT_EQ(TransactionProc::checkRest(rows, 18, false),
+            "block Rows holds at most 5 records (its repeat); the reply has 6 records");
+}
+
 RecordValues valuesOf(const KXBlockDataProc& proc, int32_t index) {
   RecordValues record;
   const BlockInfo& block = *proc.getBlockInfo();

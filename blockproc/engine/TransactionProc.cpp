@@ -130,11 +130,27 @@ KXBlockDataProc* TransactionProc::findBlockProc(std::string_view name) const noe
 // ---- receiving a reply ------------------------------------------------------------------------------------
 
 TransactionProc::ReplyResult TransactionProc::receiveReply(const void* data, int64_t size) noexcept {
-  return receive(data, size, false);
+  return receive(data, size, false, true);
 }
 
 TransactionProc::ReplyResult TransactionProc::receiveRequest(const void* data, int64_t size) noexcept {
-  return receive(data, size, true);
+  return receive(data, size, true, true);
+}
+
+TransactionProc::ReplyResult TransactionProc::receiveReplyHead(const void* data, int64_t size) noexcept {
+  return receive(data, size, false, false);
+}
+
+std::string TransactionProc::checkRest(const BlockInfo& block, int64_t restBytes, bool input) {
+  const std::string what = input ? "request" : "reply";
+  const int64_t recordSize = input ? sendRecordSize(block) : block.getRecordMemSize();
+  if (recordSize <= 0 || restBytes % recordSize != 0)
+    return "block " + block.m_szBlockName + " takes the rest of the " + what + ", " + bytes(restBytes) +
+           ", which is not a whole number of " + std::to_string(recordSize) + "-byte records";
+  if (restBytes / recordSize > block.m_nRepeatCount)
+    return "block " + block.m_szBlockName + " holds at most " + records(block.m_nRepeatCount) +
+           " (its repeat); the " + what + " has " + records(restBytes / recordSize);
+  return {};
 }
 
 namespace {
@@ -158,108 +174,136 @@ std::string unpackRecords(const BlockInfo& block, const uint8_t* sent, int64_t c
 
 }  // namespace
 
-TransactionProc::ReplyResult TransactionProc::receive(const void* data, int64_t size, bool input) noexcept {
+// One side's blocks taking their records from received bytes, one block after another.
+struct TransactionProc::Receiver {
+  const TransactionDefinition& definition;
+  const uint8_t* bytesIn;
+  int64_t size;
+  bool input;
+  std::string what;
+  ReplyResult& result;
+  int64_t at = 0;
+
+  // The record count of a repeated block: its count prefix, the rest of the bytes or an earlier field.
+  int64_t countOf(const BlockInfo& block, BlockSlice& slice, int64_t recordSize) {
+    switch (block.m_nRecordLenApplyType) {
+      case RCL_OCCURSLEN:
+        return prefixCount(block, slice);
+      case RCL_RESTDATA: {
+        const std::string refusal = checkRest(block, size - at, input);
+        if (!refusal.empty()) throw Refusal{refusal};
+        return (size - at) / recordSize;
+      }
+      case RCL_BLOCKFIELD_ID:
+      default:
+        return fieldCount(block);
+    }
+  }
+
+  int64_t prefixCount(const BlockInfo& block, BlockSlice& slice) {
+    const std::string& name = block.m_szBlockName;
+    const int32_t digits = definition.tran.m_nOccursLen;
+    if (digits <= 0)
+      throw Refusal{"block " + name + " counts its records with a prefix, but the occurs length is 0"};
+    if (size - at < digits) {
+      result.more = digits - (size - at);
+      throw Refusal{"block " + name + " needs a " + std::to_string(digits) + "-digit record count; " +
+                    withThousands(size - at) + " remain"};
+    }
+    const std::string_view prefix(reinterpret_cast<const char*>(bytesIn + at), static_cast<size_t>(digits));
+    const int64_t count = parseCount(prefix);
+    if (count < 0)
+      throw Refusal{"block " + name + "'s record count '" + std::string(prefix) + "' (at byte " +
+                    withThousands(at) + ") is not a number"};
+    slice.countOffset = at;
+    slice.countLength = digits;
+    at += digits;
+    return count;
+  }
+
+  int64_t fieldCount(const BlockInfo& block) const {
+    const auto [countBlock, countField] = splitFieldRef(block.m_strRecordLenSubInfo);
+    const auto reached =
+        std::find_if(result.slices.begin(), result.slices.end(),
+                     [wanted = countBlock](const BlockSlice& s) { return s.proc->getBlockName() == wanted; });
+    if (reached == result.slices.end() || reached->proc->findFieldInfo(countField) == nullptr)
+      throw Refusal{"block " + block.m_szBlockName + " takes its record count from " +
+                    block.m_strRecordLenSubInfo + ", which is not a field of an earlier block of the " +
+                    what};
+    const std::string value = reached->proc->getFieldDataFromName(countField, 0);
+    const int64_t count = parseCountValue(value);
+    if (count < 0)
+      throw Refusal{"block " + block.m_szBlockName + " takes its record count from " +
+                    block.m_strRecordLenSubInfo + ", which reads '" + value + "', not a record count"};
+    return count;
+  }
+
+  // Hands the block its `count` records from the current position.
+  void take(KXBlockDataProc& proc, BlockSlice& slice, int64_t count, int64_t recordSize) {
+    const BlockInfo& block = *proc.getBlockInfo();
+    // The block's repeat is the most records it takes, which also keeps a block within its bytes limit.
+    if (block.isOccursBlock() && count > block.m_nRepeatCount)
+      throw Refusal{"block " + block.m_szBlockName + " holds at most " + records(block.m_nRepeatCount) +
+                    " (its repeat); the " + what + " has " + records(count)};
+    // count * recordSize, held at the 64-bit limit: a count read from the data may be absurd.
+    const int64_t need = recordSize > 0 && count > std::numeric_limits<int64_t>::max() / recordSize
+                             ? std::numeric_limits<int64_t>::max()
+                             : count * recordSize;
+    if (need > size - at) {
+      result.more = need - (size - at);
+      throw Refusal{"block " + block.m_szBlockName + " needs " + bytes(need) + " for " + records(count) +
+                    "; " + withThousands(size - at) + " remain"};
+    }
+    if (input) {
+      const std::string laidOut = unpackRecords(block, bytesIn + at, count);
+      proc.setData(laidOut.data(), 0, static_cast<int32_t>(laidOut.size()));
+    } else {
+      proc.setData(bytesIn, static_cast<int32_t>(at), static_cast<int32_t>(need));
+    }
+    slice.offset = at;
+    slice.length = need;
+    slice.records = static_cast<int32_t>(count);
+    result.slices.push_back(slice);
+    at += need;
+    result.used = at;
+  }
+};
+
+TransactionProc::ReplyResult TransactionProc::receive(const void* data, int64_t size, bool input,
+                                                      bool complete) noexcept {
   ReplyResult result;
-  const std::string what = input ? "request" : "reply";
   const auto& procs = input ? m_InblockDPList : m_OutblockDPList;
   try {
+    Receiver in{m_definition, static_cast<const uint8_t*>(data), size,
+                input,        input ? "request" : "reply",       result};
     for (KXBlockDataProc* proc : procs) proc->setData(data, 0, 0);
-    if (size < 0 || (data == nullptr && size > 0)) throw Refusal{"no " + what + " bytes were given"};
+    if (size < 0 || (data == nullptr && size > 0)) throw Refusal{"no " + in.what + " bytes were given"};
     if (size > kInt32Max)
-      throw Refusal{"a " + what + " of " + bytes(size) + " is more than a transaction takes (" +
+      throw Refusal{"a " + in.what + " of " + bytes(size) + " is more than a transaction takes (" +
                     bytes(kInt32Max) + ")"};
-    const auto* bytesIn = static_cast<const uint8_t*>(data);
-    int64_t at = 0;
     for (KXBlockDataProc* proc : procs) {
       const BlockInfo& block = *proc->getBlockInfo();
-      const std::string& name = block.m_szBlockName;
       const int64_t recordSize = input ? sendRecordSize(block) : block.getRecordMemSize();
-      BlockSlice slice;
-      slice.proc = proc;
-      slice.packed = input;
-      int64_t count = 1;
-      if (block.isOccursBlock()) {
-        switch (block.m_nRecordLenApplyType) {
-          case RCL_OCCURSLEN: {
-            const int32_t digits = m_definition.tran.m_nOccursLen;
-            if (digits <= 0)
-              throw Refusal{"block " + name +
-                            " counts its records with a prefix, but the occurs length is 0"};
-            if (size - at < digits)
-              throw Refusal{"block " + name + " needs a " + std::to_string(digits) + "-digit record count; " +
-                            withThousands(size - at) + " remain"};
-            const std::string_view prefix(reinterpret_cast<const char*>(bytesIn + at),
-                                          static_cast<size_t>(digits));
-            count = parseCount(prefix);
-            if (count < 0)
-              throw Refusal{"block " + name + "'s record count '" + std::string(prefix) + "' (at byte " +
-                            withThousands(at) + ") is not a number"};
-            slice.countOffset = at;
-            slice.countLength = digits;
-            at += digits;
-            break;
-          }
-          case RCL_RESTDATA: {
-            const int64_t rest = size - at;
-            if (recordSize <= 0 || rest % recordSize != 0)
-              throw Refusal{"block " + name + " takes the rest of the " + what + ", " + bytes(rest) +
-                            ", which is not a whole number of " + std::to_string(recordSize) +
-                            "-byte records"};
-            count = rest / recordSize;
-            break;
-          }
-          case RCL_BLOCKFIELD_ID:
-          default: {
-            const auto [countBlock, countField] = splitFieldRef(block.m_strRecordLenSubInfo);
-            const auto reached = std::find_if(
-                result.slices.begin(), result.slices.end(),
-                [wanted = countBlock](const BlockSlice& s) { return s.proc->getBlockName() == wanted; });
-            if (reached == result.slices.end() || reached->proc->findFieldInfo(countField) == nullptr)
-              throw Refusal{"block " + name + " takes its record count from " + block.m_strRecordLenSubInfo +
-                            ", which is not a field of an earlier block of the " + what};
-            const std::string value = reached->proc->getFieldDataFromName(countField, 0);
-            count = parseCountValue(value);
-            if (count < 0)
-              throw Refusal{"block " + name + " takes its record count from " + block.m_strRecordLenSubInfo +
-                            ", which reads '" + value + "', not a record count"};
-            break;
-          }
-        }
-        // The block's repeat is the most records it takes, which also keeps a block within its bytes limit.
-        if (count > block.m_nRepeatCount)
-          throw Refusal{"block " + name + " holds at most " + records(block.m_nRepeatCount) +
-                        " (its repeat); the " + what + " has " + records(count)};
+      BlockSlice slice{proc, -1, 0, in.at, 0, 0, input, false};
+      if (!complete && block.isOccursBlock() && block.m_nRecordLenApplyType == RCL_RESTDATA) {
+        // The caller hands this block its records as they arrive.
+        slice.open = true;
+        result.slices.push_back(slice);
+        result.ok = true;
+        return result;
       }
-      // count * recordSize, held at the 64-bit limit: a count read from the data may be absurd.
-      const int64_t need = recordSize > 0 && count > std::numeric_limits<int64_t>::max() / recordSize
-                               ? std::numeric_limits<int64_t>::max()
-                               : count * recordSize;
-      if (need > size - at)
-        throw Refusal{"block " + name + " needs " + bytes(need) + " for " + records(count) + "; " +
-                      withThousands(size - at) + " remain"};
-      if (input) {
-        const std::string laidOut = unpackRecords(block, bytesIn + at, count);
-        proc->setData(laidOut.data(), 0, static_cast<int32_t>(laidOut.size()));
-      } else {
-        proc->setData(data, static_cast<int32_t>(at), static_cast<int32_t>(need));
-      }
-      slice.offset = at;
-      slice.length = need;
-      slice.records = static_cast<int32_t>(count);
-      result.slices.push_back(slice);
-      at += need;
-      result.used = at;
+      in.take(*proc, slice, block.isOccursBlock() ? in.countOf(block, slice, recordSize) : 1, recordSize);
     }
-    if (at < size) {
+    if (in.at < size) {
       const std::string last = procs.empty() ? "" : " after block " + procs.back()->getBlockName();
-      throw Refusal{"the " + what + " has " + bytes(size) + ", but its blocks take " + withThousands(at) +
-                    "; " + withThousands(size - at) + " remain" + last};
+      throw Refusal{"the " + in.what + " has " + bytes(size) + ", but its blocks take " +
+                    withThousands(in.at) + "; " + withThousands(size - in.at) + " remain" + last};
     }
     result.ok = true;
   } catch (const Refusal& refusal) {
     result.message = refusal.message;
   } catch (...) {
-    result.message = "out of memory while splitting the " + what;
+    result.message = std::string("out of memory while splitting the ") + (input ? "request" : "reply");
   }
   return result;
 }

@@ -47,12 +47,14 @@ class TransactionProc : public BaseDataProc {
     int64_t length = 0;        // bytes of its records
     int32_t records = 0;
     bool packed = false;  // records as a request sends them: the fields back to back, no attribute bytes
+    bool open = false;    // a count="rest" block left to the caller by receiveReplyHead (no record yet)
   };
   struct ReplyResult {
     bool ok = false;
     std::string message;             // what is wrong ("" when ok)
     std::vector<BlockSlice> slices;  // the blocks handed their records, in order (also before a failure)
     int64_t used = 0;                // bytes accounted for by the slices
+    int64_t more = 0;  // when the bytes ended inside a block: at least this many more were needed, else 0
   };
   struct BuildResult {
     bool ok = false;
@@ -84,6 +86,15 @@ class TransactionProc : public BaseDataProc {
   // the blocks before the problem keep their records.
   ReplyResult receiveReply(const void* data, int64_t size) noexcept;
 
+  // As receiveReply for the first `size` bytes of a reply that may go on: a count="rest" block is not
+  // handed records but comes back as the last slice, marked open, its records starting at its offset, for
+  // the caller to hand over piece by piece (setData) and check with checkRest. Without a rest block the
+  // bytes must hold the whole reply. When they end inside a block, the refusal says so in `more`.
+  ReplyResult receiveReplyHead(const void* data, int64_t size) noexcept;
+  // Why a count="rest" block cannot take `restBytes` (not whole records, or more than its repeat), in the
+  // words of receiveReply, or "" when it can.
+  static std::string checkRest(const BlockInfo& block, int64_t restBytes, bool input);
+
   // The request's counterpart of receiveReply: splits request bytes (as buildRequest makes them) among the
   // input blocks, each record's sent fields laid out at their positions in the block's records.
   ReplyResult receiveRequest(const void* data, int64_t size) noexcept;
@@ -100,8 +111,9 @@ class TransactionProc : public BaseDataProc {
 
  private:
   struct Side;
+  struct Receiver;
   BuildResult build(const std::vector<BlockValues>& values, bool input) noexcept;
-  ReplyResult receive(const void* data, int64_t size, bool input) noexcept;
+  ReplyResult receive(const void* data, int64_t size, bool input, bool complete) noexcept;
   void loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept;
 
   TransactionDefinition& m_definition;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Progress.h"
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/TransactionProc.h"
@@ -36,9 +37,14 @@ struct CommonOptions {
   std::string encoding;    // "" keeps the definition's encoding
 };
 
+// How the parent lays out repeated blocks: each with its repeat of records, or with one record (growing as
+// records are handed over) for the count="rest" output blocks or for every block.
+enum class Layout { Full, RestAsOne, AllAsOne };
+
 // Loads the definition (standard input for "-") and builds its parent; a definition that cannot be read or
 // is not valid fails with kExitUsage. `dataPath` is the data's path, which may not also be "-".
-Session openSession(const CommonOptions& options, const std::string& dataPath = "");
+Session openSession(const CommonOptions& options, const std::string& dataPath = "",
+                    Layout layout = Layout::Full);
 // The whole file, or standard input for "-"; a file that cannot be read (a directory, a missing file)
 // fails with kExitUsage.
 std::string readInput(const std::string& path);
@@ -51,6 +57,8 @@ class Output {
  public:
   // Standard output for "" or "-", else the file, created or truncated.
   explicit Output(const std::string& path);
+  // Text kept in memory only, for a caller that writes it out elsewhere: spill and finish do nothing.
+  Output() = default;
   ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -73,13 +81,24 @@ class Output {
 // hundred of them), and any of them makes the command exit with kExitData after its output is complete.
 class Warnings {
  public:
+  Warnings() = default;
+  // Keeps the messages (held()) instead of showing them, for a thread that decodes a piece.
+  explicit Warnings(bool hold) : m_hold(hold) {}
   void add(const std::string& message);
+  const std::vector<std::string>& held() const noexcept { return m_held; }
+  // Forgets the held messages and the count.
+  void clear() noexcept {
+    m_held.clear();
+    m_count = 0;
+  }
   int64_t count() const noexcept { return m_count; }
   // Says how many were not shown, if any.
   void close() const;
 
  private:
   int64_t m_count = 0;
+  bool m_hold = false;
+  std::vector<std::string> m_held;
 };
 
 // ---- records as text --------------------------------------------------------------------------------------
@@ -101,8 +120,11 @@ struct RenderOptions {
 // Appends the column's value in record `index`: canonical (or the processor's display string when raw),
 // "0x35" for an attribute byte. Returns what kept the value from being plain; `warnings`, when given, is
 // told of it with block, record, field and byte offset.
+// `record` is the number messages give the record (record `index` of a piece of a longer block); -1 gives
+// `index`.
 value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
-                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings);
+                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
+                               int64_t record = -1);
 // The text with control characters shown as \xNN, so that a value cannot break a table or the terminal.
 std::string printable(std::string_view text);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
@@ -113,10 +135,74 @@ void appendPadded(std::string& out, std::string_view text, size_t width, bool ri
 // Rows under a header line, each column as wide as its widest cell; no trailing spaces.
 std::string renderTable(const std::vector<std::string>& header, const std::vector<bool>& right,
                         const std::vector<std::vector<std::string>>& rows);
-// Writes the records of the blocks in the chosen format, a record at a time; for tables and long form a
-// block title goes ahead of each block.
+// Writes blocks' records in the chosen format as they come, a piece of a block at a time, so that nothing
+// holds the whole output: table columns are as wide as the field's widest value, from the definition. JSON
+// opens at construction and closes at finish(); for tables and long form a block title goes ahead of each
+// block.
+class RecordWriter {
+ public:
+  RecordWriter(Output& out, std::string code, const RenderOptions& options, Warnings& warnings);
+  ~RecordWriter();
+  RecordWriter(const RecordWriter&) = delete;
+  RecordWriter& operator=(const RecordWriter&) = delete;
+
+  // Starts a block of `count` records, or of records up to the end of the input when `count` is -1 (a table
+  // then gives the count after them).
+  void beginBlock(const KXBlockDataProc& proc, int64_t count);
+  // The processor's valid records, numbered from `first`.
+  void records(const KXBlockDataProc& proc, int64_t first);
+  // Records of the block begun, read from pieces of received bytes, each decoded on a thread of its own by
+  // a processor of its own and written in order: the same text as records() of each piece in turn.
+  struct Piece {
+    const char* bytes;
+    int32_t size;   // whole records
+    int64_t first;  // number of its first record
+    bool reverse;   // the last record of the piece comes first (setDataReverse)
+  };
+  void recordsInParallel(const KXBlockDataProc& model, const std::vector<Piece>& pieces);
+  void endBlock();
+  void finish();
+
+ private:
+  struct State;
+  struct PieceWork;
+  explicit RecordWriter(std::unique_ptr<State> state);
+  std::unique_ptr<State> m_state;
+  std::vector<std::unique_ptr<PieceWork>> m_work;  // one per thread of recordsInParallel
+};
+
+// Writes every valid record of the blocks through one RecordWriter.
 void renderBlocks(Output& out, const std::string& code, const std::vector<const KXBlockDataProc*>& blocks,
                   const RenderOptions& options, Warnings& warnings);
+
+// Bytes of a file or of standard input, read a piece at a time.
+class InputStream {
+ public:
+  // Opens the file, or standard input for "-"; one that cannot be read fails with kExitUsage as readInput.
+  explicit InputStream(const std::string& path);
+  ~InputStream();
+  InputStream(const InputStream&) = delete;
+  InputStream& operator=(const InputStream&) = delete;
+
+  // Appends `n` bytes to `buf`, fewer only at the end of the input; returns how many. Fails with kExitData.
+  size_t read(std::string& buf, size_t n);
+  // Copies standard input into an unnamed temporary file, so that it can be read at any offset.
+  void makeSeekable();
+  // Reads `n` bytes at `offset` of a seekable input into `to`; fails with kExitData.
+  void readAt(char* to, size_t n, int64_t offset);
+  bool atEnd() const noexcept { return m_end; }
+  int64_t size() const noexcept { return m_size; }  // a regular file's size, else -1
+  const std::string& name() const noexcept { return m_name; }
+
+ private:
+  int m_fd = -1;
+  bool m_own = false, m_end = false;
+  int64_t m_size = -1;
+  std::string m_name;
+};
+
+// Bytes read at a time from a block read to the end of its input, unless --chunk-bytes says otherwise.
+constexpr int64_t kDefaultChunkBytes = int64_t{4} << 20;
 
 // ---- subcommands ------------------------------------------------------------------------------------------
 
@@ -127,7 +213,10 @@ struct DecodeOptions {
   std::string block;
   std::string outputDir;  // one file per block
   bool raw = false;
-  bool request = false;  // the data is a request: the input blocks
+  bool request = false;    // the data is a request: the input blocks
+  bool quiet = false;      // no progress line
+  int64_t chunkBytes = 0;  // bytes read at a time from a count="rest" block; 0: the default
+  int32_t jobs = 1;        // threads decoding pieces of a count="rest" block side by side
 };
 struct EncodeOptions {
   CommonOptions common;
@@ -147,6 +236,9 @@ struct RealtimeOptions {
   std::string format = "table";
   bool raw = false;
   int32_t keep = 0;  // 0: every record of the stream
+  bool quiet = false;
+  int64_t chunkBytes = 0;
+  int32_t jobs = 1;
 };
 
 int runInspect(const CommonOptions& options);

@@ -268,39 +268,193 @@ std::vector<const KXBlockDataProc*> chosenBlocks(const Session& session, const s
 
 }  // namespace
 
+namespace {
+
+constexpr std::string_view kSplitHint = "\n  (hexdump shows how the bytes fall into the blocks)";
+
+// Whether the reply ends in a count="rest" block, which is read a piece at a time.
+bool endsInRest(const TransactionDefinition& def) {
+  for (const BlockInfo* block : def.tran.m_OutBlockList)
+    if (block->isOccursBlock() && block->m_nRecordLenApplyType == RCL_RESTDATA) return true;
+  return false;
+}
+
+// Where decoded blocks go: one writer on standard output, or with --output-dir one file and writer per block.
+class Sinks {
+ public:
+  Sinks(const DecodeOptions& options, const RenderOptions& render, const Session& session,
+        const std::vector<const KXBlockDataProc*>& blocks, Warnings& warnings)
+      : m_blocks(blocks) {
+    const std::string& code = session.definition->tran.getTrCode();
+    if (options.outputDir.empty()) {
+      auto& sink = m_sinks.emplace_back(Sink{std::make_unique<Output>(""), nullptr});
+      if (render.format == Format::Table) sink.out->text() += titleLine(*session.definition) + "\n";
+      sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
+      return;
+    }
+    if (::mkdir(options.outputDir.c_str(), 0777) != 0 && errno != EEXIST)
+      throw Failure{kExitData,
+                    "cannot make the directory '" + options.outputDir + "': " + std::strerror(errno)};
+    for (const KXBlockDataProc* proc : blocks) {
+      auto& sink =
+          m_sinks.emplace_back(Sink{std::make_unique<Output>(options.outputDir + "/" + proc->getBlockName() +
+                                                             extensionOf(render.format)),
+                                    nullptr});
+      sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
+    }
+  }
+
+  // The writer of the block, or nullptr when the block is not shown.
+  RecordWriter* writerOf(const KXBlockDataProc* proc) {
+    const auto it = std::find(m_blocks.begin(), m_blocks.end(), proc);
+    if (it == m_blocks.end()) return nullptr;
+    return m_sinks.size() == 1 ? m_sinks[0].writer.get()
+                               : m_sinks[static_cast<size_t>(it - m_blocks.begin())].writer.get();
+  }
+
+  // Writes a block whose records the processor holds.
+  void writeWhole(const KXBlockDataProc* proc) {
+    if (RecordWriter* writer = writerOf(proc)) {
+      writer->beginBlock(*proc, proc->getValidCount());
+      writer->records(*proc, 0);
+      writer->endBlock();
+    }
+  }
+
+  void finish() {
+    for (Sink& sink : m_sinks) {
+      sink.writer->finish();
+      sink.out->finish();
+    }
+  }
+
+ private:
+  struct Sink {
+    std::unique_ptr<Output> out;
+    std::unique_ptr<RecordWriter> writer;
+  };
+  std::vector<const KXBlockDataProc*> m_blocks;
+  std::vector<Sink> m_sinks;
+};
+
+// The blocks ahead of the rest block, from as many bytes of the input as they need.
+TransactionProc::ReplyResult receiveHead(TransactionProc& proc, InputStream& in, std::string& buf,
+                                         size_t chunk) {
+  in.read(buf, chunk);
+  for (;;) {
+    TransactionProc::ReplyResult head = proc.receiveReplyHead(buf.data(), static_cast<int64_t>(buf.size()));
+    if (head.ok || head.more <= 0 || in.atEnd()) return head;
+    in.read(buf, std::max(static_cast<size_t>(head.more), chunk));
+  }
+}
+
+// Hands the rest block its records a piece at a time from `buf[at...]` and the input, each piece written
+// as it is taken (`jobs` pieces side by side). Returns why the block's bytes were refused (not whole records,
+// more than its repeat), or
+// "" when they were not; the records before the problem are written.
+std::string streamRest(KXBlockDataProc& proc, InputStream& in, std::string& buf, size_t at, size_t chunk,
+                       int32_t jobs, RecordWriter* writer, Progress& progress) {
+  const BlockInfo& block = *proc.getBlockInfo();
+  if (block.getRecordMemSize() <= 0) return TransactionProc::checkRest(block, 1, false);
+  const auto recordSize = static_cast<size_t>(block.getRecordMemSize());
+  // A round reads about `chunk` bytes whatever the jobs, so that memory does not grow with them.
+  const size_t piece = std::max<size_t>(chunk / static_cast<size_t>(jobs) / recordSize, 1) * recordSize;
+  const int64_t cap = block.m_nRepeatCount, start = static_cast<int64_t>(at);
+  if (writer != nullptr) {
+    const int64_t rest = in.size() >= 0 ? in.size() - start : -1;
+    writer->beginBlock(proc,
+                       rest >= 0 ? std::min<int64_t>(rest / static_cast<int64_t>(recordSize), cap) : -1);
+  }
+  // With --jobs, each round reads one piece per thread.
+  const size_t batch = piece * static_cast<size_t>(jobs);
+  const auto pieceRecords = static_cast<int64_t>(piece / recordSize);
+  int64_t taken = 0;
+  for (;;) {
+    if (buf.size() - at < batch && !in.atEnd()) {
+      buf.erase(0, at);
+      at = 0;
+      in.read(buf, batch - buf.size());
+    }
+    const auto have = static_cast<int64_t>(std::min(batch, buf.size() - at) / recordSize);
+    const int64_t records = std::min(have, cap - taken);
+    if (records <= 0) break;
+    const char* bytes = buf.data() + at;
+    if (writer != nullptr && jobs > 1) {
+      std::vector<RecordWriter::Piece> pieces;
+      for (int64_t r = 0; r < records; r += pieceRecords)
+        pieces.push_back(
+            {bytes + r * static_cast<int64_t>(recordSize),
+             static_cast<int32_t>(std::min(pieceRecords, records - r) * static_cast<int64_t>(recordSize)),
+             taken + r, false});
+      writer->recordsInParallel(proc, pieces);
+    } else {
+      proc.setData(bytes, 0, static_cast<int32_t>(records * static_cast<int64_t>(recordSize)));
+      if (writer != nullptr) writer->records(proc, taken);
+    }
+    taken += records;
+    at += static_cast<size_t>(records) * recordSize;
+    progress.update(start + taken * static_cast<int64_t>(recordSize), taken);
+  }
+  if (writer != nullptr) writer->endBlock();
+  // The bytes past the records taken, counted to the end of the input for the message.
+  int64_t left = static_cast<int64_t>(buf.size() - at);
+  for (std::string drain; !in.atEnd(); drain.clear()) left += static_cast<int64_t>(in.read(drain, chunk));
+  return left == 0
+             ? ""
+             : TransactionProc::checkRest(block, taken * static_cast<int64_t>(recordSize) + left, false);
+}
+
+// Decodes a reply that ends in a count="rest" block: the blocks ahead of it, then its records a piece at
+// a time, never the whole reply or the whole output at once.
+int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, const Session& session,
+                   const std::vector<const KXBlockDataProc*>& blocks) {
+  InputStream in(options.reply);
+  const auto chunk = static_cast<size_t>(options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes);
+  std::string buf;
+  const auto head = receiveHead(*session.proc, in, buf, chunk);
+  if (!head.ok) throw Failure{kExitData, in.name() + ": " + head.message + std::string(kSplitHint)};
+  Warnings warnings;
+  Sinks sinks(options, render, session, blocks, warnings);
+  std::string refusal;
+  for (const TransactionProc::BlockSlice& slice : head.slices) {
+    if (!slice.open) {
+      sinks.writeWhole(slice.proc);
+      continue;
+    }
+    Progress progress(!options.quiet, in.size());
+    refusal = streamRest(*slice.proc, in, buf, static_cast<size_t>(slice.offset), chunk, options.jobs,
+                         sinks.writerOf(slice.proc), progress);
+  }
+  sinks.finish();
+  warnings.close();
+  if (!refusal.empty()) throw Failure{kExitData, in.name() + ": " + refusal + std::string(kSplitHint)};
+  return warnings.count() > 0 ? kExitData : kExitOk;
+}
+
+}  // namespace
+
 int runDecode(const DecodeOptions& options) {
   const RenderOptions render{parseFormat(options.format), options.raw};
-  const Session session = openSession(options.common, options.reply);
+  const Session session =
+      openSession(options.common, options.reply, options.request ? Layout::Full : Layout::RestAsOne);
   const std::vector<const KXBlockDataProc*> blocks = chosenBlocks(session, options.block, options.request);
   if (render.format == Format::Csv && blocks.size() > 1 && options.outputDir.empty())
     throw Failure{kExitUsage, "CSV holds one block, and the " +
                                   std::string(options.request ? "request" : "reply") + " has " +
                                   std::to_string(blocks.size()) +
                                   "; pick one with --block, or give --output-dir DIR for one file per block"};
+  if (!options.request && endsInRest(*session.definition))
+    return decodeStreamed(options, render, session, blocks);
   const std::string data = readInput(options.reply);
   const auto size = static_cast<int64_t>(data.size());
   const auto received = options.request ? session.proc->receiveRequest(data.data(), size)
                                         : session.proc->receiveReply(data.data(), size);
   if (!received.ok)
-    throw Failure{kExitData, sourceName(options.reply) + ": " + received.message +
-                                 "\n  (hexdump shows how the bytes fall into the blocks)"};
-  const std::string& code = session.definition->tran.getTrCode();
+    throw Failure{kExitData, sourceName(options.reply) + ": " + received.message + std::string(kSplitHint)};
   Warnings warnings;
-  if (!options.outputDir.empty()) {
-    if (::mkdir(options.outputDir.c_str(), 0777) != 0 && errno != EEXIST)
-      throw Failure{kExitData,
-                    "cannot make the directory '" + options.outputDir + "': " + std::strerror(errno)};
-    for (const KXBlockDataProc* proc : blocks) {
-      Output out(options.outputDir + "/" + proc->getBlockName() + extensionOf(render.format));
-      renderBlocks(out, code, {proc}, render, warnings);
-      out.finish();
-    }
-  } else {
-    Output out("");
-    if (render.format == Format::Table) out.text() += titleLine(*session.definition) + "\n";
-    renderBlocks(out, code, blocks, render, warnings);
-    out.finish();
-  }
+  Sinks sinks(options, render, session, blocks, warnings);
+  for (const KXBlockDataProc* proc : blocks) sinks.writeWhole(proc);
+  sinks.finish();
   warnings.close();
   return warnings.count() > 0 ? kExitData : kExitOk;
 }

@@ -31,7 +31,7 @@ std::string readStdin(const std::string& what) {
 
 }  // namespace
 
-Session openSession(const CommonOptions& options, const std::string& dataPath) {
+Session openSession(const CommonOptions& options, const std::string& dataPath, Layout layout) {
   if (options.definition == "-" && dataPath == "-")
     throw Failure{kExitUsage, "the definition and the data cannot both come from standard input"};
   DefinitionResult loaded = options.definition == "-"
@@ -52,7 +52,20 @@ Session openSession(const CommonOptions& options, const std::string& dataPath) {
                     "unknown encoding '" + options.encoding + "'; use cp949, euc-kr, utf-8, ascii or latin1"};
     session.definition->encoding = *encoding;
   }
+  // A repeat handed over a piece at a time is a cap, not a buffer: such a block is laid out with one record
+  // (a 64 MiB block would otherwise be laid out in full before the first record is read).
+  std::vector<std::pair<BlockInfo*, int32_t>> caps;
+  for (const auto& block : session.definition->tran.m_BlockInfokList) {
+    const bool rest = block->m_nRecordLenApplyType == RCL_RESTDATA &&
+                      std::find(session.definition->tran.m_OutBlockList.begin(),
+                                session.definition->tran.m_OutBlockList.end(),
+                                block.get()) != session.definition->tran.m_OutBlockList.end();
+    if (!block->isOccursBlock() || layout == Layout::Full || (layout == Layout::RestAsOne && !rest)) continue;
+    caps.emplace_back(block.get(), block->m_nRepeatCount);
+    block->setRepeat(1);
+  }
   session.proc = std::make_unique<TransactionProc>(*session.definition);
+  for (const auto& [block, cap] : caps) block->setRepeat(cap);
   return session;
 }
 
@@ -101,10 +114,11 @@ void Output::writeAll() {
 }
 
 void Output::spill() {
-  if (m_text.size() >= kChunk) writeAll();
+  if (m_fd >= 0 && m_text.size() >= kChunk) writeAll();
 }
 
 void Output::finish() {
+  if (m_fd < 0) return;
   writeAll();
   if (m_own) {
     const int fd = m_fd;
@@ -114,7 +128,13 @@ void Output::finish() {
 }
 
 void Warnings::add(const std::string& message) {
-  if (++m_count <= kShownWarnings) std::cerr << "blockproc: warning: " << message << "\n";
+  if (++m_count > kShownWarnings) return;
+  if (m_hold) {
+    m_held.push_back(message);
+    return;
+  }
+  Progress::clearShown();
+  std::cerr << "blockproc: warning: " << message << "\n";
 }
 
 void Warnings::close() const {
@@ -136,7 +156,8 @@ std::vector<Column> columnsOf(const KXBlockDataProc& proc) {
 }
 
 value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
-                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings) {
+                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
+                               int64_t record) {
   if (column.attr) {
     static constexpr char kHex[] = "0123456789ABCDEF";
     const uint8_t attr = proc.getFieldAttrFromInfo(column.field, index);
@@ -157,7 +178,7 @@ value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, co
   }
   if (result.issue != value::ValueIssue::None && warnings != nullptr) {
     std::string message;
-    value::appendWhere(message, proc.getBlockName(), index, column.name);
+    value::appendWhere(message, proc.getBlockName(), record < 0 ? index : record, column.name);
     message += ": ";
     value::appendIssue(message, result, *column.field, bytes, proc.getEncodingType());
     warnings->add(message);
@@ -216,310 +237,6 @@ std::string renderTable(const std::vector<std::string>& header, const std::vecto
   line(header);
   for (const auto& row : rows) line(row);
   return out;
-}
-
-// ---- formats ----------------------------------------------------------------------------------------------
-
-namespace {
-
-void appendInt(std::string& out, int64_t value) {
-  char digits[24];
-  out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
-}
-
-void trimLine(std::string& out) {
-  while (!out.empty() && out.back() == ' ') out.pop_back();
-  out += '\n';
-}
-
-// Appends the cell, printable, padded to the width; cells wider than their column push the line on.
-void appendTableCell(std::string& out, std::string& scratch, const KXBlockDataProc& proc, const Column& c,
-                     int32_t index, size_t width, bool raw, Warnings& warnings) {
-  scratch.clear();
-  appendCell(scratch, proc, c, index, value::BadByteStyle::Escaped, raw, &warnings);
-  const bool right = !c.attr && value::valueKind(*c.field) == value::ValueKind::Number;
-  appendPadded(out, printable(scratch), width, right);
-}
-
-size_t columnWidth(const Column& c) {
-  const size_t values = c.attr ? 4 : static_cast<size_t>(value::displayWidth(*c.field));
-  return std::max(values, utf8::displayWidth(c.name));
-}
-
-// A one-record block: one line per field with its names and value.
-void fieldTable(Output& out, const KXBlockDataProc& proc, bool raw, Warnings& warnings) {
-  const std::vector<Column> columns = columnsOf(proc);
-  size_t nameWidth = 5, korWidth = 4, valueWidth = 5;
-  bool anyAttr = false;
-  for (const Column& c : columns) {
-    anyAttr = anyAttr || c.attr;
-    if (c.attr) continue;
-    nameWidth = std::max(nameWidth, utf8::displayWidth(c.name));
-    korWidth = std::max(korWidth, utf8::displayWidth(printable(c.field->szKorFieldName)));
-    valueWidth = std::max(valueWidth, static_cast<size_t>(value::displayWidth(*c.field)));
-  }
-  std::string& text = out.text();
-  appendPadded(text, "field", nameWidth, false);
-  text += "  ";
-  appendPadded(text, "name", korWidth, false);
-  text += "  ";
-  appendPadded(text, "value", valueWidth, false);
-  text += anyAttr ? "  attr" : "";
-  trimLine(text);
-  std::string scratch;
-  for (size_t j = 0; j < columns.size(); ++j) {
-    const Column& c = columns[j];
-    appendPadded(text, c.name, nameWidth, false);
-    text += "  ";
-    appendPadded(text, printable(c.field->szKorFieldName), korWidth, false);
-    text += "  ";
-    scratch.clear();
-    appendCell(scratch, proc, c, 0, value::BadByteStyle::Escaped, raw, &warnings);
-    appendPadded(text, printable(scratch), valueWidth, false);
-    if (j + 1 < columns.size() && columns[j + 1].attr) {
-      text += "  ";
-      appendCell(text, proc, columns[++j], 0, value::BadByteStyle::Escaped, raw, &warnings);
-    }
-    trimLine(text);
-  }
-}
-
-// A repeated block: one line per record, one column per field, widths from the definition.
-void recordTable(Output& out, const KXBlockDataProc& proc, bool raw, Warnings& warnings) {
-  const std::vector<Column> columns = columnsOf(proc);
-  std::vector<size_t> widths;
-  for (const Column& c : columns) widths.push_back(columnWidth(c));
-  char digits[24];
-  const size_t indexWidth = std::max<size_t>(
-      1, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, proc.getValidCount() - 1).ptr -
-                             digits));
-  std::string& text = out.text();
-  appendPadded(text, "#", indexWidth, true);
-  for (size_t j = 0; j < columns.size(); ++j) {
-    text += "  ";
-    const bool right = !columns[j].attr && value::valueKind(*columns[j].field) == value::ValueKind::Number;
-    appendPadded(text, columns[j].name, widths[j], right);
-  }
-  trimLine(text);
-  std::string scratch;
-  for (int32_t i = 0; i < proc.getValidCount(); ++i) {
-    scratch.clear();
-    appendInt(scratch, i);
-    appendPadded(text, scratch, indexWidth, true);
-    for (size_t j = 0; j < columns.size(); ++j) {
-      text += "  ";
-      appendTableCell(text, scratch, proc, columns[j], i, widths[j], raw, warnings);
-    }
-    trimLine(text);
-    out.spill();
-  }
-}
-
-void appendRecordCount(std::string& out, int64_t count) {
-  out += withThousands(count);
-  out += count == 1 ? " record" : " records";
-}
-
-void tableOf(Output& out, const std::vector<const KXBlockDataProc*>& blocks, bool raw, Warnings& warnings) {
-  bool first = true;
-  for (const KXBlockDataProc* proc : blocks) {
-    std::string& text = out.text();
-    if (!first) text += '\n';
-    first = false;
-    text += proc->getBlockName();
-    text += ": ";
-    appendRecordCount(text, proc->getValidCount());
-    text += '\n';
-    if (proc->getValidCount() == 0) continue;
-    if (proc->isOccursBlock())
-      recordTable(out, *proc, raw, warnings);
-    else
-      fieldTable(out, *proc, raw, warnings);
-    out.spill();
-  }
-}
-
-// JSON string contents: quotes, backslashes and control characters escaped, UTF-8 kept.
-void appendJsonString(std::string& out, std::string_view text) {
-  out += '"';
-  for (char c : text) {
-    const auto byte = static_cast<uint8_t>(c);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (byte < 0x20) {
-      static constexpr char kHex[] = "0123456789abcdef";
-      out += "\\u00";
-      out += kHex[byte >> 4];
-      out += kHex[byte & 15];
-    } else {
-      out += c;
-    }
-  }
-  out += '"';
-}
-
-// The record's members, each on a line of its own at `indent` (pretty) or one after another (compact).
-// Numbers are JSON numbers with the exact decimal text; an empty number is null; undecodable bytes are
-// U+FFFD in the string, with the field's bytes in hexadecimal under "<field>@hex".
-void appendJsonMembers(std::string& out, std::string& scratch, const KXBlockDataProc& proc,
-                       const std::vector<Column>& columns, int32_t index, std::string_view indent, bool raw,
-                       bool first, Warnings& warnings) {
-  const char* separator = indent.empty() ? "," : ",\n";
-  const char* colon = indent.empty() ? ":" : ": ";
-  for (const Column& c : columns) {
-    const auto member = [&](std::string_view name) {
-      if (!first) out += separator;
-      first = false;
-      out += indent;
-      appendJsonString(out, name);
-      out += colon;
-    };
-    member(c.name);
-    scratch.clear();
-    const value::RenderResult r =
-        appendCell(scratch, proc, c, index, value::BadByteStyle::Replacement, raw, &warnings);
-    const bool number = !raw && !c.attr && value::valueKind(*c.field) == value::ValueKind::Number &&
-                        (r.issue == value::ValueIssue::None || r.issue == value::ValueIssue::MorePlaces);
-    if (number) {
-      out += scratch.empty() ? std::string_view("null") : std::string_view(scratch);
-    } else {
-      appendJsonString(out, scratch);
-    }
-    if (r.issue == value::ValueIssue::BadBytes || r.issue == value::ValueIssue::NotANumber) {
-      member(c.name + "@hex");
-      out += '"';
-      value::appendHex(out, value::fieldBytes(proc, *c.field, index));
-      out += '"';
-    }
-  }
-}
-
-void jsonOf(Output& out, const std::string& code, const std::vector<const KXBlockDataProc*>& blocks, bool raw,
-            Warnings& warnings) {
-  std::string& text = out.text();
-  text += "{\n  \"code\": ";
-  appendJsonString(text, code);
-  text += ",\n  \"blocks\": {";
-  std::string scratch;
-  for (size_t b = 0; b < blocks.size(); ++b) {
-    const KXBlockDataProc& proc = *blocks[b];
-    const std::vector<Column> columns = columnsOf(proc);
-    text += b == 0 ? "\n    " : ",\n    ";
-    appendJsonString(text, proc.getBlockName());
-    if (!proc.isOccursBlock() && proc.getValidCount() > 0) {
-      text += ": {\n";
-      appendJsonMembers(text, scratch, proc, columns, 0, "      ", raw, true, warnings);
-      text += "\n    }";
-      continue;
-    }
-    text += proc.getValidCount() == 0 ? ": [" : ": [\n";
-    for (int32_t i = 0; i < proc.getValidCount(); ++i) {
-      text += i == 0 ? "      {\n" : ",\n      {\n";
-      appendJsonMembers(text, scratch, proc, columns, i, "        ", raw, true, warnings);
-      text += "\n      }";
-      out.spill();
-    }
-    text += proc.getValidCount() == 0 ? "]" : "\n    ]";
-  }
-  text += blocks.empty() ? "}\n}\n" : "\n  }\n}\n";
-}
-
-void jsonlOf(Output& out, const std::vector<const KXBlockDataProc*>& blocks, bool raw, Warnings& warnings) {
-  std::string scratch;
-  for (const KXBlockDataProc* proc : blocks) {
-    const std::vector<Column> columns = columnsOf(*proc);
-    for (int32_t i = 0; i < proc->getValidCount(); ++i) {
-      std::string& text = out.text();
-      text += "{\"block\":";
-      appendJsonString(text, proc->getBlockName());
-      text += ",\"record\":";
-      appendInt(text, i);
-      appendJsonMembers(text, scratch, *proc, columns, i, "", raw, false, warnings);
-      text += "}\n";
-      out.spill();
-    }
-  }
-}
-
-void appendCsvCell(std::string& out, std::string_view text) {
-  if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
-    out += text;
-    return;
-  }
-  out += '"';
-  for (char c : text) {
-    if (c == '"') out += '"';
-    out += c;
-  }
-  out += '"';
-}
-
-// One row per record under a header of the field names.
-void csvOf(Output& out, const KXBlockDataProc& proc, bool raw, Warnings& warnings) {
-  const std::vector<Column> columns = columnsOf(proc);
-  std::string& text = out.text();
-  for (size_t j = 0; j < columns.size(); ++j) {
-    if (j > 0) text += ',';
-    appendCsvCell(text, columns[j].name);
-  }
-  text += '\n';
-  std::string scratch;
-  for (int32_t i = 0; i < proc.getValidCount(); ++i) {
-    for (size_t j = 0; j < columns.size(); ++j) {
-      if (j > 0) text += ',';
-      scratch.clear();
-      appendCell(scratch, proc, columns[j], i, value::BadByteStyle::Escaped, raw, &warnings);
-      appendCsvCell(text, scratch);
-    }
-    text += '\n';
-    out.spill();
-  }
-}
-
-// block,record,field,value: one line per value of every block.
-void longOf(Output& out, const std::vector<const KXBlockDataProc*>& blocks, bool raw, Warnings& warnings) {
-  out.text() += "block,record,field,value\n";
-  std::string scratch;
-  for (const KXBlockDataProc* proc : blocks) {
-    const std::vector<Column> columns = columnsOf(*proc);
-    for (int32_t i = 0; i < proc->getValidCount(); ++i) {
-      std::string& text = out.text();
-      for (const Column& c : columns) {
-        appendCsvCell(text, proc->getBlockName());
-        text += ',';
-        appendInt(text, i);
-        text += ',';
-        appendCsvCell(text, c.name);
-        text += ',';
-        scratch.clear();
-        appendCell(scratch, *proc, c, i, value::BadByteStyle::Escaped, raw, &warnings);
-        appendCsvCell(text, scratch);
-        text += '\n';
-      }
-      out.spill();
-    }
-  }
-}
-
-}  // namespace
-
-void renderBlocks(Output& out, const std::string& code, const std::vector<const KXBlockDataProc*>& blocks,
-                  const RenderOptions& options, Warnings& warnings) {
-  switch (options.format) {
-    case Format::Json:
-      return jsonOf(out, code, blocks, options.raw, warnings);
-    case Format::Jsonl:
-      return jsonlOf(out, blocks, options.raw, warnings);
-    case Format::Csv:
-      for (const KXBlockDataProc* proc : blocks) csvOf(out, *proc, options.raw, warnings);
-      return;
-    case Format::Long:
-      return longOf(out, blocks, options.raw, warnings);
-    case Format::Table:
-    default:
-      return tableOf(out, blocks, options.raw, warnings);
-  }
 }
 
 Format parseFormat(const std::string& name) {

@@ -47,6 +47,18 @@ void addFormat(CLI::App& command, std::string& format, bool& raw) {
                    "values");
 }
 
+void addStreaming(CLI::App& command, bool& quiet, int64_t& chunkBytes, int32_t& jobs) {
+  command.add_flag("-q,--quiet", quiet, "no progress line on standard error");
+  command
+      .add_option(
+          "-j,--jobs", jobs,
+          "decode a block read to the end of its input (count=\"rest\", a real-time stream) on this many "
+          "threads; the output is the same")
+      ->check(CLI::Range(1, 64));
+  // Tests read a small capture in many pieces with it; hidden from the help.
+  command.add_option("--chunk-bytes", chunkBytes)->check(CLI::Range(int64_t{1}, int64_t{1} << 30))->group("");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -68,6 +80,7 @@ int main(int argc, char** argv) {
   decodeCmd->add_option("--block", decode.block, "show only this block");
   decodeCmd->add_option("--output-dir", decode.outputDir, "write one file per block into this directory");
   decodeCmd->add_flag("--request", decode.request, "the data is a request: show its input blocks");
+  addStreaming(*decodeCmd, decode.quiet, decode.chunkBytes, decode.jobs);
 
   EncodeOptions encode;
   CLI::App* encodeCmd = app.add_subcommand("encode", "build request bytes from field values in JSON");
@@ -102,6 +115,7 @@ int main(int argc, char** argv) {
   realtimeCmd->add_option("--keep", realtime.keep, "keep only the newest N records (default: all)")
       ->check(CLI::Range(1, 1000000));
   addFormat(*realtimeCmd, realtime.format, realtime.raw);
+  addStreaming(*realtimeCmd, realtime.quiet, realtime.chunkBytes, realtime.jobs);
   addEncoding(*realtimeCmd, realtime.common);
 
   try {

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# The tool's speed and peak memory per output format on generated quote captures (14 fields, 120 bytes a
+# record): `decode` of a 200,000-record reply (24 MB, one count="rest" block) and `realtime` of a
+# 8,333,334-record stream (1 GB; a definition lays a block out in at most 64 MiB, a stream has no cap). The
+# captures are written once into /tmp and kept there. Each command runs pinned to one core; the figures are
+# the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
+# resident memory from /usr/bin/time -v.
+#
+#   bench/tool_throughput.sh [cpu] [runs]     (defaults: cpu 1, 3 runs)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+cpu=${1:-1}
+runs=${2:-3}
+bash scripts/setup.sh bench
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_TOOLS=ON >/dev/null
+cmake --build build-bench -j 2 --target blockproc_cli make_quote_capture >/dev/null
+tool=build-bench/tools/blockproc/blockproc
+
+capture() {  # DIR RECORDS
+  mkdir -p "$1"
+  [[ -s $1/quotes.bin && $(stat -c %s "$1/quotes.bin") -eq $(($2 * 120)) ]] ||
+    build-bench/bench/make_quote_capture "$1" "$2"
+}
+
+median() { sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
+
+# Runs the tool `runs` times on `input` and prints one table row: format, MB/s (wall), MB/s (CPU), peak MB.
+measure() {  # LABEL INPUT ARGS...
+  local label=$1 input=$2
+  shift 2
+  local bytes walls=() cpus=() peak=0 log
+  bytes=$(stat -c %s "$input")
+  log=$(mktemp)
+  for ((i = 0; i < runs; i++)); do
+    /usr/bin/time -v -o "$log" taskset -c "$cpu" "$tool" "$@" --quiet >/dev/null ||
+      echo "tool_throughput.sh: $label: exit code $?" >&2
+    local wall user sys rss
+    wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, t, ":"); s = 0; for (k = 1; k <= n; k++) s = s * 60 + t[k]; print s}' "$log")
+    user=$(awk -F': ' '/User time/ {print $2}' "$log")
+    sys=$(awk -F': ' '/System time/ {print $2}' "$log")
+    rss=$(awk -F': ' '/Maximum resident set size/ {print $2}' "$log")
+    walls+=("$(awk -v b="$bytes" -v t="$wall" 'BEGIN {printf "%.0f", b / 1e6 / t}')")
+    cpus+=("$(awk -v b="$bytes" -v u="$user" -v s="$sys" 'BEGIN {printf "%.0f", b / 1e6 / (u + s)}')")
+    ((rss > peak)) && peak=$rss
+  done
+  rm -f "$log"
+  printf '| %s | %s | %s | %s |\n' "$label" "$(printf '%s\n' "${walls[@]}" | median)" \
+    "$(printf '%s\n' "${cpus[@]}" | median)" "$(awk -v k="$peak" 'BEGIN {printf "%.1f", k / 1024}')"
+}
+
+small=/tmp/blockproc-quotes-24MB
+large=/tmp/blockproc-quotes-1GB
+capture "$small" 200000
+capture "$large" 8333334
+
+echo "| command | MB/s (wall) | MB/s (CPU) | peak MB |"
+echo "|---|---:|---:|---:|"
+for format in csv jsonl json table long; do
+  measure "decode --format $format (24 MB)" "$small/quotes.bin" decode "$small/quotes.xml" "$small/quotes.bin" \
+    --format "$format"
+done
+for format in csv jsonl json table long; do
+  measure "realtime --format $format (1 GB)" "$large/quotes.bin" realtime "$large/quotes.xml" \
+    "$large/quotes.bin" --block OutBlock1 --format "$format"
+done

@@ -1,0 +1,101 @@
+// Input read a piece at a time.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Cli.h"
+
+namespace blockproc::cli {
+
+namespace {
+
+[[noreturn]] void readFailure(const std::string& name) {
+  throw Failure{kExitData, "cannot read " + name + ": " + std::strerror(errno)};
+}
+
+}  // namespace
+
+// ---- input ------------------------------------------------------------------------------------------------
+
+InputStream::InputStream(const std::string& path) : m_name(sourceName(path)) {
+  if (path == "-") {
+    m_fd = STDIN_FILENO;
+  } else {
+    const std::string hint = "\n  (check the path, or give - to read standard input)";
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+      throw Failure{kExitUsage, path + ": is a directory, not a file" + hint};
+    m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_fd < 0) throw Failure{kExitUsage, path + ": cannot open: " + std::strerror(errno) + hint};
+    m_own = true;
+  }
+  struct stat info {};
+  if (::fstat(m_fd, &info) == 0 && S_ISREG(info.st_mode)) m_size = info.st_size;
+}
+
+InputStream::~InputStream() {
+  if (m_own && m_fd >= 0) ::close(m_fd);
+}
+
+size_t InputStream::read(std::string& buf, size_t n) {
+  const size_t start = buf.size();
+  buf.resize(start + n);
+  size_t got = 0;
+  while (got < n && !m_end) {
+    const ssize_t r = ::read(m_fd, buf.data() + start + got, n - got);
+    if (r < 0 && errno == EINTR) continue;
+    if (r < 0) readFailure(m_name);
+    if (r == 0) m_end = true;
+    got += static_cast<size_t>(r);
+  }
+  buf.resize(start + got);
+  return got;
+}
+
+void InputStream::makeSeekable() {
+  if (m_size >= 0) return;
+  std::FILE* spool = std::tmpfile();
+  if (spool == nullptr)
+    throw Failure{kExitData, std::string("cannot make a temporary file: ") + std::strerror(errno)};
+  const int fd = ::dup(::fileno(spool));
+  std::fclose(spool);
+  if (fd < 0) readFailure(m_name);
+  std::string piece;
+  int64_t total = 0;
+  while (!m_end) {
+    piece.clear();
+    read(piece, size_t{1} << 20);
+    for (size_t at = 0; at < piece.size();) {
+      const ssize_t w = ::write(fd, piece.data() + at, piece.size() - at);
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0)
+        throw Failure{kExitData, std::string("cannot write a temporary file: ") + std::strerror(errno)};
+      at += static_cast<size_t>(w);
+    }
+    total += static_cast<int64_t>(piece.size());
+  }
+  if (m_own) ::close(m_fd);
+  m_fd = fd;
+  m_own = true;
+  m_size = total;
+}
+
+void InputStream::readAt(char* to, size_t n, int64_t offset) {
+  size_t got = 0;
+  while (got < n) {
+    const ssize_t r = ::pread(m_fd, to + got, n - got, static_cast<off_t>(offset) + static_cast<off_t>(got));
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) {
+      if (r == 0) errno = EIO;
+      readFailure(m_name);
+    }
+    got += static_cast<size_t>(r);
+  }
+}
+
+}  // namespace blockproc::cli
