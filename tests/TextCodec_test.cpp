@@ -82,7 +82,7 @@ TEST(Utf8, LengthsTrimsAndWidths) {
   EXPECT_FALSE(utf8::endsWithIdeographicSpace("ABC "));
   EXPECT_EQ(utf8::displayWidth("AB" + std::string(kHangulUtf8)), 6u);
   std::string latin;
-  utf8::appendLatin1(latin, "A\xE9");
+  codec::appendLatin1(latin, "A\xE9");
   EXPECT_EQ(latin, "A\xC3\xA9");
 }
 

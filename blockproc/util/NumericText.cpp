@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
@@ -19,7 +20,7 @@ void appendPart(std::string& out, std::string_view text, size_t from, size_t wid
   if (const void* nul = std::memchr(part.data(), '\0', part.size()))
     part = part.substr(0, static_cast<size_t>(static_cast<const char*>(nul) - part.data()));
   out.append(width - part.size(), ' ');
-  utf8::appendLatin1(out, part);
+  codec::appendLatin1(out, part);
 }
 
 // Whether every byte is ASCII other than NUL, so that it stands for itself in UTF-8 and ends no part early.
@@ -68,8 +69,7 @@ ValueShape shapeOf(std::string_view value) noexcept {
     if (c == '+') plus = true;
     if (c == '-') minus = true;
     if (c == '.' && shape.point < 0) shape.point = shape.units;
-    if ((c & 0xC0) != 0x80) ++shape.units;  // as utf8::utf16Length counts
-    if (c >= 0xF0) ++shape.units;
+    shape.units += utf8::utf16Units(c);
   }
   shape.sign = plus ? '+' : minus ? '-' : '\0';
   return shape;
