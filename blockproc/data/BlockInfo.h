@@ -28,7 +28,6 @@ inline constexpr int32_t FUNC_BASE_INDEX = -1, FUNC_COMPARE_INDEX = 0, FUNC_COMP
 // The repeat bit of m_nBlockType: set, the block holds m_nRepeatCount records; clear, one.
 inline constexpr int8_t kBlockTypeRepeat = 4;
 
-// Hash and equality that let a std::string_view look up a std::string key without allocating.
 class BlockInfo {
  public:
   std::string m_szBlockName;

@@ -5,12 +5,13 @@
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 
 namespace {
 
-constexpr uint8_t kSpace = 0x20;
+using internal::kSpace;
 
 // memcpy for the short runs that fields mostly are: fixed-size, possibly overlapping moves the compiler
 // inlines, instead of a library call per field.

@@ -9,6 +9,7 @@
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
 #include "blockproc/util/NumericText.h"
@@ -17,7 +18,7 @@ namespace blockproc {
 
 namespace {
 
-constexpr uint8_t kSpace = 0x20;
+using internal::kSpace;
 
 // The encoded bytes of the value being written. A write's descriptor calls may write into other
 // processors, or this one, on the same thread: each write in progress on a thread takes its own string,
