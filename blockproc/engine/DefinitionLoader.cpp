@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -19,6 +20,7 @@
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
@@ -57,9 +59,13 @@ struct DefinitionError {
   std::string message;
 };
 
-// One or more decimal digits and nothing else.
-bool isWholeNumber(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+// The text as one or more decimal digits and nothing else (no sign), its value held to [min, max] (clamped
+// says it was not inside); nullopt for any other text.
+std::optional<num::WholeInt> plainNumber(std::string_view text, int64_t min, int64_t max) {
+  if (!text.empty() && (text.front() == '+' || text.front() == '-')) return std::nullopt;
+  const num::WholeInt parsed = num::parseWholeInt(text, min, max);
+  if (!parsed.isNumber) return std::nullopt;
+  return parsed;
 }
 
 std::string quoted(std::string_view text) {
@@ -126,20 +132,9 @@ class Loader {
   }
 
   void checkUtf8() const {
-    if (utf8::isValid(m_text)) return;
-    // Walk the characters to the first one that is not UTF-8.
-    size_t at = 0;
-    while (at < m_text.size()) {
-      const auto lead = static_cast<uint8_t>(m_text[at]);
-      const size_t width = lead < 0x80         ? 1
-                           : (lead >> 5) == 6  ? 2
-                           : (lead >> 4) == 14 ? 3
-                           : (lead >> 3) == 30 ? 4
-                                               : 0;
-      if (width == 0 || !utf8::isValid(m_text.substr(at, width))) break;
-      at += width;
-    }
-    fail(m_lines.lineOf(static_cast<ptrdiff_t>(at)), "the file is not UTF-8 text; save it as UTF-8");
+    const size_t good = utf8::validPrefix(m_text);
+    if (good == m_text.size()) return;
+    fail(m_lines.lineOf(static_cast<ptrdiff_t>(good)), "the file is not UTF-8 text; save it as UTF-8");
   }
 
   void parse(pugi::xml_document& doc, unsigned options) const {
@@ -195,12 +190,12 @@ class Loader {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) return fallback;
     const std::string_view text = a.value();
-    if (!isWholeNumber(text)) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
-    const int64_t value = num::parseLeadingInt(text, min - 1, max + 1);
-    if (value < min || value > max)
+    const auto parsed = plainNumber(text, min, max);
+    if (!parsed) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    if (parsed->clamped)
       fail(node, quoted(name) + " must lie between " + std::to_string(min) + " and " + std::to_string(max) +
                      ", not " + std::string(text));
-    return value;
+    return parsed->value;
   }
 
   bool flag(const pugi::xml_node& node, const char* name) const {
@@ -367,7 +362,7 @@ class Loader {
     for (pugi::xml_node child : source.link.children()) {
       if (child.type() != pugi::node_element) continue;
       const bool real = std::string_view(child.name()) == "REALAP";
-      number(child, "idx", 0, std::numeric_limits<int32_t>::max(), 0);
+      number(child, "idx", 0, internal::kInt32Max, 0);
       if (const pugi::xml_attribute triple = child.attribute(real ? "fieldinfo" : "deflink"))
         checkTriple(child, triple, block);
       if (const pugi::xml_attribute func = child.attribute("attrfunc"); real && func)
@@ -387,9 +382,12 @@ class Loader {
       from = at + 1;
     }
     const std::string what = quoted(triple.name()) + " " + quoted(text);
-    if (count != 3 || !std::all_of(items.begin(), items.end(), isWholeNumber))
+    const auto whole = [](std::string_view item) {
+      return plainNumber(item, 0, internal::kInt32Max).has_value();
+    };
+    if (count != 3 || !std::all_of(items.begin(), items.end(), whole))
       fail(node, what + " must be three whole numbers separated by commas (field index, offset, length)");
-    const int64_t field = num::parseLeadingInt(items[0], 0, std::numeric_limits<int32_t>::max());
+    const int64_t field = plainNumber(items[0], 0, internal::kInt32Max)->value;
     if (field >= block.getFieldCount())
       fail(node, what + " names field " + std::to_string(field) + ", but block " + block.m_szBlockName +
                      " has fields 0 to " + std::to_string(block.getFieldCount() - 1));
