@@ -114,6 +114,23 @@ size_t validPrefix(std::string_view text) noexcept {
   return n;
 }
 
+size_t encode(char32_t cp, char (&out)[4]) noexcept {
+  if (cp < 0x80) {
+    out[0] = static_cast<char>(cp);
+    return 1;
+  }
+  if (cp < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (cp >> 6));
+    out[1] = static_cast<char>(0x80 | (cp & 0x3F));
+    return 2;
+  }
+  if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return 0;
+  const size_t count = cp < 0x10000 ? 3 : 4;
+  for (size_t k = count - 1; k > 0; --k, cp >>= 6) out[k] = static_cast<char>(0x80 | (cp & 0x3F));
+  out[0] = static_cast<char>((count == 3 ? 0xE0 : 0xF0) | cp);
+  return count;
+}
+
 int64_t utf16Length(std::string_view text) noexcept {
   int64_t units = 0;
   for (const char c : text) units += utf16Units(static_cast<uint8_t>(c));

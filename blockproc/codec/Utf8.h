@@ -19,6 +19,10 @@ constexpr int utf16Units(uint8_t byte) noexcept {
   return isContinuation(byte) ? 0 : byte >= 0xF0 ? 2 : 1;
 }
 
+// Writes the UTF-8 form of the code point into `out`: the count of bytes (1 to 4), or 0 for a surrogate or
+// a value above U+10FFFF.
+size_t encode(char32_t codePoint, char (&out)[4]) noexcept;
+
 // True when every byte is below 0x80 (such text is the same in every ASCII-compatible encoding).
 bool isAscii(std::string_view bytes) noexcept;
 

@@ -76,7 +76,7 @@ TransactionProc::TransactionProc(TransactionDefinition& definition)
     proc->setEncodingType(m_encoding);
     proc->setDataProc(this);
     proc->DefaultMemory();
-    loadLinks(*proc, definition.extra(*block).linkXml);
+    if (const auto& link = definition.extra(*block).link) proc->setXmlInfo(link->rootXMLElement());
     m_blockDPMap.emplace(block->m_szBlockName, proc.get());
     m_blockDPList.push_back(std::move(proc));
   }
@@ -87,15 +87,6 @@ TransactionProc::TransactionProc(TransactionDefinition& definition)
 }
 
 TransactionProc::~TransactionProc() = default;
-
-void TransactionProc::loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept {
-  if (linkXml.empty()) return;
-  try {
-    const auto document = TBXML::newTBXMLWithXMLString(linkXml);
-    if (document) proc.setXmlInfo(document->rootXMLElement());
-  } catch (...) {
-  }
-}
 
 void TransactionProc::setEncodingType(uint32_t encoding) noexcept {
   m_encoding = encoding;

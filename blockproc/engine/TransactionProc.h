@@ -104,7 +104,6 @@ class TransactionProc : public BaseDataProc {
   struct Side;
   BuildResult build(const std::vector<BlockValues>& values, bool input) noexcept;
   ReplyResult receive(const void* data, int64_t size, bool input) noexcept;
-  void loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept;
 
   TransactionDefinition& m_definition;
   uint32_t m_encoding;
