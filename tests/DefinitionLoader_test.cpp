@@ -81,7 +81,18 @@ TEST(DefinitionLoader, LoadsTheSampleTransaction) {
   // The link element is kept as written, entity references and all.
   EXPECT_NE(def.extra(out).linkXml.find("exp=\"price &gt; 0\""), std::string::npos) << def.extra(out).linkXml;
   EXPECT_EQ(def.extra(ticks).linkXml, "");
+  EXPECT_TRUE(def.extra(out).link && !def.extra(ticks).link);
   EXPECT_GT(def.extra(ticks).line, def.extra(out).line);
+}
+
+// References in values read as XML reads them; one that is none stays as written.
+TEST(DefinitionLoader, ResolvesReferencesInValues) {
+  const DefinitionResult result = load(
+      blockA("<field name='a' type='text' length='3' kor='&lt;&amp;&#65;&#xAC00;&#xD800;&x;' eng='&amp'/>"));
+  ASSERT_TRUE(result) << result.description();
+  const FieldInfo& a = *result.definition->tran.findBlock("A")->getFieldInfoFromName("a");
+  EXPECT_EQ(a.szKorFieldName, "<&A\xEA\xB0\x80&#xD800;&x;");
+  EXPECT_EQ(a.szEngFieldName, "&amp");
 }
 
 TEST(DefinitionLoader, PlacesFieldsWithoutPositionsBehindThePreviousOne) {

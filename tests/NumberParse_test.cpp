@@ -27,13 +27,9 @@ TEST(NumberParseInt, LeadingNumberOnly) {
       {"", 0},
       {"abc", 0},
       {"- 5", 0},  // a sign must be followed by digits
-      {"--5", 0},
-      {"0007", 7},
       {"9223372036854775807", kI64Max},
       {"9223372036854775808", kI64Max},
       {"-9223372036854775808", kI64Min},
-      {"-99999999999999999999999", kI64Min},
-      {"123456789012345678901234567890", kI64Max},
       {"18446744073709551616", kI64Max},  // 2^64 and just above: no wrap through zero
       {"18446744073709551620", kI64Max},
       {"-18446744073709551617", kI64Min},
@@ -46,7 +42,6 @@ TEST(NumberParseInt, ClampsToTheAskedRange) {
   EXPECT_EQ(parseInt32("2147483647"), kI32Max);
   EXPECT_EQ(parseInt32("2147483648"), kI32Max);
   EXPECT_EQ(parseInt32("-2147483649"), kI32Min);
-  EXPECT_EQ(parseInt32("70000"), 70000);
   EXPECT_EQ(parseInt32("18446744073709551620"), kI32Max);
   EXPECT_EQ(parseLeadingInt("500", -100, 100), 100);
   EXPECT_EQ(parseLeadingInt("-500", -100, 100), -100);

@@ -1,5 +1,5 @@
-// The numeric-text layout of written values, the rounded text of the positional writer, the decimal
-// insertion of the readers, and the UTF-16 position search.
+// The numeric-text layout of written values, the rounded text of the positional writer and the UTF-16
+// position search (the readers' decimal insertion is pinned through the readers, in the read tests).
 
 #include "blockproc/util/NumericText.h"
 
@@ -123,22 +123,6 @@ TEST(NumericTextRounding, ExtremesPrintWithoutFailing) {
   EXPECT_EQ(roundedFixedText(-1e300, 0), "-inf");
   EXPECT_EQ(roundedFixedText(-0.001, 2), "0.00");  // floor(-0.1 + 0.5) is +0
   EXPECT_EQ(roundedFixedText(0.5, 6), "0.500000");
-}
-
-TEST(NumericTextReading, DecimalInsertion) {
-  const struct {
-    const char* trimmed;
-    int32_t places;
-    const char* display;
-  } rows[] = {
-      {"  123", 2, "1.23"},  {"+5", 2, "+0.05"},   {"-", 2, "-0.00"},      {"123", 3, "0.123"},
-      {"   12", 3, "0.012"}, {"-012", 1, "-01.2"}, {"12345", 2, "123.45"}, {"45", 2, "0.45"},
-  };
-  for (const auto& r : rows) {
-    std::string out;
-    appendDecimalInserted(out, r.trimmed, r.places);
-    EXPECT_EQ(out, r.display) << '"' << r.trimmed << "\" places " << r.places;
-  }
 }
 
 TEST(NumericTextSearch, PositionsCountUtf16Units) {

@@ -81,8 +81,9 @@ TEST(Utf8, LengthsTrimsAndWidths) {
   EXPECT_TRUE(utf8::endsWithIdeographicSpace("ABC\xE3\x80\x80"));
   EXPECT_FALSE(utf8::endsWithIdeographicSpace("ABC "));
   EXPECT_EQ(utf8::displayWidth("AB" + std::string(kHangulUtf8)), 6u);
+  EXPECT_EQ(utf8::validPrefix("AB\xEA\xB0"), 2u);  // where the first character that is not UTF-8 starts
   std::string latin;
-  utf8::appendLatin1(latin, "A\xE9");
+  codec::appendLatin1(latin, "A\xE9");
   EXPECT_EQ(latin, "A\xC3\xA9");
 }
 

@@ -216,17 +216,9 @@ TEST(TransactionProc, BuildsRequestsOrSaysWhatIsWrong) {
       {{inBlock({{"cod", "A"}})}, "block In has no field 'cod'"},
       {{inBlock({{"code", "ABCDE"}})},
        "block In, record 0, field code: 'ABCDE' takes 5 bytes; the field holds 4 bytes"},
-      {{inBlock({{"qty", "1,5"}})}, "block In, record 0, field qty: '1,5' is not a number"},
-      {{inBlock({{"qty", "12345.5"}})},
-       "block In, record 0, field qty: '12345.5' has 5 digits before the point; the field has room for 4"},
+      // The value checks themselves are pinned in the field-value tests; one shows the place they name.
       {{inBlock({{"flag", "40000"}})},
        "block In, record 0, field flag: '40000' lies outside -32,768 to 32,767"},
-      {{inBlock({{"vol", "-9223372036854775809"}})},
-       "block In, record 0, field vol: '-9223372036854775809' lies outside -9,223,372,036,854,775,808 to "
-       "9,223,372,036,854,775,807"},
-      {{inBlock({{"code", "\xF0\x9F\x98\x80"}})},
-       "block In, record 0, field code: '\xF0\x9F\x98\x80' has a character, '\xF0\x9F\x98\x80', that cp949 "
-       "cannot hold"},
       {{{"In", {{}, {}}}}, "block In holds one record; 2 were given"},
       {{{"Tags", {}}, {"Tags", {}}}, "values for block Tags are given twice"},
       {{inBlock({{"n", "3"}}), {"Items", {{}, {}}}}, "In.n says '3', but block Items is given 2 records"},

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "blockproc/codec/Utf8.h"
 
@@ -82,22 +83,16 @@ class Converter {
 };
 
 Converter* converter(uint32_t encoding, bool toUtf8) noexcept {
-  // Slots follow kEncodings; only Kind::Iconv entries are ever opened.
-  thread_local std::array<Converter*, kEncodings.size() * 2> slots{};
-  thread_local struct Cleanup {
-    ~Cleanup() {
-      for (auto*& c : slots) delete c;
-    }
-  } cleanup;
-  (void)cleanup;
+  // Slots follow kEncodings; only Kind::Iconv entries are ever opened. Each closes when its thread ends.
+  thread_local std::array<std::unique_ptr<Converter>, kEncodings.size() * 2> slots;
   for (size_t i = 0; i < kEncodings.size(); ++i) {
     if (kEncodings[i].id != encoding || kEncodings[i].kind != Kind::Iconv) continue;
-    Converter*& slot = slots[i * 2 + (toUtf8 ? 1 : 0)];
-    if (slot == nullptr) {
-      slot = toUtf8 ? new (std::nothrow) Converter("UTF-8", kEncodings[i].iconvName)
-                    : new (std::nothrow) Converter(kEncodings[i].iconvName, "UTF-8");
+    std::unique_ptr<Converter>& slot = slots[i * 2 + (toUtf8 ? 1 : 0)];
+    if (!slot) {
+      slot.reset(toUtf8 ? new (std::nothrow) Converter("UTF-8", kEncodings[i].iconvName)
+                        : new (std::nothrow) Converter(kEncodings[i].iconvName, "UTF-8"));
     }
-    return slot != nullptr && slot->ok() ? slot : nullptr;
+    return slot && slot->ok() ? slot.get() : nullptr;
   }
   return nullptr;
 }
@@ -226,7 +221,7 @@ bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) n
       return utf8::isAscii(bytes) && appendBytes(out, bytes);
     case Kind::Latin1:
       try {
-        utf8::appendLatin1(out, bytes);
+        appendLatin1(out, bytes);
         return true;
       } catch (...) {
         return false;
@@ -263,27 +258,8 @@ bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) no
       return appendBytes(out, text);
     case Kind::Ascii:
       return false;
-    case Kind::Latin1: {
-      const size_t oldSize = out.size();
-      try {
-        for (size_t i = 0; i < text.size(); ++i) {
-          const auto b0 = static_cast<unsigned char>(text[i]);
-          if (b0 < 0x80) {
-            out.push_back(static_cast<char>(b0));
-          } else if (b0 == 0xC2 || b0 == 0xC3) {
-            out.push_back(
-                static_cast<char>(((b0 & 0x03) << 6) | (static_cast<unsigned char>(text[++i]) & 0x3F)));
-          } else {
-            out.resize(oldSize);
-            return false;
-          }
-        }
-      } catch (...) {
-        out.resize(oldSize);
-        return false;
-      }
-      return true;
-    }
+    case Kind::Latin1:
+      return encodeLatin1Append(text, out);
     case Kind::Iconv: {
       Converter* c = converter(encoding, false);
       // Every UTF-8 sequence of two or more bytes becomes at most two bytes.
@@ -299,6 +275,45 @@ std::optional<std::string> encode(uint32_t encoding, std::string_view text) noex
   std::string out;
   if (!encodeAppend(encoding, text, out)) return std::nullopt;
   return out;
+}
+
+// ---- Latin-1: each byte is the character of the same number ----
+
+void appendLatin1(std::string& out, std::string_view bytes) {
+  if (utf8::isAscii(bytes)) {
+    out.append(bytes);  // the common case: one copy
+    return;
+  }
+  for (const char ch : bytes) {
+    const auto c = static_cast<uint8_t>(ch);
+    if (c < 0x80) {
+      out.push_back(static_cast<char>(c));
+    } else {
+      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+    }
+  }
+}
+
+bool encodeLatin1Append(std::string_view text, std::string& out) noexcept {
+  const size_t oldSize = out.size();
+  try {
+    for (size_t i = 0; i < text.size(); ++i) {
+      const auto b0 = static_cast<uint8_t>(text[i]);
+      if (b0 < 0x80) {
+        out.push_back(static_cast<char>(b0));
+      } else if ((b0 == 0xC2 || b0 == 0xC3) && i + 1 < text.size()) {
+        out.push_back(static_cast<char>(((b0 & 0x03) << 6) | (static_cast<uint8_t>(text[++i]) & 0x3F)));
+      } else {
+        out.resize(oldSize);
+        return false;
+      }
+    }
+  } catch (...) {
+    out.resize(oldSize);
+    return false;
+  }
+  return true;
 }
 
 const char* encodingName(uint32_t encoding) noexcept {

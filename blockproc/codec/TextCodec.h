@@ -31,6 +31,15 @@ bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) no
 // The bytes of UTF-8 `text` in `encoding`, or nullopt when encoding fails.
 std::optional<std::string> encode(uint32_t encoding, std::string_view text) noexcept;
 
+// Appends each byte as the character of the same number (an ISO-8859-1 read), so the result is always
+// UTF-8; the decoding half of the Latin-1 codec, which never fails. Allocates as `out` grows (throws
+// std::bad_alloc).
+void appendLatin1(std::string& out, std::string_view bytes);
+
+// Appends the Latin-1 bytes of valid UTF-8 `text`; false, with `out` unchanged, for a character above U+00FF
+// or when `out` cannot grow.
+bool encodeLatin1Append(std::string_view text, std::string& out) noexcept;
+
 // A short name for the identifier ("cp949", "utf-8", ...), or "unknown".
 const char* encodingName(uint32_t encoding) noexcept;
 

@@ -24,7 +24,7 @@ char32_t next(std::string_view text, size_t& i) noexcept {
 // Start of the last character of non-empty valid UTF-8 text.
 size_t lastStart(std::string_view text) noexcept {
   size_t i = text.size() - 1;
-  while (i > 0 && (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80) --i;
+  while (i > 0 && isContinuation(static_cast<uint8_t>(text[i]))) --i;
   return i;
 }
 
@@ -68,6 +68,10 @@ bool isAscii(std::string_view bytes) noexcept {
 }
 
 bool isValid(std::string_view text) noexcept {
+  return validPrefix(text) == text.size();
+}
+
+size_t validPrefix(std::string_view text) noexcept {
   const auto* s = reinterpret_cast<const unsigned char*>(text.data());
   const size_t n = text.size();
   size_t i = 0;
@@ -87,51 +91,50 @@ bool isValid(std::string_view text) noexcept {
       continue;
     }
     if (b0 >= 0xC2 && b0 <= 0xDF) {
-      if (i + 1 >= n || (s[i + 1] & 0xC0) != 0x80) return false;
+      if (i + 1 >= n || (s[i + 1] & 0xC0) != 0x80) return i;
       i += 2;
     } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-      if (i + 2 >= n) return false;
+      if (i + 2 >= n) return i;
       const unsigned char b1 = s[i + 1];
       const unsigned char lo = b0 == 0xE0 ? 0xA0 : 0x80;  // no overlong forms
       const unsigned char hi = b0 == 0xED ? 0x9F : 0xBF;  // no surrogates
-      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80) return false;
+      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80) return i;
       i += 3;
     } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-      if (i + 3 >= n) return false;
+      if (i + 3 >= n) return i;
       const unsigned char b1 = s[i + 1];
       const unsigned char lo = b0 == 0xF0 ? 0x90 : 0x80;  // no overlong forms
       const unsigned char hi = b0 == 0xF4 ? 0x8F : 0xBF;  // nothing above U+10FFFF
-      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80 || (s[i + 3] & 0xC0) != 0x80) return false;
+      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80 || (s[i + 3] & 0xC0) != 0x80) return i;
       i += 4;
     } else {
-      return false;
+      return i;
     }
   }
-  return true;
+  return n;
+}
+
+size_t encode(char32_t cp, char (&out)[4]) noexcept {
+  if (cp < 0x80) {
+    out[0] = static_cast<char>(cp);
+    return 1;
+  }
+  if (cp < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (cp >> 6));
+    out[1] = static_cast<char>(0x80 | (cp & 0x3F));
+    return 2;
+  }
+  if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) return 0;
+  const size_t count = cp < 0x10000 ? 3 : 4;
+  for (size_t k = count - 1; k > 0; --k, cp >>= 6) out[k] = static_cast<char>(0x80 | (cp & 0x3F));
+  out[0] = static_cast<char>((count == 3 ? 0xE0 : 0xF0) | cp);
+  return count;
 }
 
 int64_t utf16Length(std::string_view text) noexcept {
   int64_t units = 0;
-  for (unsigned char c : text) {
-    if ((c & 0xC0) != 0x80) ++units;  // every character starts with a non-continuation byte
-    if (c >= 0xF0) ++units;           // four-byte characters need a surrogate pair
-  }
+  for (const char c : text) units += utf16Units(static_cast<uint8_t>(c));
   return units;
-}
-
-void appendLatin1(std::string& out, std::string_view bytes) {
-  if (isAscii(bytes)) {
-    out.append(bytes);  // the common case: one copy
-    return;
-  }
-  for (unsigned char c : bytes) {
-    if (c < 0x80) {
-      out.push_back(static_cast<char>(c));
-    } else {
-      out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-      out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-  }
 }
 
 bool endsWithIdeographicSpace(std::string_view text) noexcept {

@@ -1,12 +1,28 @@
 #pragma once
-// Small, allocation-free helpers over UTF-8 text.
+// The one walker of UTF-8 text in the project: validation, character boundaries, UTF-16 counts and display
+// widths. Nothing here allocates.
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 
 namespace blockproc::utf8 {
+
+// True for a byte that continues a character (10xxxxxx) rather than starting one.
+constexpr bool isContinuation(uint8_t byte) noexcept {
+  return (byte & 0xC0) == 0x80;
+}
+
+// UTF-16 code units of the character a byte of valid UTF-8 starts: 0 for a continuation byte, 2 for the lead
+// of a four-byte character (a surrogate pair), 1 otherwise.
+// Two comparisons added, no branch: the counting loops over a value stay straight-line code.
+constexpr int utf16Units(uint8_t byte) noexcept {
+  return static_cast<int>(!isContinuation(byte)) + static_cast<int>(byte >= 0xF0);
+}
+
+// Writes the UTF-8 form of the code point into `out`: the count of bytes (1 to 4), or 0 for a surrogate or
+// a value above U+10FFFF.
+size_t encode(char32_t codePoint, char (&out)[4]) noexcept;
 
 // True when every byte is below 0x80 (such text is the same in every ASCII-compatible encoding).
 bool isAscii(std::string_view bytes) noexcept;
@@ -15,11 +31,12 @@ bool isAscii(std::string_view bytes) noexcept;
 // no cut sequence.
 bool isValid(std::string_view text) noexcept;
 
+// Bytes of the longest well-formed UTF-8 prefix: where the first character that is not UTF-8 starts, or the
+// text's size when there is none.
+size_t validPrefix(std::string_view text) noexcept;
+
 // Number of UTF-16 code units of valid UTF-8 text (a character above U+FFFF counts two).
 int64_t utf16Length(std::string_view text) noexcept;
-
-// Appends each byte as the character of the same number (ISO-8859-1 read), so the result is always UTF-8.
-void appendLatin1(std::string& out, std::string_view bytes);
 
 // True when the last character of valid UTF-8 text is U+3000 IDEOGRAPHIC SPACE.
 bool endsWithIdeographicSpace(std::string_view text) noexcept;

@@ -5,10 +5,12 @@
 #include <limits>
 #include <utility>
 
+#include "blockproc/util/Internal.h"
+
 namespace blockproc {
 
 namespace {
-constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
+using internal::kInt32Max;
 }
 
 BlockInfo::BlockInfo(std::string name) : m_szBlockName(std::move(name)) {}

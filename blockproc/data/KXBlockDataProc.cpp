@@ -2,6 +2,7 @@
 // and the helpers every family of operations shares.
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/Internal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,8 +11,8 @@
 namespace blockproc {
 
 namespace {
-constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
-constexpr uint8_t kSpace = 0x20;
+using internal::kInt32Max;
+using internal::kSpace;
 }  // namespace
 
 // ---- creation and destruction -----------------------------------------------------------------------
@@ -20,13 +21,10 @@ KXBlockDataProc::KXBlockDataProc(BlockInfo* blockInfo) : m_oBlockInfo(blockInfo)
   if (blockInfo != nullptr) m_szBlockName = blockInfo->m_szBlockName;
 }
 
+// The members free themselves; the record bytes are blanked first, so that no value (a password field
+// included) stays behind in freed memory.
 KXBlockDataProc::~KXBlockDataProc() {
-  m_FieldLinkInfoList.clear();
-  m_RealAPLinkInfoList.clear();
-  m_ConnCtlList.clear();
-  m_szBlockName.clear();
-  m_arrDynamicInput.clear();
-  if (m_buffer.data() != nullptr) clearData();
+  m_buffer.wipe();
 }
 
 // ---- accessors and lists ------------------------------------------------------------------------------

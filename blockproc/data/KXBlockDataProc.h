@@ -37,8 +37,7 @@ class KXBlockDataProc {
   // A processor for the block (not owned; may be nullptr): no record buffer yet, encoding code page 949,
   // the block's name, no parent.
   explicit KXBlockDataProc(BlockInfo* blockInfo);
-  // Releases the link lists, the controls, the name and the dynamic input list, then wipes and frees the
-  // record buffer.
+  // Blanks the record bytes, then frees them with everything else the processor owns.
   ~KXBlockDataProc();
   KXBlockDataProc(const KXBlockDataProc&) = delete;
   KXBlockDataProc& operator=(const KXBlockDataProc&) = delete;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 
@@ -106,7 +107,7 @@ bool KXBlockDataProc::resetDataDynamic(const void* data, int32_t nRecvSize) noex
     // what both the block data length and the area itself cover (the buffer keeps the one inside the other).
     const int64_t reusable = m_buffer.dataLen();
     if (reusable >= nRecvSize) {
-      std::memset(span(0, reusable), ' ', static_cast<size_t>(reusable));
+      std::memset(span(0, reusable), internal::kSpace, static_cast<size_t>(reusable));
     } else {
       if (!m_buffer.replace(nRecvSize)) return true;  // the old area goes without a wipe
       m_buffer.setDataLen(nRecvSize);

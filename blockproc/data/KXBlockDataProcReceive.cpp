@@ -9,12 +9,13 @@
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 
 namespace {
 
-constexpr uint8_t kSpace = 0x20;
+using internal::kSpace;
 constexpr int32_t kRealBufferRecords = 99;  // a real-time block without a buffer makes this many records
 
 // How a receive of `size` bytes divides into records of `recordLen` (> 0) bytes.

@@ -1,4 +1,5 @@
 #include "blockproc/data/RecordBuffer.h"
+#include "blockproc/util/Internal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,8 +11,8 @@
 namespace blockproc {
 
 namespace {
-constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
-constexpr uint8_t kSpace = 0x20;
+using internal::kInt32Max;
+using internal::kSpace;
 }  // namespace
 
 void RecordBuffer::setDataLen(int64_t length) noexcept {

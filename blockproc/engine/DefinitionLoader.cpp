@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -19,6 +20,8 @@
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/parser/TBXML.h"
+#include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
@@ -51,15 +54,69 @@ const TypeName* findType(std::string_view name) {
   return nullptr;
 }
 
-// A rule of the format broken at a line; caught by the loader and turned into the result.
+// A document that is not XML, or a rule of the format broken at a line; caught by the loader and turned into
+// the result.
 struct DefinitionError {
+  DefinitionStatus status;
   int32_t line;
   std::string message;
 };
 
-// One or more decimal digits and nothing else.
-bool isWholeNumber(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+// An attribute value read as written (the document is parsed once, with references kept, so that a block's
+// <link> reaches its processor exactly as written) made into the value XML gives it: the five predefined
+// entities and character references replaced; a reference that is none of these stays as written.
+std::string unescaped(std::string_view raw) {
+  std::string out;
+  size_t from = 0;
+  for (size_t amp = raw.find('&'); amp != std::string_view::npos; amp = raw.find('&', from)) {
+    out.append(raw.substr(from, amp - from));
+    from = amp + 1;
+    const size_t semi = raw.find(';', amp);
+    if (semi == std::string_view::npos) {
+      out.push_back('&');
+      continue;
+    }
+    const std::string_view name = raw.substr(amp + 1, semi - amp - 1);
+    static constexpr std::pair<std::string_view, char> kEntities[] = {
+        {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"quot", '"'}, {"apos", '\''}};
+    const auto entity = std::find_if(std::begin(kEntities), std::end(kEntities),
+                                     [&](const auto& e) { return e.first == name; });
+    if (entity != std::end(kEntities)) {
+      out.push_back(entity->second);
+      from = semi + 1;
+      continue;
+    }
+    if (name.size() > 1 && name[0] == '#') {
+      const bool hex = name[1] == 'x';
+      const std::string_view digits = name.substr(hex ? 2 : 1);
+      const num::WholeInt code = num::parseWholeInt(digits, 1, 0x10FFFF, hex ? 16 : 10);
+      char bytes[4];
+      const size_t width = code.isNumber && !code.clamped && digits.front() != '+' && digits.front() != '-'
+                               ? utf8::encode(static_cast<char32_t>(code.value), bytes)
+                               : 0;
+      if (width > 0) {
+        out.append(bytes, width);
+        from = semi + 1;
+        continue;
+      }
+    }
+    out.push_back('&');
+  }
+  out.append(raw.substr(from));
+  return out;
+}
+
+std::string valueOf(const pugi::xml_attribute& attribute) {
+  return unescaped(attribute.value());
+}
+
+// The text as one or more decimal digits and nothing else (no sign), its value held to [min, max] (clamped
+// says it was not inside); nullopt for any other text.
+std::optional<num::WholeInt> plainNumber(std::string_view text, int64_t min, int64_t max) {
+  if (!text.empty() && (text.front() == '+' || text.front() == '-')) return std::nullopt;
+  const num::WholeInt parsed = num::parseWholeInt(text, min, max);
+  if (!parsed.isNumber) return std::nullopt;
+  return parsed;
 }
 
 std::string quoted(std::string_view text) {
@@ -109,54 +166,32 @@ class Loader {
 
   std::unique_ptr<TransactionDefinition> load() {
     checkUtf8();
-    pugi::xml_document doc;
-    parse(doc, pugi::parse_default);
-    collectLinkTexts();
-    readTransaction(rootOf(doc));
+    // References are kept in the values (valueOf resolves them), so a <link> can be printed as written.
+    parse(m_doc, pugi::parse_default & ~pugi::parse_escapes);
+    readTransaction(rootOf(m_doc));
     for (auto& block : m_blocks) checkBlock(block);
     return std::move(m_def);
   }
 
  private:
   [[noreturn]] void fail(const pugi::xml_node& node, std::string message) const {
-    throw DefinitionError{m_lines.lineOf(node.offset_debug()), std::move(message)};
+    fail(m_lines.lineOf(node.offset_debug()), std::move(message));
   }
   [[noreturn]] static void fail(int32_t line, std::string message) {
-    throw DefinitionError{line, std::move(message)};
+    throw DefinitionError{DefinitionStatus::BadDefinition, line, std::move(message)};
   }
 
   void checkUtf8() const {
-    if (utf8::isValid(m_text)) return;
-    // Walk the characters to the first one that is not UTF-8.
-    size_t at = 0;
-    while (at < m_text.size()) {
-      const auto lead = static_cast<uint8_t>(m_text[at]);
-      const size_t width = lead < 0x80         ? 1
-                           : (lead >> 5) == 6  ? 2
-                           : (lead >> 4) == 14 ? 3
-                           : (lead >> 3) == 30 ? 4
-                                               : 0;
-      if (width == 0 || !utf8::isValid(m_text.substr(at, width))) break;
-      at += width;
-    }
-    fail(m_lines.lineOf(static_cast<ptrdiff_t>(at)), "the file is not UTF-8 text; save it as UTF-8");
+    const size_t good = utf8::validPrefix(m_text);
+    if (good == m_text.size()) return;
+    fail(m_lines.lineOf(static_cast<ptrdiff_t>(good)), "the file is not UTF-8 text; save it as UTF-8");
   }
 
   void parse(pugi::xml_document& doc, unsigned options) const {
     const pugi::xml_parse_result parsed =
         doc.load_buffer(m_text.data(), m_text.size(), options, pugi::encoding_utf8);
-    if (!parsed) throw DefinitionError{-m_lines.lineOf(parsed.offset), parsed.description()};
-  }
-
-  // The <link> elements exactly as written (entity references kept), in document order.
-  void collectLinkTexts() {
-    pugi::xml_document raw;
-    parse(raw, pugi::parse_default & ~pugi::parse_escapes);
-    for (const pugi::xpath_node& hit : raw.select_nodes("/transaction/*/block/link")) {
-      std::ostringstream out;
-      hit.node().print(out, "", pugi::format_raw | pugi::format_no_escapes);
-      m_linkTexts.push_back(out.str());
-    }
+    if (!parsed)
+      throw DefinitionError{DefinitionStatus::XmlError, m_lines.lineOf(parsed.offset), parsed.description()};
   }
 
   pugi::xml_node rootOf(const pugi::xml_document& doc) const {
@@ -186,7 +221,7 @@ class Loader {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) fail(node, "<" + std::string(node.name()) + "> needs the attribute " + quoted(name));
     if (*a.value() == '\0') fail(node, "the attribute " + quoted(name) + " must not be empty");
-    return a.value();
+    return valueOf(a);
   }
 
   // A whole number in [min, max] written as plain decimal digits; `fallback` when the attribute is absent.
@@ -194,19 +229,19 @@ class Loader {
                  int64_t fallback) const {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) return fallback;
-    const std::string_view text = a.value();
-    if (!isWholeNumber(text)) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
-    const int64_t value = num::parseLeadingInt(text, min - 1, max + 1);
-    if (value < min || value > max)
+    const std::string text = valueOf(a);
+    const auto parsed = plainNumber(text, min, max);
+    if (!parsed) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    if (parsed->clamped)
       fail(node, quoted(name) + " must lie between " + std::to_string(min) + " and " + std::to_string(max) +
                      ", not " + std::string(text));
-    return value;
+    return parsed->value;
   }
 
   bool flag(const pugi::xml_node& node, const char* name) const {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) return false;
-    const std::string_view v = a.value();
+    const std::string v = valueOf(a);
     if (v == "true" || v == "yes" || v == "1") return true;
     if (v == "false" || v == "no" || v == "0") return false;
     fail(node, quoted(name) + " must be true or false, not " + quoted(v));
@@ -216,13 +251,13 @@ class Loader {
     allowOnly(root, {"code", "title", "datamode", "occurslen", "encoding"});
     TranInfo& tran = m_def->tran;
     tran.setTrCode(required(root, "code"));
-    m_def->title = root.attribute("title").value();
-    tran.m_strDataMode = root.attribute("datamode").value();
+    m_def->title = valueOf(root.attribute("title"));
+    tran.m_strDataMode = valueOf(root.attribute("datamode"));
     tran.m_nOccursLen = static_cast<int32_t>(number(root, "occurslen", 0, kMaxOccursLen, 0));
     if (const pugi::xml_attribute enc = root.attribute("encoding")) {
-      const auto known = codec::encodingFromName(enc.value());
-      if (!known)
-        fail(root, "unknown encoding " + quoted(enc.value()) + " (try cp949, euc-kr, utf-8, ascii)");
+      const std::string name = valueOf(enc);
+      const auto known = codec::encodingFromName(name);
+      if (!known) fail(root, "unknown encoding " + quoted(name) + " (try cp949, euc-kr, utf-8, ascii)");
       m_def->encoding = *known;
     }
     for (pugi::xml_node side : root.children()) {
@@ -253,11 +288,12 @@ class Loader {
     if (node.attribute("repeat"))
       block.setRepeat(static_cast<int32_t>(number(node, "repeat", 1, kMaxRepeat, 1)));
     BlockSource source{
-        &block, m_lines.lineOf(node.offset_debug()), input, node.attribute("count").value(), {}, {}};
+        &block, m_lines.lineOf(node.offset_debug()), input, valueOf(node.attribute("count")), {}, {}};
     if (node.attribute("count") && source.count.empty())
       fail(node, "the attribute 'count' must not be empty");
 
     std::string linkXml;
+    std::shared_ptr<const TBXML> link;
     for (pugi::xml_node child : node.children()) {
       if (child.type() != pugi::node_element) continue;
       const std::string_view kind = child.name();
@@ -265,7 +301,8 @@ class Loader {
         source.fields.push_back({&readField(child, block), m_lines.lineOf(child.offset_debug())});
       } else if (kind == "link") {
         if (!linkXml.empty()) fail(child, "block " + block.m_szBlockName + " has a second <link> element");
-        linkXml = takeLinkText(child, block);
+        linkXml = linkText(child, block);
+        link = linkTree(child, linkXml);
         source.link = child;
       } else {
         fail(child, "unknown element <" + std::string(kind) + "> in <block> (expected <field> or <link>)");
@@ -273,17 +310,26 @@ class Loader {
     }
     if (source.fields.empty()) fail(node, "block " + block.m_szBlockName + " has no fields");
     m_def->tran.addBlock(std::move(owned), input);
-    m_def->addExtra({std::move(linkXml), source.line});
+    m_def->addExtra({std::move(linkXml), std::move(link), source.line});
     m_blocks.push_back(std::move(source));
   }
 
-  std::string takeLinkText(const pugi::xml_node& link, const BlockInfo& block) {
+  // The block's <link> element as written (references kept).
+  std::string linkText(const pugi::xml_node& link, const BlockInfo& block) const {
     const pugi::xml_attribute name = link.attribute("name");
-    if (name && block.m_szBlockName != name.value())
+    if (name && block.m_szBlockName != valueOf(name))
       fail(link,
-           "the <link> of block " + block.m_szBlockName + " names another block, " + quoted(name.value()));
-    if (m_nextLink >= m_linkTexts.size()) fail(link, "the <link> element could not be kept");
-    return m_linkTexts[m_nextLink++];
+           "the <link> of block " + block.m_szBlockName + " names another block, " + quoted(valueOf(name)));
+    std::ostringstream out;
+    link.print(out, "", pugi::format_raw | pugi::format_no_escapes);
+    return out.str();
+  }
+
+  // The element tree the block's processor loads its links from, made once here.
+  std::shared_ptr<const TBXML> linkTree(const pugi::xml_node& link, const std::string& text) const {
+    std::shared_ptr<const TBXML> tree = TBXML::newTBXMLWithXMLString(text);
+    if (!tree) fail(link, "the <link> element could not be kept");
+    return tree;
   }
 
   FieldInfo& readField(const pugi::xml_node& node, BlockInfo& block) {
@@ -312,14 +358,14 @@ class Loader {
     const int32_t pos = static_cast<int32_t>(number(node, "pos", 0, kMaxFieldBytes, -1));
 
     FieldInfo& field = block.addField(std::move(name), type->code, length, decimals, pos);
-    field.szKorFieldName = node.attribute("kor").value();
-    field.szEngFieldName = node.attribute("eng").value();
+    field.szKorFieldName = valueOf(node.attribute("kor"));
+    field.szEngFieldName = valueOf(node.attribute("eng"));
     field.nAttr = flag(node, "attr") ? 1 : 0;
     field.bKeyEnc = flag(node, "keyenc");
     field.bAccountNo = flag(node, "account");
     field.bItemCode = flag(node, "itemcode");
     field.bPassword = flag(node, "password");
-    field.szAttrRefKey = node.attribute("attrref").value();
+    field.szAttrRefKey = valueOf(node.attribute("attrref"));
     return field;
   }
 
@@ -367,7 +413,7 @@ class Loader {
     for (pugi::xml_node child : source.link.children()) {
       if (child.type() != pugi::node_element) continue;
       const bool real = std::string_view(child.name()) == "REALAP";
-      number(child, "idx", 0, std::numeric_limits<int32_t>::max(), 0);
+      number(child, "idx", 0, internal::kInt32Max, 0);
       if (const pugi::xml_attribute triple = child.attribute(real ? "fieldinfo" : "deflink"))
         checkTriple(child, triple, block);
       if (const pugi::xml_attribute func = child.attribute("attrfunc"); real && func)
@@ -377,7 +423,8 @@ class Loader {
 
   void checkTriple(const pugi::xml_node& node, const pugi::xml_attribute& triple,
                    const BlockInfo& block) const {
-    const std::string_view text = triple.value();
+    const std::string value = valueOf(triple);
+    const std::string_view text = value;
     std::array<std::string_view, 3> items;
     size_t count = 0, from = 0;
     for (size_t at = 0; at <= text.size(); ++at) {
@@ -387,16 +434,20 @@ class Loader {
       from = at + 1;
     }
     const std::string what = quoted(triple.name()) + " " + quoted(text);
-    if (count != 3 || !std::all_of(items.begin(), items.end(), isWholeNumber))
+    const auto whole = [](std::string_view item) {
+      return plainNumber(item, 0, internal::kInt32Max).has_value();
+    };
+    if (count != 3 || !std::all_of(items.begin(), items.end(), whole))
       fail(node, what + " must be three whole numbers separated by commas (field index, offset, length)");
-    const int64_t field = num::parseLeadingInt(items[0], 0, std::numeric_limits<int32_t>::max());
+    const int64_t field = plainNumber(items[0], 0, internal::kInt32Max)->value;
     if (field >= block.getFieldCount())
       fail(node, what + " names field " + std::to_string(field) + ", but block " + block.m_szBlockName +
                      " has fields 0 to " + std::to_string(block.getFieldCount() - 1));
   }
 
   void checkAttrFunc(const pugi::xml_node& node, const pugi::xml_attribute& func) const {
-    const std::string_view text = func.value();
+    const std::string value = valueOf(func);
+    const std::string_view text = value;
     const size_t attr = text.find("attr_");
     const size_t open = attr == std::string_view::npos ? attr : text.find('(', attr);
     const bool formed = open != std::string_view::npos && text.find(')', open) != std::string_view::npos;
@@ -510,8 +561,7 @@ class Loader {
   LineIndex m_lines;
   std::unique_ptr<TransactionDefinition> m_def;
   std::vector<BlockSource> m_blocks;
-  std::vector<std::string> m_linkTexts;
-  size_t m_nextLink = 0;
+  pugi::xml_document m_doc;
 };
 
 DefinitionResult failure(DefinitionStatus status, std::string_view file, int32_t line, std::string message) {
@@ -588,9 +638,7 @@ DefinitionResult DefinitionLoader::loadString(std::string_view xml, std::string_
     result.definition = Loader(xml, name).load();
     return result;
   } catch (const DefinitionError& e) {
-    // A negative line marks an XML syntax error.
-    return failure(e.line < 0 ? DefinitionStatus::XmlError : DefinitionStatus::BadDefinition, name,
-                   e.line < 0 ? -e.line : e.line, e.message);
+    return failure(e.status, name, e.line, e.message);
   } catch (...) {
     return failure(DefinitionStatus::BadDefinition, name, 0, "out of memory while loading");
   }

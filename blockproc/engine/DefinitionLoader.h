@@ -17,14 +17,17 @@
 
 namespace blockproc {
 
+class TBXML;
+
 // A loaded transaction: the transaction definition (which owns its blocks and fields) and what the file says
 // beyond the descriptors.
 class TransactionDefinition {
  public:
   // What the file says about one block beyond its BlockInfo.
   struct BlockExtra {
-    std::string linkXml;  // the block's <link> element as written in the file ("" when it has none)
-    int32_t line = 0;     // line of the block's element in the file
+    std::string linkXml;                // the block's <link> element as written in the file ("" when none)
+    std::shared_ptr<const TBXML> link;  // the same element as a tree, made once by the loader (or nullptr)
+    int32_t line = 0;                   // line of the block's element in the file
   };
 
   TranInfo tran;                           // blocks in file order; m_InBlockList and m_OutBlockList in order

@@ -11,13 +11,15 @@
 #include <system_error>
 
 #include "blockproc/codec/TextCodec.h"
+#include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc::value {
 
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
+using internal::appendHexByte;
+using internal::kHexLower;
 // Exponents a caller may write ("1e5"); beyond them the digits alone would be a megabyte of zeros.
 constexpr int64_t kMaxExponent = 4000;
 
@@ -59,8 +61,7 @@ void appendBadByte(std::string& out, uint8_t byte, BadByteStyle style) {
     return;
   }
   out += "\\x";
-  out.push_back("0123456789ABCDEF"[byte >> 4]);
-  out.push_back("0123456789ABCDEF"[byte & 15]);
+  appendHexByte(out, byte);
 }
 
 // Decodes the bytes into `out`; bytes that are not text in the encoding are shown in `style`. The fast path
@@ -489,8 +490,7 @@ void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& 
       appendDecimal(out, static_cast<int64_t>(at));
       if (at < bytes.size()) {
         out += " (0x";
-        out.push_back("0123456789ABCDEF"[static_cast<uint8_t>(bytes[at]) >> 4]);
-        out.push_back("0123456789ABCDEF"[static_cast<uint8_t>(bytes[at]) & 15]);
+        appendHexByte(out, static_cast<uint8_t>(bytes[at]));
         out += ")";
       }
       if (result.issue == ValueIssue::BadBytes) {
@@ -516,8 +516,7 @@ void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& 
 
 void appendHex(std::string& out, std::string_view bytes) {
   for (char c : bytes) {
-    out.push_back(kHexDigits[static_cast<uint8_t>(c) >> 4]);
-    out.push_back(kHexDigits[static_cast<uint8_t>(c) & 15]);
+    appendHexByte(out, static_cast<uint8_t>(c), kHexLower);
   }
 }
 

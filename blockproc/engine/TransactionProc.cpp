@@ -9,13 +9,15 @@
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/parser/TBXML.h"
+#include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
 
 namespace {
 
-constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
+using internal::kInt32Max;
+using internal::withThousands;
 
 // A failure inside a build or a receive, turned into the result's message.
 struct Refusal {
@@ -23,22 +25,19 @@ struct Refusal {
 };
 
 std::string records(int64_t count) {
-  return withThousands(count) + (count == 1 ? " record" : " records");
+  return internal::counted(count, "record");
 }
 
 std::string bytes(int64_t count) {
-  return withThousands(count) + (count == 1 ? " byte" : " bytes");
-}
-
-bool isDigit(char c) {
-  return c >= '0' && c <= '9';
+  return internal::counted(count, "byte");
 }
 
 // Leading spaces, then one or more digits and nothing else: the value, or -1.
 int64_t parseCount(std::string_view text) {
   while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  if (text.empty() || !std::all_of(text.begin(), text.end(), isDigit)) return -1;
-  return num::parseLeadingInt(text, 0, std::numeric_limits<int64_t>::max());
+  if (text.empty() || text.front() == '+' || text.front() == '-') return -1;
+  const num::WholeInt count = num::parseWholeInt(text, 0, std::numeric_limits<int64_t>::max());
+  return count.isNumber ? count.value : -1;
 }
 
 // A record count read from a field's display value: spaces around, an optional '+', digits.
@@ -66,25 +65,6 @@ int64_t sendRecordSize(const BlockInfo& block) {
 
 }  // namespace
 
-std::string withThousands(int64_t value) {
-  const bool negative = value < 0;
-  // The magnitude as unsigned, so that the most negative value has one too.
-  uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  std::string digits;
-  int group = 0;
-  do {
-    if (group++ == 3) {
-      digits.push_back(',');
-      group = 1;
-    }
-    digits.push_back(static_cast<char>('0' + magnitude % 10));
-    magnitude /= 10;
-  } while (magnitude != 0);
-  if (negative) digits.push_back('-');
-  std::reverse(digits.begin(), digits.end());
-  return digits;
-}
-
 // ---- creation ---------------------------------------------------------------------------------------------
 
 TransactionProc::TransactionProc(TransactionDefinition& definition)
@@ -96,7 +76,7 @@ TransactionProc::TransactionProc(TransactionDefinition& definition)
     proc->setEncodingType(m_encoding);
     proc->setDataProc(this);
     proc->DefaultMemory();
-    loadLinks(*proc, definition.extra(*block).linkXml);
+    if (const auto& link = definition.extra(*block).link) proc->setXmlInfo(link->rootXMLElement());
     m_blockDPMap.emplace(block->m_szBlockName, proc.get());
     m_blockDPList.push_back(std::move(proc));
   }
@@ -107,15 +87,6 @@ TransactionProc::TransactionProc(TransactionDefinition& definition)
 }
 
 TransactionProc::~TransactionProc() = default;
-
-void TransactionProc::loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept {
-  if (linkXml.empty()) return;
-  try {
-    const auto document = TBXML::newTBXMLWithXMLString(linkXml);
-    if (document) proc.setXmlInfo(document->rootXMLElement());
-  } catch (...) {
-  }
-}
 
 void TransactionProc::setEncodingType(uint32_t encoding) noexcept {
   m_encoding = encoding;
@@ -438,15 +409,6 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
   }
 }
 
-// Makes sure record `index` exists in the buffer, so that a record given without values still has bytes.
-void reachRecord(KXBlockDataProc& proc, int32_t index) {
-  if (index < proc.getBufCount()) return;
-  const FieldInfo* first = proc.getBlockInfo()->getFieldInfoFromIndex(0);
-  proc.setFieldDataFromInfo(first, index, std::nullopt);
-  if (index >= proc.getBufCount())
-    throw Refusal{"block " + proc.getBlockName() + " cannot hold that many records"};
-}
-
 // Fresh default records: every byte blanked, then the defaults of the laid-out records.
 void resetBlock(KXBlockDataProc& proc) {
   proc.wipeBuffer();
@@ -459,6 +421,45 @@ std::string countPrefix(const std::string& block, int64_t count, int32_t digits)
     throw Refusal{"block " + block + " has " + records(count) + ", more than a " + std::to_string(digits) +
                   "-digit count holds"};
   return std::string(static_cast<size_t>(digits) - text.size(), '0') + text;
+}
+
+// The caller's values for record i of a block, or none when they give fewer records.
+const RecordValues& recordValues(const BlockValues* values, int64_t i) {
+  static const RecordValues kNoValues;
+  return values != nullptr && static_cast<size_t>(i) < values->records.size()
+             ? values->records[static_cast<size_t>(i)]
+             : kNoValues;
+}
+
+// A request's records of one block: each record is built in buffer record 0 and goes out through the send
+// packing (the fields back to back), which takes a block's first record.
+void appendSentRecords(std::string& out, KXBlockDataProc& proc, const BlockValues* values, int64_t count,
+                       const RecordValues& countFields) {
+  const int64_t sendSize = sendRecordSize(*proc.getBlockInfo());
+  for (int64_t i = 0; i < count; ++i) {
+    resetBlock(proc);
+    writeRecord(proc, recordValues(values, i), 0, i, true);
+    if (i == 0) writeRecord(proc, countFields, 0, 0, false);
+    std::string packed(static_cast<size_t>(sendSize), ' ');
+    proc.getStructInputData(packed.data());
+    out += packed;
+  }
+}
+
+// A reply's records of one block, as laid out in memory: the default records hold the repeat, so every
+// record given already has its bytes.
+void appendLaidOutRecords(std::string& out, KXBlockDataProc& proc, const BlockValues* values, int64_t count,
+                          const RecordValues& countFields) {
+  const BlockInfo& block = *proc.getBlockInfo();
+  resetBlock(proc);
+  if (count > proc.getBufCount())
+    throw Refusal{"block " + block.m_szBlockName + " cannot hold that many records"};
+  for (int64_t i = 0; i < count; ++i)
+    writeRecord(proc, recordValues(values, i), static_cast<int32_t>(i), i, true);
+  if (count > 0) writeRecord(proc, countFields, 0, 0, false);
+  const int64_t length = count * block.getRecordMemSize();
+  if (length > proc.getBlockBuffSize()) throw Refusal{"block " + block.m_szBlockName + " was not laid out"};
+  out.append(reinterpret_cast<const char*>(proc.getData()), static_cast<size_t>(length));
 }
 
 }  // namespace
@@ -476,42 +477,16 @@ TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValue
 
     std::string out;
     for (Side::Entry& e : side.entries) {
-      KXBlockDataProc& proc = *e.proc;
-      const BlockInfo& block = *proc.getBlockInfo();
+      const BlockInfo& block = *e.proc->getBlockInfo();
       if (block.isOccursBlock() && e.count > block.m_nRepeatCount)
         throw Refusal{"block " + block.m_szBlockName + " holds at most " + records(block.m_nRepeatCount) +
                       " (its repeat); " + withThousands(e.count) + " were given"};
       if (block.isOccursBlock() && block.m_nRecordLenApplyType == RCL_OCCURSLEN)
         out += countPrefix(block.m_szBlockName, e.count, m_definition.tran.m_nOccursLen);
-      static const RecordValues kNoValues;
-      const auto recordAt = [&](int64_t i) -> const RecordValues& {
-        return e.values != nullptr && static_cast<size_t>(i) < e.values->records.size()
-                   ? e.values->records[static_cast<size_t>(i)]
-                   : kNoValues;
-      };
-      if (input) {
-        // Each record goes out through the send packing, which takes a block's first record.
-        const int64_t sendSize = sendRecordSize(block);
-        for (int64_t i = 0; i < e.count; ++i) {
-          resetBlock(proc);
-          writeRecord(proc, recordAt(i), 0, i, true);
-          if (i == 0) writeRecord(proc, e.extra, 0, 0, false);
-          std::string packed(static_cast<size_t>(sendSize), ' ');
-          proc.getStructInputData(packed.data());
-          out += packed;
-        }
-      } else {
-        resetBlock(proc);
-        for (int64_t i = 0; i < e.count; ++i) {
-          reachRecord(proc, static_cast<int32_t>(i));
-          writeRecord(proc, recordAt(i), static_cast<int32_t>(i), i, true);
-        }
-        if (e.count > 0) writeRecord(proc, e.extra, 0, 0, false);
-        const int64_t length = e.count * block.getRecordMemSize();
-        if (length > proc.getBlockBuffSize())
-          throw Refusal{"block " + block.m_szBlockName + " was not laid out"};
-        out.append(reinterpret_cast<const char*>(proc.getData()), static_cast<size_t>(length));
-      }
+      if (input)
+        appendSentRecords(out, *e.proc, e.values, e.count, e.extra);
+      else
+        appendLaidOutRecords(out, *e.proc, e.values, e.count, e.extra);
     }
     result.bytes = std::move(out);
     result.ok = true;

@@ -19,11 +19,13 @@
 #include "blockproc/data/BaseDataProc.h"
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 
-// The number with a comma between groups of three digits: 1200 gives "1,200", -1234567 "-1,234,567".
-std::string withThousands(int64_t value);
+// Transitional: python/src/engine.cpp still names withThousands through this header; once it includes
+// blockproc/util/Internal.h itself, this line goes.
+using internal::withThousands;
 
 // Values for the records of one block, by field name, as callers write them.
 struct RecordValues {
@@ -114,7 +116,6 @@ class TransactionProc : public BaseDataProc {
   struct Receiver;
   BuildResult build(const std::vector<BlockValues>& values, bool input) noexcept;
   ReplyResult receive(const void* data, int64_t size, bool input, bool complete) noexcept;
-  void loadLinks(KXBlockDataProc& proc, const std::string& linkXml) noexcept;
 
   TransactionDefinition& m_definition;
   uint32_t m_encoding;

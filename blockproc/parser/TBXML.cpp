@@ -31,10 +31,6 @@ constexpr size_t kExcerptBytes = 24;
 
 // ---- where an error is ----
 
-bool isUtf8Continuation(char c) {
-  return (static_cast<unsigned char>(c) & 0xC0u) == 0x80u;
-}
-
 bool startsWithUtf8Bom(std::string_view text) {
   return text.size() >= 3 && text.substr(0, 3) == "\xEF\xBB\xBF";
 }
@@ -49,7 +45,7 @@ std::string lineAndColumn(std::string_view text, size_t offset) {
   if (lineStart == 0 && startsWithUtf8Bom(before)) lineStart = 3;
   size_t column = 1;
   for (size_t i = lineStart; i < offset; ++i)
-    if (!isUtf8Continuation(text[i])) ++column;
+    if (!utf8::isContinuation(static_cast<uint8_t>(text[i]))) ++column;
   return "line " + std::to_string(line) + ", column " + std::to_string(column);
 }
 

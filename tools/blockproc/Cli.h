@@ -12,8 +12,11 @@
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/TransactionProc.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
+
+using internal::withThousands;
 
 enum ExitCode : int { kExitOk = 0, kExitData = 1, kExitUsage = 2 };
 

@@ -27,8 +27,7 @@ std::string listOf(const std::vector<KXBlockDataProc*>& procs) {
   return list.empty() ? "none" : list;
 }
 
-// ---- inspect
-// ------------------------------------------------------------------------------------------------
+// ---- inspect ----------------------------------------------------------------------------------------------
 
 std::string flagsOf(const FieldInfo& f) {
   std::string flags;
@@ -86,24 +85,18 @@ std::string linksLine(const KXBlockDataProc& proc) {
   return "links: " + std::to_string(real) + " real-time, " + std::to_string(field) + " field\n";
 }
 
-// ---- encode
-// -------------------------------------------------------------------------------------------------
+// ---- encode -----------------------------------------------------------------------------------------------
 
 constexpr std::string_view kAttrSuffix = "@attr";
 
 // Decimal digits, or one or two hexadecimal ones behind "0x": the value when it is a byte (0 to 255), else
 // -1.
 int byteFromText(std::string_view text) {
-  const auto all = [&](auto test) { return !text.empty() && std::all_of(text.begin(), text.end(), test); };
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    text.remove_prefix(2);
-    if (text.size() > 2 || !all([](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }))
-      return -1;
-    return static_cast<int>(num::parseHex(text));
-  }
-  if (!all([](char c) { return c >= '0' && c <= '9'; })) return -1;
-  const int64_t value = num::parseLeadingInt(text, 0, 256);
-  return value <= 255 ? static_cast<int>(value) : -1;
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  if (hex) text.remove_prefix(2);
+  if (text.empty() || (hex && text.size() > 2) || text.front() == '+' || text.front() == '-') return -1;
+  const num::WholeInt byte = num::parseWholeInt(text, 0, 255, hex ? 16 : 10);
+  return byte.isNumber && !byte.clamped ? static_cast<int>(byte.value) : -1;
 }
 
 uint8_t attrByte(const nlohmann::ordered_json& value, const std::string& where) {

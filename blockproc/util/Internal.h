@@ -1,0 +1,52 @@
+#pragma once
+// Private to the library and its tool (not part of the interface a caller programs against): the constants
+// and small text helpers several files share, so that each is written once.
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+
+namespace blockproc::internal {
+
+// The filler of every text field, record and blanked buffer.
+constexpr uint8_t kSpace = 0x20;
+// The largest size or count a buffer of the processor can have.
+constexpr int64_t kInt32Max = std::numeric_limits<int32_t>::max();
+// Hex digits for showing bytes: upper case in values, lower case in dumps.
+constexpr char kHexUpper[] = "0123456789ABCDEF";
+constexpr char kHexLower[] = "0123456789abcdef";
+
+// Appends the byte as two hex digits from `digits` (kHexUpper or kHexLower).
+inline void appendHexByte(std::string& out, uint8_t byte, const char* digits = kHexUpper) {
+  out.push_back(digits[byte >> 4]);
+  out.push_back(digits[byte & 15]);
+}
+
+// The number with a comma between groups of three digits: 1200 gives "1,200", -1234567 "-1,234,567".
+inline std::string withThousands(int64_t value) {
+  const bool negative = value < 0;
+  // The magnitude as unsigned, so that the most negative value has one too.
+  uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  std::string digits;
+  int group = 0;
+  do {
+    if (group++ == 3) {
+      digits.push_back(',');
+      group = 1;
+    }
+    digits.push_back(static_cast<char>('0' + magnitude % 10));
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (negative) digits.push_back('-');
+  std::reverse(digits.begin(), digits.end());
+  return digits;
+}
+
+// The count with thousands and its unit, plural unless the count is 1: "1 record", "1,200 bytes".
+inline std::string counted(int64_t count, std::string_view unit) {
+  return withThousands(count) + " " + std::string(unit) + (count == 1 ? "" : "s");
+}
+
+}  // namespace blockproc::internal
