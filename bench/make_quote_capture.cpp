@@ -1,7 +1,7 @@
 // Writes a capture of the quote layout for measuring the tool: DIR/quotes.xml, a definition whose reply is
-// one count="rest" block OutBlock1 (repeat: the record count, at most the 559,240 records a definition lays
-// out in 64 MiB), and DIR/quotes.bin, that many records back to back from a fixed seed: a reply of that
-// transaction when it fits the repeat, and a real-time stream of OutBlock1 whatever its size.
+// one count="rest" block OutBlock1 (repeat: the record count, at most the 1,000,000 a definition allows),
+// and DIR/quotes.bin, that many records back to back from a fixed seed: a reply of that transaction when it
+// fits the repeat, and a real-time stream of OutBlock1 whatever its size.
 //
 //   make_quote_capture DIR RECORDS
 
@@ -14,8 +14,8 @@
 
 namespace {
 
-// A definition's block lays out at most 64 MiB.
-constexpr long long kMaxRepeat = (64LL << 20) / blockproc::quote::kRecordSize;
+// A definition's repeat is at most 1,000,000 (a rest block is not held whole, so 64 MiB does not bind it).
+constexpr long long kMaxRepeat = 1'000'000;
 
 bool writeFile(const std::string& path, const std::string& text) {
   std::FILE* file = std::fopen(path.c_str(), "wb");

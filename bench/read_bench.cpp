@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "QuoteLayout.h"
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/data/KXBlockDataProc.h"
 
@@ -21,18 +22,8 @@ constexpr int32_t kRecords = 100;
 constexpr int32_t kRecordSize = 120;
 constexpr int32_t kReadIndex = 37;
 
-std::string cp949(const std::string& utf8Text, size_t width) {
-  std::string bytes = codec::encode(kTextEncodingCP949, utf8Text).value_or("");
-  bytes.resize(width, ' ');
-  return bytes;
-}
-
-template <typename T>
-std::string binary(T value) {
-  std::string bytes(sizeof value, '\0');
-  std::memcpy(bytes.data(), &value, sizeof value);
-  return bytes;
-}
+using quote::binary;
+using quote::padded;
 
 struct PriceReply {
   TranInfo tran;
@@ -55,10 +46,11 @@ struct PriceReply {
     block.addField("change", kFieldNumText, 8, 2);
     block.addField("filler", kFieldText, 17);
     for (int32_t i = 0; i < kRecords; ++i) {
-      std::string record = "005930" + cp949("삼성전자 보통주 한국거래소 유가증권", 40) + "SAMSUNG ELEC" +
-                           "0007150000" + binary<int64_t>(12'345'678 + i) + binary<float>(-125.0f) +
-                           binary<double>(882'716'400'000.0) + "153012" + "2" + "00012500" +
-                           std::string(17, ' ');
+      std::string record =
+          "005930" +
+          padded(codec::encode(kTextEncodingCP949, "삼성전자 보통주 한국거래소 유가증권").value_or(""), 40) +
+          "SAMSUNG ELEC" + "0007150000" + binary<int64_t>(12'345'678 + i) + binary<float>(-125.0f) +
+          binary<double>(882'716'400'000.0) + "153012" + "2" + "00012500" + std::string(17, ' ');
       reply += record;
     }
     proc.setDataProc(&parent);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The tool's speed and peak memory per output format on generated quote captures (14 fields, 120 bytes a
 # record): `decode` of a 200,000-record reply (24 MB, one count="rest" block) and `realtime` of a
-# 8,333,334-record stream (1 GB; a definition lays a block out in at most 64 MiB, a stream has no cap). The
+# 8,333,334-record stream (1 GB; a definition's repeat is at most 1,000,000, a stream has no cap). The
 # captures are written once into /tmp and kept there. Each command runs pinned to one core; the figures are
 # the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
 # resident memory from /usr/bin/time -v.

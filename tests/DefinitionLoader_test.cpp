@@ -192,6 +192,17 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
   }
 }
 
+// 1,000,000 records of 100 bytes pass 64 MiB: refused for a block held whole, not for a rest block (read a
+// piece at a time).
+TEST(DefinitionLoader, LimitsTheSizeOfABlockHeldWholeOnly) {
+  const std::string field = "<field name='x' type='text' length='100'/>";
+  EXPECT_TRUE(load(blockA(field, " repeat='1000000' count='rest'")));
+  EXPECT_EQ(load(outputs("<block name='A' repeat='1000000' count='prefix'>\n" + field + "\n</block>\n",
+                         " occurslen='4'"))
+                .description(),
+            "def.xml:3: block A lays out 100000000 bytes; at most 67108864 are allowed");
+}
+
 TEST(DefinitionLoader, ReportsAFileThatCannotBeRead) {
   const std::pair<std::string, std::string> cases[] = {
       {"/nonexistent/def.xml", "/nonexistent/def.xml: cannot open: No such file or directory"},

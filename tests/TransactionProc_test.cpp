@@ -240,7 +240,7 @@ TEST(TransactionProc, WritesThousandsSeparators) {
       {0, "0"},          {999, "999"},
       {1000, "1,000"},   {1234567, "1,234,567"},
       {-1200, "-1,200"}, {std::numeric_limits<int64_t>::min(), "-9,223,372,036,854,775,808"}};
-  for (const auto& [value, text] : cases) EXPECT_EQ(withThousands(value), text);
+  for (const auto& [value, text] : cases) EXPECT_EQ(internal::withThousands(value), text);
 }
 
 }  // namespace

@@ -28,7 +28,7 @@ namespace blockproc {
 
 namespace {
 
-// Limits that keep a hostile file from asking for huge buffers: a block lays out at most 64 MiB.
+// Limits that keep a hostile file from asking for huge buffers: a block held whole lays out at most 64 MiB.
 constexpr int64_t kMaxFieldBytes = 1'000'000;
 constexpr int64_t kMaxRepeat = 1'000'000;
 constexpr int64_t kMaxBlockBytes = int64_t{64} << 20;
@@ -396,14 +396,21 @@ class Loader {
     BlockInfo& block = *source.block;
     checkOverlaps(source);
     checkAttrSources(source);
+    if (!(block.isOccursBlock() && source.count == "rest")) checkHeldWholeSize(source);
+    block.m_nRecordSendSize = block.getRecordFieldSize();
+    readCount(source);
+    checkLinks(source);
+  }
+
+  // A block held whole lays out its repeat of records at once. A rest block is not held whole (the tool
+  // reads it a piece of whole records at a time), so its repeat only caps the records read.
+  void checkHeldWholeSize(const BlockSource& source) const {
+    const BlockInfo& block = *source.block;
     const int64_t record = block.getRecordMemSize();
     const int64_t records = block.isOccursBlock() ? block.m_nRepeatCount : 1;
     if (record * records > kMaxBlockBytes)
       fail(source.line, "block " + block.m_szBlockName + " lays out " + std::to_string(record * records) +
                             " bytes; at most " + std::to_string(kMaxBlockBytes) + " are allowed");
-    block.m_nRecordSendSize = block.getRecordFieldSize();
-    readCount(source);
-    checkLinks(source);
   }
 
   // Link records: index triples are three whole numbers, the first a field of the block; an attribute

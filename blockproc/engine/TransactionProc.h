@@ -23,10 +23,6 @@
 
 namespace blockproc {
 
-// Transitional: python/src/engine.cpp still names withThousands through this header; once it includes
-// blockproc/util/Internal.h itself, this line goes.
-using internal::withThousands;
-
 // Values for the records of one block, by field name, as callers write them.
 struct RecordValues {
   std::vector<std::pair<std::string, std::string>> fields;  // field name and value, written in this order

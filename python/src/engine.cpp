@@ -11,6 +11,7 @@
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/TransactionProc.h"
+#include "blockproc/util/Internal.h"
 #include "columns.h"
 #include "common.h"
 
@@ -121,8 +122,8 @@ py::list streamColumns(const Definition& def, py::handle streamObject, const std
   ByteView stream(streamObject, "stream");
   const int64_t recordSize = block.getRecordMemSize();
   if (recordSize <= 0 || stream.size() % recordSize != 0)
-    throw py::value_error(source + ": the stream holds " + withThousands(stream.size()) +
-                          " bytes, not a whole number of " + withThousands(recordSize) + "-byte " +
+    throw py::value_error(source + ": the stream holds " + internal::withThousands(stream.size()) +
+                          " bytes, not a whole number of " + internal::withThousands(recordSize) + "-byte " +
                           blockName + " records");
   return decodeColumns(block, def.encoding(), stream.data(), stream.size() / recordSize, recordSize,
                        RecordSource{source, offset});

@@ -14,6 +14,7 @@
 #include "Cli.h"
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
 
@@ -159,11 +160,8 @@ value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, co
                                int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record) {
   if (column.attr) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    const uint8_t attr = proc.getFieldAttrFromInfo(column.field, index);
     out += "0x";
-    out += kHex[attr >> 4];
-    out += kHex[attr & 15];
+    internal::appendHexByte(out, proc.getFieldAttrFromInfo(column.field, index));
     return {};
   }
   const std::string_view bytes = value::fieldBytes(proc, *column.field, index);
@@ -191,10 +189,8 @@ std::string printable(std::string_view text) {
   for (char c : text) {
     const auto byte = static_cast<uint8_t>(c);
     if (byte < 0x20 || byte == 0x7F) {
-      static constexpr char kHex[] = "0123456789ABCDEF";
       out += "\\x";
-      out += kHex[byte >> 4];
-      out += kHex[byte & 15];
+      internal::appendHexByte(out, byte);
     } else {
       out += c;
     }

@@ -4,6 +4,7 @@
 
 #include "Cli.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
 
@@ -69,21 +70,18 @@ std::vector<Range> rangesOf(const TransactionProc::ReplyResult& received, int64_
 }
 
 std::string hexOf(std::string_view bytes) {
-  static constexpr char kHex[] = "0123456789abcdef";
   std::string text;
   for (char c : bytes) {
-    const auto b = static_cast<uint8_t>(c);
     if (!text.empty()) text += ' ';
-    text += kHex[b >> 4];
-    text += kHex[b & 15];
+    internal::appendHexByte(text, static_cast<uint8_t>(c), internal::kHexLower);
   }
   return text;
 }
 
 std::string offsetOf(int64_t offset) {
-  static constexpr char kHex[] = "0123456789abcdef";
   std::string text(8, '0');
-  for (int i = 7; i >= 0 && offset > 0; --i, offset >>= 4) text[static_cast<size_t>(i)] = kHex[offset & 15];
+  for (int i = 7; i >= 0 && offset > 0; --i, offset >>= 4)
+    text[static_cast<size_t>(i)] = internal::kHexLower[offset & 15];
   return text;
 }
 

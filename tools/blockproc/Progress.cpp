@@ -9,11 +9,13 @@
 #include <chrono>
 #include <cmath>
 
-#include "blockproc/engine/TransactionProc.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
 
 namespace {
+
+using internal::withThousands;
 
 int64_t nowMillis() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(

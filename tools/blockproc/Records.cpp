@@ -12,6 +12,7 @@
 
 #include "Cli.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
 
@@ -56,7 +57,6 @@ void trimLine(std::string& out) {
 
 // JSON string contents: quotes, backslashes and control characters escaped, UTF-8 kept.
 void appendJsonEscaped(std::string& out, std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
   for (char c : text) {
     const auto byte = static_cast<uint8_t>(c);
     if (!kJsonSpecial[byte]) {
@@ -66,8 +66,7 @@ void appendJsonEscaped(std::string& out, std::string_view text) {
       out += c;
     } else {
       out += "\\u00";
-      out += kHex[byte >> 4];
-      out += kHex[byte & 15];
+      internal::appendHexByte(out, byte, internal::kHexLower);
     }
   }
 }
