@@ -166,7 +166,7 @@ TEST(TransactionProc, LinksTheSampleAndRebuildsItsReplyFromTheDecodedValues) {
   ASSERT_EQ(in.getLinkCount(), 1);
   EXPECT_EQ(in.getLinkInfo(0)->szDefaultValue, "123450");
   EXPECT_EQ(out.getFieldDataFromName("price", 0), "00000000");
-  EXPECT_EQ(proc.findBlockProc("OutBlock1")->getValidCount(), 20);
+  EXPECT_EQ(proc.findBlockProc("OutBlock1")->getValidCount(), 1);  // one default record, not its repeat
 
   std::ifstream file(BLOCKPROC_SOURCE_DIR "/examples/current_price.reply", std::ios::binary);
   const std::string reply((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -233,6 +233,42 @@ TEST(TransactionProc, BuildsRequestsOrSaysWhatIsWrong) {
     EXPECT_EQ(built.bytes, "") << message;
     EXPECT_EQ(built.message, message);
   }
+}
+
+// A repeat is a cap on the records a block takes, not memory laid out up front: a parent of a definition
+// capping its blocks at 500,000 records of 120 bytes starts with one record each, takes and builds exactly
+// the records it is given, and still refuses one more than the cap.
+TEST(TransactionProc, LaysOutTheRecordsGivenNotTheRepeat) {
+  Loaded t = load(R"(<transaction code='T' occurslen='2'>
+<input><block name='Keys' repeat='500000' count='prefix'><field name='k' type='text' length='120'/></block></input>
+<output><block name='Head'><field name='name' type='text' length='4'/></block>
+<block name='Rows' repeat='500000' count='rest'><field name='v' type='text' length='120'/></block></output>
+</transaction>)");
+  ASSERT_TRUE(t.proc);
+  KXBlockDataProc& rows = *t.proc->findBlockProc("Rows");
+  EXPECT_LE(rows.getBufCount(), 1);
+  EXPECT_LE(t.proc->findBlockProc("Keys")->getBufCount(), 1);
+
+  const auto row = [](char c) { return std::string(120, c); };
+  const std::string reply = "HEAD" + row('a') + row('b') + row('c');
+  const auto received = t.proc->receiveReply(reply.data(), static_cast<int64_t>(reply.size()));
+  ASSERT_TRUE(received.ok) << received.message;
+  EXPECT_EQ(rows.getValidCount(), 3);
+  EXPECT_EQ(rows.getFieldDataFromName("v", 2), row('c'));
+  const auto rebuilt = t.proc->buildReply(
+      {{"Head", {{{{"name", "HEAD"}}, {}}}},
+       {"Rows", {{{{"v", row('a')}}, {}}, {{{"v", row('b')}}, {}}, {{{"v", row('c')}}, {}}}}});
+  ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
+  EXPECT_EQ(rebuilt.bytes, reply);
+  EXPECT_EQ(rows.getBufCount(), 3);
+
+  const auto request = t.proc->buildRequest({{"Keys", {{{{"k", "x"}}, {}}, {{{"k", "y"}}, {}}}}});
+  ASSERT_TRUE(request.ok) << request.message;
+  EXPECT_EQ(request.bytes, "02x" + std::string(119, ' ') + "y" + std::string(119, ' '));
+
+  const std::string over = "HEAD" + std::string(size_t{500001} * 120, 'z');
+  EXPECT_EQ(t.proc->receiveReply(over.data(), static_cast<int64_t>(over.size())).message,
+            "block Rows holds at most 500,000 records (its repeat); the reply has 500,001 records");
 }
 
 TEST(TransactionProc, WritesThousandsSeparators) {

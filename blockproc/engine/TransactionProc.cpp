@@ -63,6 +63,22 @@ int64_t sendRecordSize(const BlockInfo& block) {
   return size;
 }
 
+// Blanks every byte of the block's buffer, then lays out exactly `records` records of defaults (one for a
+// one-record block). A repeated block's repeat caps the records it takes, not the memory it starts with, so
+// the definition's repeat stands in for `records` only while the processor lays them out, and is restored
+// on leaving.
+void layOutDefaults(KXBlockDataProc& proc, int32_t records) noexcept {
+  BlockInfo& block = *proc.getBlockInfo();
+  struct RepeatOverride {
+    BlockInfo& block;
+    int32_t cap;
+    ~RepeatOverride() { block.m_nRepeatCount = cap; }
+  } restore{block, block.m_nRepeatCount};
+  if (block.isOccursBlock()) block.m_nRepeatCount = records;
+  proc.wipeBuffer();
+  proc.DefaultMemory();
+}
+
 }  // namespace
 
 // ---- creation ---------------------------------------------------------------------------------------------
@@ -75,7 +91,8 @@ TransactionProc::TransactionProc(TransactionDefinition& definition)
     auto proc = std::make_unique<KXBlockDataProc>(block.get());
     proc->setEncodingType(m_encoding);
     proc->setDataProc(this);
-    proc->DefaultMemory();
+    // One default record: a repeated block's other records are laid out as they are received or built.
+    layOutDefaults(*proc, std::min(block->m_nRepeatCount, 1));
     if (const auto& link = definition.extra(*block).link) proc->setXmlInfo(link->rootXMLElement());
     m_blockDPMap.emplace(block->m_szBlockName, proc.get());
     m_blockDPList.push_back(std::move(proc));
@@ -409,12 +426,6 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
   }
 }
 
-// Fresh default records: every byte blanked, then the defaults of the laid-out records.
-void resetBlock(KXBlockDataProc& proc) {
-  proc.wipeBuffer();
-  proc.DefaultMemory();
-}
-
 std::string countPrefix(const std::string& block, int64_t count, int32_t digits) {
   std::string text = std::to_string(count);
   if (static_cast<int64_t>(text.size()) > digits)
@@ -437,7 +448,7 @@ void appendSentRecords(std::string& out, KXBlockDataProc& proc, const BlockValue
                        const RecordValues& countFields) {
   const int64_t sendSize = sendRecordSize(*proc.getBlockInfo());
   for (int64_t i = 0; i < count; ++i) {
-    resetBlock(proc);
+    layOutDefaults(proc, 1);
     writeRecord(proc, recordValues(values, i), 0, i, true);
     if (i == 0) writeRecord(proc, countFields, 0, 0, false);
     std::string packed(static_cast<size_t>(sendSize), ' ');
@@ -446,12 +457,12 @@ void appendSentRecords(std::string& out, KXBlockDataProc& proc, const BlockValue
   }
 }
 
-// A reply's records of one block, as laid out in memory: the default records hold the repeat, so every
-// record given already has its bytes.
+// A reply's records of one block, as laid out in memory: exactly `count` default records (at most the
+// block's repeat), each overwritten with its values.
 void appendLaidOutRecords(std::string& out, KXBlockDataProc& proc, const BlockValues* values, int64_t count,
                           const RecordValues& countFields) {
   const BlockInfo& block = *proc.getBlockInfo();
-  resetBlock(proc);
+  layOutDefaults(proc, static_cast<int32_t>(count));
   if (count > proc.getBufCount())
     throw Refusal{"block " + block.m_szBlockName + " cannot hold that many records"};
   for (int64_t i = 0; i < count; ++i)

@@ -24,10 +24,9 @@ struct Definition {
   std::string xml;
   std::string name;
   std::unique_ptr<TransactionDefinition> definition;
-  // The transaction-level parent that splits replies, made on first use and kept: making one lays out every
-  // block's `repeat` records with their defaults (60 MB and about 80 ms for the benchmark's 500,000-record
-  // block), which a parent per reply would pay on every call. It is used only inside split(), which runs no
-  // Python code, so calls from several threads (each holding the GIL) never share it.
+  // The transaction-level parent that splits replies, made on first use and kept, so that its blocks' record
+  // buffers serve the calls that follow. It is used only inside split(), which runs no Python code, so calls
+  // from several threads (each holding the GIL) never share it.
   std::unique_ptr<TransactionProc> splitter;
 
   const BlockInfo& block(const std::string& blockName) const {

@@ -40,14 +40,9 @@ struct CommonOptions {
   std::string encoding;    // "" keeps the definition's encoding
 };
 
-// How the parent lays out repeated blocks: each with its repeat of records, or with one record (growing as
-// records are handed over) for the count="rest" output blocks or for every block.
-enum class Layout { Full, RestAsOne, AllAsOne };
-
 // Loads the definition (standard input for "-") and builds its parent; a definition that cannot be read or
 // is not valid fails with kExitUsage. `dataPath` is the data's path, which may not also be "-".
-Session openSession(const CommonOptions& options, const std::string& dataPath = "",
-                    Layout layout = Layout::Full);
+Session openSession(const CommonOptions& options, const std::string& dataPath = "");
 // The whole file, or standard input for "-"; a file that cannot be read (a directory, a missing file)
 // fails with kExitUsage.
 std::string readInput(const std::string& path);

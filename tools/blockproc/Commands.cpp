@@ -428,8 +428,7 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
 
 int runDecode(const DecodeOptions& options) {
   const RenderOptions render{parseFormat(options.format), options.raw};
-  const Session session =
-      openSession(options.common, options.reply, options.request ? Layout::Full : Layout::RestAsOne);
+  const Session session = openSession(options.common, options.reply);
   const std::vector<const KXBlockDataProc*> blocks = chosenBlocks(session, options.block, options.request);
   if (render.format == Format::Csv && blocks.size() > 1 && options.outputDir.empty())
     throw Failure{kExitUsage, "CSV holds one block, and the " +

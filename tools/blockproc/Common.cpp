@@ -32,7 +32,7 @@ std::string readStdin(const std::string& what) {
 
 }  // namespace
 
-Session openSession(const CommonOptions& options, const std::string& dataPath, Layout layout) {
+Session openSession(const CommonOptions& options, const std::string& dataPath) {
   if (options.definition == "-" && dataPath == "-")
     throw Failure{kExitUsage, "the definition and the data cannot both come from standard input"};
   DefinitionResult loaded = options.definition == "-"
@@ -53,20 +53,7 @@ Session openSession(const CommonOptions& options, const std::string& dataPath, L
                     "unknown encoding '" + options.encoding + "'; use cp949, euc-kr, utf-8, ascii or latin1"};
     session.definition->encoding = *encoding;
   }
-  // A repeat handed over a piece at a time is a cap, not a buffer: such a block is laid out with one record
-  // (a 64 MiB block would otherwise be laid out in full before the first record is read).
-  std::vector<std::pair<BlockInfo*, int32_t>> caps;
-  for (const auto& block : session.definition->tran.m_BlockInfokList) {
-    const bool rest = block->m_nRecordLenApplyType == RCL_RESTDATA &&
-                      std::find(session.definition->tran.m_OutBlockList.begin(),
-                                session.definition->tran.m_OutBlockList.end(),
-                                block.get()) != session.definition->tran.m_OutBlockList.end();
-    if (!block->isOccursBlock() || layout == Layout::Full || (layout == Layout::RestAsOne && !rest)) continue;
-    caps.emplace_back(block.get(), block->m_nRepeatCount);
-    block->setRepeat(1);
-  }
   session.proc = std::make_unique<TransactionProc>(*session.definition);
-  for (const auto& [block, cap] : caps) block->setRepeat(cap);
   return session;
 }
 

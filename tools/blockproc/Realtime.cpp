@@ -23,7 +23,7 @@ std::string blockNames(const TransactionProc& proc) {
 
 int runRealtime(const RealtimeOptions& options) {
   const RenderOptions render{parseFormat(options.format), options.raw};
-  const Session session = openSession(options.common, options.stream, Layout::AllAsOne);
+  const Session session = openSession(options.common, options.stream);
   KXBlockDataProc* proc = session.proc->findBlockProc(options.block);
   if (proc == nullptr)
     throw Failure{kExitUsage,
