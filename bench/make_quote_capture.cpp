@@ -14,8 +14,8 @@
 
 namespace {
 
-// A definition's repeat is at most 1,000,000 (a rest block is not held whole, so 64 MiB does not bind it).
-constexpr long long kMaxRepeat = 1'000'000;
+// A rest block's repeat may go to the 32-bit limit: such a block is read a piece at a time.
+constexpr long long kMaxRepeat = 2'147'483'647;
 
 bool writeFile(const std::string& path, const std::string& text) {
   std::FILE* file = std::fopen(path.c_str(), "wb");

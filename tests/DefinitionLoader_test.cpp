@@ -196,7 +196,7 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
 // piece at a time).
 TEST(DefinitionLoader, LimitsTheSizeOfABlockHeldWholeOnly) {
   const std::string field = "<field name='x' type='text' length='100'/>";
-  EXPECT_TRUE(load(blockA(field, " repeat='1000000' count='rest'")));
+  EXPECT_TRUE(load(blockA(field, " repeat='2147483647' count='rest'")));
   EXPECT_EQ(load(outputs("<block name='A' repeat='1000000' count='prefix'>\n" + field + "\n</block>\n",
                          " occurslen='4'"))
                 .description(),

@@ -28,7 +28,8 @@ namespace blockproc {
 
 namespace {
 
-// Limits that keep a hostile file from asking for huge buffers: a block held whole lays out at most 64 MiB.
+// Limits that keep a hostile file from asking for huge buffers: a block held whole lays out at most 64 MiB
+// and 1,000,000 records. A rest block is read a piece at a time, so its repeat may go to the 32-bit limit.
 constexpr int64_t kMaxFieldBytes = 1'000'000;
 constexpr int64_t kMaxRepeat = 1'000'000;
 constexpr int64_t kMaxBlockBytes = int64_t{64} << 20;
@@ -278,6 +279,9 @@ class Loader {
     if (m_blocks.empty()) fail(root, "the transaction has no blocks; add <input> or <output> with a <block>");
   }
 
+  // Whether the block's records are counted by the rest of the data.
+  static bool restCount(const pugi::xml_node& node) { return valueOf(node.attribute("count")) == "rest"; }
+
   void readBlock(const pugi::xml_node& node, bool input) {
     allowOnly(node, {"name", "repeat", "count", "attr"});
     std::string name = required(node, "name");
@@ -286,7 +290,8 @@ class Loader {
     BlockInfo& block = *owned;
     block.m_bAttribute = flag(node, "attr");
     if (node.attribute("repeat"))
-      block.setRepeat(static_cast<int32_t>(number(node, "repeat", 1, kMaxRepeat, 1)));
+      block.setRepeat(static_cast<int32_t>(
+          number(node, "repeat", 1, restCount(node) ? internal::kInt32Max : kMaxRepeat, 1)));
     BlockSource source{
         &block, m_lines.lineOf(node.offset_debug()), input, valueOf(node.attribute("count")), {}, {}};
     if (node.attribute("count") && source.count.empty())

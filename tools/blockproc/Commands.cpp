@@ -60,7 +60,7 @@ std::string blockSummary(const KXBlockDataProc& proc, const TransactionDefinitio
                      withThousands(block.getRecordMemSize()) + " bytes";
   if (input) text += ", " + withThousands(block.getRecordFieldSize()) + " sent";
   if (block.isOccursBlock())
-    text += ", repeated (" + withThousands(block.m_nRepeatCount) + " laid out), record count from " +
+    text += ", repeated (at most " + withThousands(block.m_nRepeatCount) + "), record count from " +
             countRule(block, def.tran.m_nOccursLen, input);
   text += ", packet " + withThousands(proc.calcPacketSize()) + " bytes\n";
   return text;
