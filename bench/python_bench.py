@@ -2,8 +2,7 @@
 """A 200,000-record capture of the 14-field, 120-byte quote layout (written by bench/make_quote_capture)
 decoded two ways: the hand-written struct.unpack + bytes.decode("cp949") loop an analyst writes, and
 blockproc.to_pandas. Both give the same frame, and its first records equal blockproc.decode's, the tool's
-canonical values (checked); prints ns per field of each, the ratio, and the first call's time (which also
-lays out the definition's blocks).
+canonical values (checked); prints ns per field of each, the ratio, and the first call's time.
 
     cmake -S . -B build-release -DCMAKE_BUILD_TYPE=Release -DBLOCKPROC_BUILD_PYTHON=ON -DBLOCKPROC_BUILD_BENCH=ON
     cmake --build build-release -j2 --target _blockproc make_quote_capture
