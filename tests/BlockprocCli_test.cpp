@@ -107,11 +107,9 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {"decode " + kDef + " missing.reply", "", 2,
        "missing.reply: cannot open: No such file or directory\n"
        "  (check the path, or give - to read standard input)\n"},
-      // A directory is refused in one line with the usage code, as the definition or as the data.
+      // A directory is refused in one line with the usage code.
       {"decode examples " + kReply, "", 2,
        "examples: is a directory, not a file\n  (give the path of a transaction definition file)\n"},
-      {"decode " + kDef + " examples", "", 2,
-       "examples: is a directory, not a file\n  (check the path, or give - to read standard input)\n"},
       {"decode - -", "", 2, "the definition and the data cannot both come from standard input\n"},
       {"decode tests/data/unknown_type.xml " + kReply, "", 2,
        "tests/data/unknown_type.xml:5: field 'price': unknown type 'nubmer' (expected text, number, int16, "
@@ -202,12 +200,9 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
   const struct {
     std::string field, value, decoded;  // decoded: the JSON member decode writes, or the refusal
   } cases[] = {{"totvol", "\"-42\"", "\"totvol\": -42"},
-               {"totvol", "123456789", "\"totvol\": 123456789"},
-               {"f2", "123.45", "\"f2\": 123.45"},
                {"num", "1234567.8", "\"num\": 1234567.80"},
                {"d0", "2.5e3", "\"d0\": 2500"},
                {"num", "\"0.125\"", "field num: '0.125' has 3 decimal places; the field holds 2"},
-               {"d0", "\"1e400\"", "field d0: '1e400' lies outside the range of a double"},
                {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"}};
   for (const auto& c : cases) {
     const std::string values = "{\"Out\": {\"" + c.field + "\": " + c.value + "}}";
