@@ -98,7 +98,6 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       // One canonical form for the writer: a digit before the point, no '+', the field's places.
       {fieldOf(kFieldNumText, 21, 2), ".58", "0.58", "0.58"},
       {fieldOf(kFieldNumText, 21, 2), "+0.580", "0.58", "0.58"},
-      {fieldOf(kFieldNumText, 3, 1), ".1", "0.1", "0.1"},
       {fieldOf(kFieldNumText, 10, 2), " -12.3 ", "-12.30", "-12.30"},
       {fieldOf(kFieldNumText, 10, 2), "1e3", "1000.00", "1000.00"},
       {fieldOf(kFieldNumText, 6, 2), "1234.5", "123450", "1234.50"},  // the implied point's extra digit
