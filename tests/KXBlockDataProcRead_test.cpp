@@ -160,8 +160,6 @@ TEST(KXBlockDataProcRead, AppendingReadAddsExactlyTheRead) {
       {kFieldText, 0, "AB\xB0  ", 0, false},                       // undecodable
       {kFieldNumText, 2, "-0012345", 0, true},
       {kFieldInt16, 0, bytesOf({0xFF, 0x7F}), 0, true},
-      {kFieldFloat, 2, bytesOf({0x00, 0x00, 0xFA, 0x42}), 0, true},
-      {kFieldDouble, 2, bytesOf({0x6E, 0x86, 0x1B, 0xF0, 0xF9, 0x21, 0x09, 0x40}), 0, true},
       {kFieldDouble, 1101, bytesOf({0, 0, 0, 0, 0, 0x40, 0x5F, 0x40}), 0, false},
       {7, 0, "12345678", 0, false},
       {kFieldText, 0, "ABCD", 1, false},  // outside the valid records
