@@ -113,7 +113,6 @@ TEST(KXBlockDataProcXml, AttributeFunction) {
       {"attr_unknown(p)", "attr_unknown(p)", true, FUNC_BASE_INDEX, "p"},
       {"attr_(p)", "attr_(p)", false, FUNC_BASE_INDEX, "p"},  // parameters without a name
       {"attr_compare)x(", "attr_compare)x(", false, FUNC_BASE_INDEX, std::nullopt},
-      {"attr_compare(a", "attr_compare(a", false, FUNC_BASE_INDEX, std::nullopt},
       {"attr_makecolor(a)(b)", "attr_makecolor(a)(b)", true, FUNC_MAKECOLOR_INDEX, "a"},
       {"attr_zero(&lt;1&gt;)", "attr_zero(<1>)", true, FUNC_ZERO_INDEX, "<1>"},
       {"ATTR_compare(a)", "", true, FUNC_USEPCLOSE_INDEX, "q"},
