@@ -100,7 +100,6 @@ TEST(TBXMLErrors, MalformedDocumentsNameTheProblemAndWhere) {
       {"<a><!-- x -></a>", "malformed comment"},
       {"<a><![CDATA[x</a>", "malformed CDATA section"},
       {"", "no root element at line 1, column 1"},
-      {"<!-- only -->\n", "no root element"},
       {"<a/>\n<b/>", "a second root element <b> (only one is allowed) at line 2, column 1 (near \"<b/>\")"},
       {"<a/>\n  tail", "text outside the root element at line 2, column 3 (near \"tail\")"},
       {std::string("<a>\0</a>", 8),
