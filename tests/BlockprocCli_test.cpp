@@ -54,7 +54,6 @@ TEST(BlockprocCli, WritesTheGoldenOutputsExactly) {
   const struct {
     std::string args, file, input;
   } cases[] = {{kDecode, "current_price.table.txt", ""},
-               {"decode " + kDef + " -", "current_price.table.txt", kSampleReply},
                {kDecode + " --format json", "current_price.json", ""},
                {kDecode + " --format csv --block OutBlock1", "current_price.OutBlock1.csv", ""},
                {kDecode + " --format jsonl", "current_price.jsonl", ""},
@@ -108,11 +107,9 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {"decode " + kDef + " missing.reply", "", 2,
        "missing.reply: cannot open: No such file or directory\n"
        "  (check the path, or give - to read standard input)\n"},
-      // A directory is refused in one line with the usage code, as the definition or as the data.
+      // A directory is refused in one line with the usage code.
       {"decode examples " + kReply, "", 2,
        "examples: is a directory, not a file\n  (give the path of a transaction definition file)\n"},
-      {"decode " + kDef + " examples", "", 2,
-       "examples: is a directory, not a file\n  (check the path, or give - to read standard input)\n"},
       {"decode - -", "", 2, "the definition and the data cannot both come from standard input\n"},
       {"decode tests/data/unknown_type.xml " + kReply, "", 2,
        "tests/data/unknown_type.xml:5: field 'price': unknown type 'nubmer' (expected text, number, int16, "
@@ -202,21 +199,11 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
   const std::string def = allTypesPath();
   const struct {
     std::string field, value, decoded;  // decoded: the JSON member decode writes, or the refusal
-  } cases[] = {
-      {"totvol", "\"-42\"", "\"totvol\": -42"},
-      {"totvol", "123456789", "\"totvol\": 123456789"},
-      {"f2", "123.45", "\"f2\": 123.45"},
-      {"wide", "\".58\"", "\"wide\": 0.58"},
-      {"small", "\".1\"", "\"small\": 0.1"},
-      {"num", "1234567.8", "\"num\": 1234567.80"},
-      {"d0", "2.5e3", "\"d0\": 2500"},
-      {"num", "\"0.125\"", "field num: '0.125' has 3 decimal places; the field holds 2"},
-      {"num", "\"1234567.899\"", "field num: '1234567.899' has 3 decimal places; the field holds 2"},
-      {"whole", "\"12.5\"", "field whole: '12.5' has 1 decimal place; the field holds whole numbers"},
-      {"f0", "3.5", "field f0: '3.5' has 1 decimal place; the field holds whole numbers"},
-      {"f0", "1e39", "field f0: '1e39' lies outside the range of a float"},
-      {"d0", "\"1e400\"", "field d0: '1e400' lies outside the range of a double"},
-      {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"}};
+  } cases[] = {{"totvol", "\"-42\"", "\"totvol\": -42"},
+               {"num", "1234567.8", "\"num\": 1234567.80"},
+               {"d0", "2.5e3", "\"d0\": 2500"},
+               {"num", "\"0.125\"", "field num: '0.125' has 3 decimal places; the field holds 2"},
+               {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"}};
   for (const auto& c : cases) {
     const std::string values = "{\"Out\": {\"" + c.field + "\": " + c.value + "}}";
     const Outcome built = run("encode '" + def + "' - --reply", values);
@@ -232,14 +219,6 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
     const Outcome again = run("encode '" + def + "' - --reply", json.out);
     EXPECT_EQ(again.out, built.out) << values << again.err;
   }
-  // The implied point of the wire: 0000123450 is 1234.50, and that encodes back.
-  const std::string wire =
-      "ABC0000123450" + std::string(21 + 3 + 8, '0') + std::string(2 + 8 + 4 + 4 + 8, '\0');
-  const Outcome json = run("decode '" + def + "' - --format json", wire);
-  EXPECT_NE(json.out.find("\"num\": 1234.50"), std::string::npos) << json.out << json.err;
-  const Outcome back = run("encode '" + def + "' - --reply", json.out);
-  EXPECT_EQ(back.code, 0) << back.err;
-  EXPECT_EQ(run("decode '" + def + "' - --format json", back.out).out, json.out);
 }
 
 // Bytes that are not text in the encoding are shown escaped, never blanked; the output is complete, a
@@ -262,7 +241,6 @@ TEST(BlockprocCli, ShowsBadBytesAndExitsWithOne) {
                {" --format jsonl",
                 "\"txt\":\"A\xEF\xBF\xBD"
                 "B\",\"txt@hex\":\"41ff42\""},
-               {" --encoding euc-kr", "A\\xFFB\n"},
                {" --encoding ascii --format long", "Out,0,txt,A\\xFFB"}};
   for (const auto& c : cases) {
     const Outcome r = run("decode '" + def + "' -" + c.args, reply);
@@ -276,23 +254,12 @@ TEST(BlockprocCli, ChecksWhatItReadsAndWrites) {
   const std::string def = allTypesPath();
   const std::string reply =
       "ABC0000000.00" + std::string(21 + 3 + 8, '0') + std::string(2 + 8 + 4 + 4 + 8, '\0');
-  const struct {
-    std::string args, input;
-    int code;
-    std::string err;
-  } cases[] = {{"decode '" + def + "' - --format csv", reply, 2,
-                "blockproc: CSV holds one block, and the reply has 2; pick one with --block, or give "
-                "--output-dir DIR for "
-                "one file per block\n"},
-               {"decode '" + def + "' -", reply + std::string(11, 'x'), 1,
-                "blockproc: standard input: block Rows holds at most 10 records (its repeat); the reply has "
-                "11 records\n"
-                "  (hexdump shows how the bytes fall into the blocks)\n"}};
-  for (const auto& c : cases) {
-    const Outcome r = run(c.args, c.input);
-    EXPECT_EQ(r.code, c.code) << c.args << r.err;
-    EXPECT_EQ(r.err, c.err) << c.args;
-  }
+  const Outcome csv = run("decode '" + def + "' - --format csv", reply);
+  EXPECT_EQ(csv.code, 2);
+  EXPECT_EQ(
+      csv.err,
+      "blockproc: CSV holds one block, and the reply has 2; pick one with --block, or give --output-dir "
+      "DIR for one file per block\n");
   // A failed write of the output is an error.
   for (const std::string& args : {kDecode, "hexdump " + kDef + " " + kReply, "inspect " + kDef}) {
     const std::string err = tempPath("err");

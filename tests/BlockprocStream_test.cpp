@@ -116,19 +116,6 @@ TEST(BlockprocStream, WarnsInRecordOrderWithJobs) {
   }
 }
 
-// The bundled sample's stream read a record or two at a time gives its golden output.
-TEST(BlockprocStream, ReadsTheSampleStreamInPieces) {
-  const std::string golden = readFile(kSource + "/tests/golden/current_price.realtime.txt");
-  for (const char* piece : {"31", "62", "100"}) {
-    const Outcome r =
-        run("realtime examples/current_price.xml examples/current_price.stream --block OutBlock1 "
-            "--chunk-bytes " +
-            std::string(piece));
-    EXPECT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(r.out, golden) << piece;
-  }
-}
-
 TEST(BlockprocStream, WritesTheRecordsBeforeWhatIsWrongWithTheEnd) {
   const Capture& c = capture();
   const std::string hint = "\n  (hexdump shows how the bytes fall into the blocks)\n";

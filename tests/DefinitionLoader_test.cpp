@@ -42,42 +42,17 @@ DefinitionResult load(const std::string& xml) {
   return DefinitionLoader::loadString(xml, "def.xml");
 }
 
+// The sample's layout is pinned by the tool's inspect golden output; here, what that output does not show.
 TEST(DefinitionLoader, LoadsTheSampleTransaction) {
   const DefinitionResult result =
       DefinitionLoader::loadFile(BLOCKPROC_SOURCE_DIR "/examples/current_price.xml");
   ASSERT_TRUE(result) << result.description();
   const TransactionDefinition& def = *result.definition;
-  EXPECT_EQ(def.tran.getTrCode(), "Q10100");
-  EXPECT_EQ(def.title, "현재가 조회");
-  EXPECT_EQ(def.tran.m_nOccursLen, 4);
-  EXPECT_EQ(def.encoding, kTextEncodingCP949);
-  ASSERT_EQ(def.tran.m_InBlockList.size(), 1u);
-  ASSERT_EQ(def.tran.m_OutBlockList.size(), 2u);
-  EXPECT_TRUE(def.tran.m_InBlockList[0]->getFieldInfoFromName("shcode")->isSTCodeField());
-
   const BlockInfo& out = *def.tran.findBlock("OutBlock");
-  const FieldInfo& price = *out.getFieldInfoFromName("price");
-  EXPECT_EQ(price.szKorFieldName, "현재가");
-  EXPECT_EQ(price.szEngFieldName, "Price");
-  EXPECT_EQ(price.nDataType, kFieldNumText);
-  EXPECT_EQ(price.nDataPos, 20);
-  EXPECT_EQ(price.nLength, 8);
-  EXPECT_NE(price.nAttr, 0);
-  // The field after price starts behind its attribute byte.
-  EXPECT_EQ(out.getFieldInfoFromName("sign")->nDataPos, 29);
+  const BlockInfo& ticks = *def.tran.findBlock("OutBlock1");
   EXPECT_EQ(out.getAttrRefSourceFieldInfo(out.getFieldInfoFromName("rate")->getAttrRefDicKey()),
             out.getFieldInfoFromName("sign"));
-  EXPECT_EQ(out.getFieldInfoFromName("volume")->nLength, 8);
-  EXPECT_EQ(out.getFieldInfoFromName("per")->nDecimalLen, 2);
-  EXPECT_FALSE(out.isOccursBlock());
-
-  const BlockInfo& ticks = *def.tran.findBlock("OutBlock1");
-  EXPECT_TRUE(ticks.isOccursBlock());
-  EXPECT_EQ(ticks.m_nRepeatCount, 20);
   EXPECT_EQ(ticks.m_nRecordLenApplyType, RCL_BLOCKFIELD_ID);
-  EXPECT_EQ(ticks.m_strRecordLenSubInfo, "OutBlock.cnt");
-  EXPECT_EQ(ticks.getRecordMemSize(), 31);
-
   // The link element is kept as written, entity references and all.
   EXPECT_NE(def.extra(out).linkXml.find("exp=\"price &gt; 0\""), std::string::npos) << def.extra(out).linkXml;
   EXPECT_EQ(def.extra(ticks).linkXml, "");

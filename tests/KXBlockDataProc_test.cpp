@@ -66,7 +66,6 @@ TEST(KXBlockDataProcBuffer, PacketSizeAndLaidOutRecords) {
   } cases[] = {{0, 3, 10, "   0000.00|10/1/1"},
                {4, 3, 30, "   0000.00   0000.00   0000.00|30/3/3"},
                {4, 0, 10, "none|0/0/0"},
-               {5, 2, 20, "   0000.00   0000.00|20/2/2"},
                {4, -2, 0, "none|0/0/0"}};
   for (const auto& c : cases) {
     auto block = tenByteBlock(c.type, c.repeat);

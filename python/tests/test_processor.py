@@ -21,7 +21,6 @@ def test_receives_reads_and_writes():
     proc = bp.KXBlockDataProc(quote_block())
     assert proc.getData() is None and proc.findFieldInfo("price") is not None
     proc.DefaultMemory()
-    assert proc.getBufCount() == 3
     received = bytearray("한빛전자  00001234AB        00000050".encode("cp949"))
     assert proc.setData(received)
     received[0:10] = b"XXXXXXXXXX"  # the processor took a copy
