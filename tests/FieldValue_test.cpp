@@ -101,6 +101,8 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 10, 2), " -12.3 ", "-12.30", "-12.30"},
       {fieldOf(kFieldNumText, 10, 2), "1e3", "1000.00", "1000.00"},
       {fieldOf(kFieldNumText, 6, 2), "1234.5", "123450", "1234.50"},  // the implied point's extra digit
+      {fieldOf(kFieldNumText, 10, 2), "900400000.00", "900400000.", "900400000.00"},  // decimals not written
+      {fieldOf(kFieldNumText, 10, 3), "-1234567.5", "-1234567.5", "-1234567.500"},
       {fieldOf(kFieldSInt64, 8), "-42", "-42", "-42"},
       {fieldOf(kFieldInt16, 2), "-32768", "-32768", "-32768"},
       {fieldOf(kFieldInt16, 2), "7.00", "7", "7"},
@@ -113,8 +115,8 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 10, 2), "1234567.899", "",
        "'1234567.899' has 3 decimal places; the field holds 2"},
       {fieldOf(kFieldNumText, 8), "12.5", "", "'12.5' has 1 decimal place; the field holds whole numbers"},
-      {fieldOf(kFieldNumText, 10, 2), "-12345678", "",
-       "'-12345678' has 8 digits before the point; the field has room for 7 beside the sign"},
+      {fieldOf(kFieldNumText, 10, 2), "-123456789", "",
+       "'-123456789' has 9 digits before the point; the field has room for 8 beside the sign"},
       {fieldOf(kFieldNumText, 5), "1,5", "", "'1,5' is not a number"},
       {fieldOf(kFieldFloat, 4), "3.5", "", "'3.5' has 1 decimal place; the field holds whole numbers"},
       {fieldOf(kFieldFloat, 4), "1e39", "", "'1e39' lies outside the range of a float"},

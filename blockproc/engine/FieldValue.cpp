@@ -347,11 +347,28 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
     p.writeType = kFieldText;
     return true;
   }
+  // A point with only the decimals that are not zero ("900400000." in ten bytes): the field reads it back
+  // with its own places, so a value a reply carried this way goes back the same way.
+  std::string_view fraction = d.fraction;
+  while (!fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1);
+  const int64_t compact = sign + std::max<int64_t>(digits, 1) + 1 + static_cast<int64_t>(fraction.size());
+  if (places > 0 && compact <= field.nLength) {
+    p.write.assign(d.negative ? "-" : "");
+    p.write.append(static_cast<size_t>(field.nLength - compact), '0');
+    p.write += d.integer.empty() ? std::string_view("0") : std::string_view(d.integer);
+    p.write += '.';
+    p.write += fraction;
+    p.writeType = kFieldText;
+    return true;
+  }
   why += "has ";
   appendGrouped(why, digits);
   why +=
       places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
-  appendGrouped(why, std::max<int64_t>(implied, 0));
+  // Room for digits: with the implied point, or with a point and the decimals that are not zero.
+  const int64_t roomWithPoint =
+      places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(fraction.size()) : 0;
+  appendGrouped(why, std::max<int64_t>({implied, roomWithPoint, 0}));
   if (d.negative) why += " beside the sign";
   return false;
 }
