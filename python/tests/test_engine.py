@@ -52,6 +52,14 @@ def test_every_type_gives_the_tools_values_in_frames_and_records(every_type, too
     assert frame_records(frame) == records == tool(EVERY_TYPE, data)["Rows"]
 
 
+def test_text_columns_give_every_value_whether_it_repeats_or_not(every_type):
+    # A column whose values rarely repeat stops looking them up after 1,024 records; one that repeats keeps
+    # its table: both give each record's own text.
+    for names in ([f"N{i:06d}" for i in range(1500)], ["삼성전자", "A", "삼성전자우"] * 500):
+        data = b"".join(row(n, b"1", b"1", 0, b"1", 0, 0, 0, 0.0, 0.0) for n in names)
+        assert blockproc.realtime_frame(every_type, data, "Rows")["name"].tolist() == names
+
+
 def test_float_and_double_columns_equal_the_tools_values(every_type, tool):
     # Whole floats below 2^24 and doubles of at most 3 places below 2^53 take the columns' fast paths; larger
     # ones go through the engine's shortest text (123456792.0 shows as 1234567.90).
