@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/FieldNameIndex.h"
 #include "blockproc/engine/FieldValue.h"
+#include "blockproc/util/NumberParse.h"
 
 namespace blockproc::python {
 
@@ -85,16 +87,12 @@ struct FieldAt {
 bool canonicalScaled(const FieldAt& at, int64_t record, std::string& scratch, int64_t& out) {
   at.canonical(record, scratch);
   if (scratch.empty()) return false;
-  const bool negative = scratch[0] == '-';
-  uint64_t magnitude = 0;
-  bool overflow = false;
-  for (const char c : std::string_view(scratch).substr(negative ? 1 : 0))
-    if (c != '.')
-      overflow |= __builtin_mul_overflow(magnitude, 10u, &magnitude) ||
-                  __builtin_add_overflow(magnitude, static_cast<unsigned>(c - '0'), &magnitude);
-  if (overflow || magnitude > (negative ? uint64_t{1} << 63 : (uint64_t{1} << 63) - 1))
-    at.fail(record, 0, scratch + " does not fit a 64-bit column; decode gives it exactly");
-  out = negative ? static_cast<int64_t>(0 - magnitude) : static_cast<int64_t>(magnitude);
+  const std::string text = scratch;
+  scratch.erase(std::remove(scratch.begin(), scratch.end(), '.'), scratch.end());
+  const num::WholeInt scaled = num::parseWholeInt(scratch, INT64_MIN, INT64_MAX);
+  if (!scaled.isNumber || scaled.clamped)
+    at.fail(record, 0, text + " does not fit a 64-bit column; decode gives it exactly");
+  out = scaled.value;
   return true;
 }
 
