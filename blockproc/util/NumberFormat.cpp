@@ -23,16 +23,6 @@ float narrowToFloat(double value) noexcept {
 
 namespace {
 
-// "00" to "99", two characters each.
-constexpr auto kDigitPairs = [] {
-  std::array<char, 200> pairs{};
-  for (size_t i = 0; i < 100; ++i) {
-    pairs[2 * i] = static_cast<char>('0' + i / 10);
-    pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
-  }
-  return pairs;
-}();
-
 constexpr auto kPow10 = [] {
   std::array<uint64_t, 20> powers{};
   uint64_t power = 1;
@@ -49,39 +39,56 @@ int decimalLength(uint64_t v) noexcept {
   return guess + ((v | 1) >= kPow10[static_cast<size_t>(guess)] ? 1 : 0);
 }
 
-// The 4 digits of v < 10^4, zero-filled, at dst.
-void put4(char* dst, uint32_t v) noexcept {
-  std::memcpy(dst, &kDigitPairs[2 * (v / 100)], 2);
-  std::memcpy(dst + 2, &kDigitPairs[2 * (v % 100)], 2);
-}
-
-// The 8 digits of v < 10^8, zero-filled, at dst.
-void put8(char* dst, uint32_t v) noexcept {
-  put4(dst, v / 10000);
-  put4(dst + 4, v % 10000);
-}
-
-// Writes the digits of v so that they end at `end` (the 20 bytes before it must be writable); returns the
-// first digit.
+// Digits in a register. The 8 digits of v < 10^8 are made in one 64-bit word, its first byte the first
+// digit: v splits into two 4-digit halves in 32-bit lanes, each lane into two 2-digit quarters in 16-bit
+// lanes, each of those into two digits in bytes. A lane is divided by a multiply and a shift that are exact
+// for the lane's range (x * 10486 >> 20 is x / 100 below 10^4, x * 103 >> 10 is x / 10 below 100); what the
+// multiply carries into the lane below lands above the mask. One 8-byte store then writes the digits.
 //
-// The digits come in groups of 8 and 4 whose divisions do not wait on each other, where std::to_chars divides
-// by 100 in one chain: a record of the quote layout (four numbers: two integers, a float and a double) read
-// in 237 ns through std::to_chars, 224 ns this way; a lone int64 field in 16.5 ns, 12.6 ns.
-char* digitsBefore(char* end, uint64_t v) noexcept {
+// Digits written a pair at a time from a table into a stack buffer and then appended came back through a
+// load that could not be forwarded from the small stores before it: an int64 field read in 12.6 ns that
+// way, and the quote record's four binary numbers spent a quarter of the record there.
+uint64_t eightDigits(uint64_t v) noexcept {
+  const auto v32 = static_cast<uint32_t>(v);  // below 10^8: a 32-bit division is one multiply
+  uint64_t x = (v32 / 10000) | (uint64_t{v32 % 10000} << 32);
+  const uint64_t hundreds = ((x * 10486) >> 20) & 0x0000007F0000007Full;
+  x = hundreds | ((x - hundreds * 100) << 16);
+  const uint64_t tens = ((x * 103) >> 10) & 0x000F000F000F000Full;
+  x = tens | ((x - tens * 10) << 8);
+  return x | 0x3030303030303030ull;
+}
+
+// The 4 digits of v < 10^4 the same way, in the low four bytes: half the steps of eightDigits.
+uint64_t fourDigits(uint64_t v) noexcept {
+  const auto v32 = static_cast<uint32_t>(v);
+  uint64_t x = (v32 / 100) | (uint64_t{v32 % 100} << 16);
+  const uint64_t tens = ((x * 103) >> 10) & 0x000F000Full;
+  x = tens | ((x - tens * 10) << 8);
+  return x | 0x30303030ull;
+}
+
+void store8(char* dst, uint64_t word) noexcept {
+  std::memcpy(dst, &word, 8);
+}
+
+// Writes exactly `width` digits (1 to 20) of v < 10^width, zero-filled, at dst and gives their end; the
+// bytes up to dst + 8 may change.
+[[gnu::always_inline]] inline char* putDigits(char* dst, uint64_t v, int width) noexcept {
   constexpr uint64_t k8 = 100'000'000;
-  if (v < k8) {
-    put8(end - 8, static_cast<uint32_t>(v));
+  if (width <= 4) {
+    store8(dst, fourDigits(v) >> (8 * (4 - width)));
+  } else if (width <= 8) {
+    store8(dst, eightDigits(v) >> (8 * (8 - width)));
+  } else if (width <= 16) {
+    store8(dst, eightDigits(v / k8) >> (8 * (16 - width)));
+    store8(dst + width - 8, eightDigits(v % k8));
   } else {
-    const uint64_t top = v / k8;
-    put8(end - 8, static_cast<uint32_t>(v % k8));
-    if (top < k8) {
-      put8(end - 16, static_cast<uint32_t>(top));
-    } else {
-      put8(end - 16, static_cast<uint32_t>(top % k8));
-      put4(end - 20, static_cast<uint32_t>(top / k8));  // below 1845
-    }
+    const uint64_t high = v / k8;
+    store8(dst, eightDigits(high / k8) >> (8 * (24 - width)));  // below 10^4
+    store8(dst + width - 16, eightDigits(high % k8));
+    store8(dst + width - 8, eightDigits(v % k8));
   }
-  return end - decimalLength(v);
+  return dst + width;
 }
 
 uint64_t magnitude(int64_t value) noexcept {
@@ -90,73 +97,88 @@ uint64_t magnitude(int64_t value) noexcept {
 
 }  // namespace
 
+char* writeInt(char* dst, int64_t value) noexcept {
+  *dst = '-';
+  dst += value < 0 ? 1 : 0;  // no branch on the sign: int16 fields of random sign read 16 ns with one
+  const uint64_t m = magnitude(value);
+  return putDigits(dst, m, decimalLength(m));
+}
+
 void appendInt(std::string& out, int64_t value) {
-  std::array<char, 24> buf;
-  char* const end = buf.data() + buf.size();
-  char* first = digitsBefore(end, magnitude(value));
-  if (value < 0) *--first = '-';
-  out.append(first, end);
+  std::array<char, kIntRoom> buf;
+  out.append(buf.data(), writeInt(buf.data(), value));
 }
 
 void appendZeroPadded(std::string& out, int64_t value, int32_t width) {
-  std::array<char, 24> buf;
-  char* const end = buf.data() + buf.size();
-  const char* digits = digitsBefore(end, magnitude(value));
+  std::array<char, kIntRoom> buf;
+  const uint64_t m = magnitude(value);
+  char* const end = putDigits(buf.data(), m, decimalLength(m));
   if (value < 0) out.push_back('-');
-  const int64_t shown = (end - digits) + (value < 0 ? 1 : 0);  // the sign counts toward the width
+  const int64_t shown = (end - buf.data()) + (value < 0 ? 1 : 0);  // the sign counts toward the width
   if (width > shown) out.append(static_cast<size_t>(width - shown), '0');
-  out.append(digits, static_cast<size_t>(end - digits));
+  out.append(buf.data(), end);
 }
 
-namespace {
-
-// "%0.*f" of a double by integer arithmetic: the value is m * 2^-k exactly, so m * 10^places / 2^k rounded
-// half to even is the printed number of hundredths (say), as printf and std::to_chars round. Covers normal
-// values below 2^52 with up to 18 places whose scaled value fits 64 bits; false for the rest. std::to_chars
-// (fixed) was the largest item of a quote record's profile: its float and double fields (2 places) read in
-// 58 and 54 ns through it, 32 and 28 ns this way.
-bool appendFixedByInteger(std::string& out, double value, int precision) {
-  if (precision < 0 || precision > 18) return false;
+// "%0.*f" of a double by integer arithmetic. The value is m / 2^k exactly (m the 53-bit mantissa): its
+// integer part is m >> k, and its decimals are the fraction bits f times 10^places over 2^k, rounded half to
+// even as printf and std::to_chars round; a carry out of the decimals adds one to the integer part. Covers
+// normal values below 2^52 with up to 18 places; nullptr for the rest. std::to_chars (fixed) was the largest
+// item of a quote record's profile: its float and double fields (2 places) read in 58 and 54 ns through it,
+// 32 and 28 ns this way; dividing one scaled integer by 10^places for the point cost another 3 to 4 ns a
+// value.
+char* writeFixed(char* dst, double value, int32_t places) noexcept {
+  if (places < 0 || places > 18) return nullptr;
   uint64_t bits;
   std::memcpy(&bits, &value, sizeof bits);
   const auto exponent = static_cast<int>((bits >> 52) & 0x7FF);
   const bool zero = (bits << 1) == 0;
-  if ((exponent == 0 && !zero) || exponent == 0x7FF) return false;  // subnormal, infinity, NaN
-  const int shift = 1075 - exponent;                                // value = mantissa / 2^shift
-  if (shift <= 0) return false;                                     // 2^52 and above
-  __extension__ typedef unsigned __int128 u128;                     // GCC and Clang on 64-bit targets
-  const u128 mantissa = (bits & ((uint64_t{1} << 52) - 1)) | (uint64_t{1} << 52);
-  const u128 scaled = mantissa * kPow10[static_cast<size_t>(precision)];  // below 2^53 * 10^18 < 2^113
-  uint64_t q = 0;
-  if (!zero && shift < 128) {
-    const u128 whole = scaled >> shift;
-    if (whole >= std::numeric_limits<uint64_t>::max()) return false;
-    q = static_cast<uint64_t>(whole);
-    const u128 rest = scaled - (whole << shift);
+  if ((exponent == 0 && !zero) || exponent == 0x7FF) return nullptr;  // subnormal, infinity, NaN
+  const int shift = 1075 - exponent;                                  // value = mantissa / 2^shift
+  if (shift <= 0) return nullptr;                                     // 2^52 and above
+  __extension__ typedef unsigned __int128 u128;                       // GCC and Clang on 64-bit targets
+  const uint64_t scale = kPow10[static_cast<size_t>(places)];
+  const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | (uint64_t{1} << 52);
+  uint64_t integral = 0, decimals = 0;
+  bool roundUp = false;
+  if (zero || shift >= 128) {
+    // 0, or below 2^-75: less than half of the last place, it rounds to 0
+  } else if (shift < 64) {
+    // Fraction bits and remainder fit 64 bits: only the product needs the upper half.
+    integral = mantissa >> shift;
+    const uint64_t mask = (uint64_t{1} << shift) - 1;
+    const u128 scaled = u128{mantissa & mask} * scale;  // below 2^shift * 10^18
+    const auto low = static_cast<uint64_t>(scaled), high = static_cast<uint64_t>(scaled >> 64);
+    decimals = (low >> shift) | (high << (64 - shift));  // shift is 1 to 63
+    const uint64_t rest = low & mask, half = uint64_t{1} << (shift - 1);
+    const bool odd = ((places == 0 ? integral : decimals) & 1) != 0;
+    roundUp = (rest > half) | ((rest == half) & odd);  // no branch: the remainder is as good as random
+  } else {
+    const u128 scaled = u128{mantissa} * scale;  // below 2^53 * 10^18 < 2^113
+    decimals = static_cast<uint64_t>(scaled >> shift);
+    const u128 rest = scaled - (u128{decimals} << shift);
     const u128 half = u128{1} << (shift - 1);
-    if (rest > half || (rest == half && (q & 1) != 0)) ++q;
-  }  // else the scaled value is below 2^113, less than half of 2^shift: it rounds to 0
-  // The digits from the middle of buf, zeros in front up to precision + 1 digits, then the point put in.
-  std::array<char, 48> buf;
-  char* const end = buf.data() + buf.size();
-  char* first = digitsBefore(end, q);  // at most 20 digits: room before them for the point's shift and a sign
-  while (end - first < precision + 1) *--first = '0';
-  if (precision > 0) {
-    char* const point = end - precision - 1;
-    std::memmove(first - 1, first, static_cast<size_t>(point + 1 - first));
-    *point = '.';
-    --first;
+    roundUp = rest > half || (rest == half && (decimals & 1) != 0);
   }
-  if ((bits >> 63) != 0) *--first = '-';
-  out.append(first, end);
-  return true;
+  decimals += roundUp ? 1 : 0;
+  if (decimals == scale) {  // 0.999 to two places: 1.00
+    decimals = 0;
+    ++integral;
+  }
+  *dst = '-';
+  dst += bits >> 63;
+  dst = putDigits(dst, integral, decimalLength(integral));
+  if (places == 0) return dst;
+  *dst++ = '.';
+  return putDigits(dst, decimals, places);
 }
-
-}  // namespace
 
 void appendFixed(std::string& out, double value, int32_t places) {
   const int precision = places < 0 ? 6 : std::min(places, kMaxDecimalPlaces);
-  if (appendFixedByInteger(out, value, precision)) return;
+  std::array<char, kFixedRoom> fixed;
+  if (char* end = writeFixed(fixed.data(), value, precision)) {
+    out.append(fixed.data(), end);
+    return;
+  }
   // The largest double has 309 integer digits; add sign, point and the decimals.
   constexpr int kStack = 512;
   const int needed = 312 + precision;

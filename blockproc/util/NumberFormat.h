@@ -2,6 +2,7 @@
 // Number-to-text formatting with std::to_chars into a stack buffer, producing exactly what the named
 // printf formats produce.
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,6 +15,18 @@ inline constexpr int32_t kMaxDecimalPlaces = 1100;
 // The double rounded to the nearest float, +/-infinity beyond the float range, as IEEE 754 narrowing does
 // (a plain cast of an out-of-range value is undefined behaviour).
 float narrowToFloat(double value) noexcept;
+
+// Bytes a writer below needs free at its destination; it may change bytes past the text it writes, up to
+// that room.
+inline constexpr size_t kIntRoom = 24;    // writeInt
+inline constexpr size_t kFixedRoom = 48;  // writeFixed
+
+// Writes "%lld" of the value at dst (kIntRoom bytes free) and gives the end of the text.
+char* writeInt(char* dst, int64_t value) noexcept;
+
+// Writes "%0.*f" of the value at dst (kFixedRoom bytes free) and gives the end of the text, for 0 to 18
+// places and a zero or normal value below 2^52; nullptr, for any other value or count of places.
+char* writeFixed(char* dst, double value, int32_t places) noexcept;
 
 // Appends "%lld" of the value.
 void appendInt(std::string& out, int64_t value);
