@@ -106,38 +106,37 @@ class Cp949Table {
  public:
   enum class Result { Decoded, Invalid, AskConverter };
 
-  // Appends the UTF-8 form of bytes; Invalid or AskConverter leave out unchanged.
-  static Result decodeAppend(std::string_view bytes, std::string& out) noexcept {
-    const size_t oldSize = out.size();
-    try {
-      // ASCII stays one byte and a pair becomes at most three; four are written for every pair.
-      out.resize(oldSize + bytes.size() * 3 / 2 + 4);
-    } catch (...) {
-      return Result::AskConverter;
-    }
+  // Writes the UTF-8 form of bytes at dst (decodeRoom(bytes.size()) bytes free) and moves dst past it; on
+  // Invalid or AskConverter, dst is left where the bytes stopped decoding.
+  static Result decodeInto(std::string_view bytes, char*& dst) noexcept {
     const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
     const size_t n = bytes.size();
-    char* dst = out.data() + oldSize;
-    Result result = Result::Decoded;
     for (size_t i = 0; i < n;) {
       if (s[i] < 0x80) {
         *dst++ = static_cast<char>(s[i++]);
         continue;
       }
       const Row* row = rowOf(s[i]);
-      if (row == nullptr || !row->usable) {
-        result = Result::AskConverter;
-        break;
-      }
+      if (row == nullptr || !row->usable) return Result::AskConverter;
       const uint32_t entry = i + 1 < n ? row->pairs[s[i + 1]] : 0;
-      if (entry == 0) {
-        result = Result::Invalid;
-        break;
-      }
+      if (entry == 0) return Result::Invalid;
       std::memcpy(dst, &entry, 4);  // little-endian: the UTF-8 bytes first, then the length byte
       dst += entry >> 24;
       i += 2;
     }
+    return Result::Decoded;
+  }
+
+  // Appends the UTF-8 form of bytes; Invalid or AskConverter leave out unchanged.
+  static Result decodeAppend(std::string_view bytes, std::string& out) noexcept {
+    const size_t oldSize = out.size();
+    try {
+      out.resize(oldSize + decodeRoom(bytes.size()));
+    } catch (...) {
+      return Result::AskConverter;
+    }
+    char* dst = out.data() + oldSize;
+    const Result result = decodeInto(bytes, dst);
     out.resize(result == Result::Decoded ? static_cast<size_t>(dst - out.data()) : oldSize);
     return result;
   }
@@ -240,6 +239,11 @@ bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) n
       break;
   }
   return false;
+}
+
+char* decodeInto(uint32_t encoding, std::string_view bytes, char* dst) noexcept {
+  if (encoding != kTextEncodingCP949) return nullptr;
+  return Cp949Table::decodeInto(bytes, dst) == Cp949Table::Result::Decoded ? dst : nullptr;
 }
 
 std::optional<std::string> decode(uint32_t encoding, std::string_view bytes) noexcept {

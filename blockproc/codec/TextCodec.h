@@ -7,6 +7,7 @@
 // An identifier no codec knows makes every conversion fail. All-ASCII text never reaches a converter in
 // an ASCII-compatible encoding; the C library's iconv converters are opened once per thread and reused.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,6 +22,16 @@ bool isKnownEncoding(uint32_t encoding) noexcept;
 
 // Appends the UTF-8 form of `bytes` to `out`; false, with `out` unchanged, when decoding fails.
 bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) noexcept;
+
+// Bytes decodeInto may write for `size` bytes of text: a double-byte character becomes at most three.
+constexpr size_t decodeRoom(size_t size) noexcept {
+  return size * 3 / 2 + 4;
+}
+
+// Writes the UTF-8 form of `bytes` at dst (decodeRoom(bytes.size()) bytes free) and gives its end, where a
+// table decodes them (code page 949); nullptr for other encodings and for bytes the table cannot decode,
+// which decodeAppend then decodes or refuses.
+char* decodeInto(uint32_t encoding, std::string_view bytes, char* dst) noexcept;
 
 // The UTF-8 form of `bytes`, or nullopt when decoding fails.
 std::optional<std::string> decode(uint32_t encoding, std::string_view bytes) noexcept;

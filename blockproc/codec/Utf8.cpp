@@ -137,10 +137,6 @@ int64_t utf16Length(std::string_view text) noexcept {
   return units;
 }
 
-bool endsWithIdeographicSpace(std::string_view text) noexcept {
-  return text.size() >= 3 && text.substr(text.size() - 3) == "\xE3\x80\x80";
-}
-
 std::string_view trimSpaceSeparators(std::string_view text) noexcept {
   while (!text.empty()) {
     size_t i = 0;

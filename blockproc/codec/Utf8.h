@@ -39,7 +39,9 @@ size_t validPrefix(std::string_view text) noexcept;
 int64_t utf16Length(std::string_view text) noexcept;
 
 // True when the last character of valid UTF-8 text is U+3000 IDEOGRAPHIC SPACE.
-bool endsWithIdeographicSpace(std::string_view text) noexcept;
+inline bool endsWithIdeographicSpace(std::string_view text) noexcept {
+  return text.size() >= 3 && text.substr(text.size() - 3) == "\xE3\x80\x80";
+}
 
 // The text less every leading and trailing character of Unicode category Zs and TAB (U+0009).
 std::string_view trimSpaceSeparators(std::string_view text) noexcept;

@@ -69,36 +69,44 @@ ValueShape shapeOf(std::string_view value) noexcept {
 
 }  // namespace
 
-void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t places) {
+char* writeDecimalInserted(char* dst, std::string_view trimmed, int32_t places) noexcept {
   const auto n = static_cast<int64_t>(trimmed.size());
   int64_t p = 0;
   while (p < n && trimmed[static_cast<size_t>(p)] == ' ') ++p;
   const bool hasSign =
       p < n && (trimmed[static_cast<size_t>(p)] == '-' || trimmed[static_cast<size_t>(p)] == '+');
   const int64_t intDigits = n - places - p - (hasSign ? 1 : 0);
-  if (intDigits > 0 && n < 64) {
-    // The usual field: short, ASCII, no NUL. The point goes in, nothing is padded, one append. One loop
-    // copies and checks the bytes: a 10-digit price reads in 16.2 ns, in 18.1 through two copies and an
-    // out-of-line check.
-    char buf[65];
-    size_t k = 0;
-    unsigned char any = 0, nul = 0;
-    const auto copy = [&](int64_t from, int64_t to) {
-      for (int64_t i = from; i < to; ++i) {
-        const auto c = static_cast<unsigned char>(trimmed[static_cast<size_t>(i)]);
-        any |= c;
-        nul |= static_cast<unsigned char>(c == 0);
-        buf[k++] = static_cast<char>(c);
-      }
-    };
-    copy(p, n - places);
-    buf[k++] = '.';
-    copy(n - places, n);
-    if (any < 0x80 && nul == 0) {  // the leading spaces skipped are plain ASCII too
-      out.append(buf, k);
-      return;
+  if (places <= 0 || intDigits <= 0 || n >= 64) return nullptr;
+  // One loop copies and checks the bytes: a 10-digit price read in 16.2 ns, in 18.1 through two copies and
+  // an out-of-line check.
+  char* out = dst;
+  unsigned char any = 0, odd = 0;
+  const auto copy = [&](int64_t from, int64_t to) {
+    for (int64_t i = from; i < to; ++i) {
+      const auto c = static_cast<unsigned char>(trimmed[static_cast<size_t>(i)]);
+      any |= c;
+      odd |= static_cast<unsigned char>(c == 0 || c == '.');
+      *out++ = static_cast<char>(c);
     }
+  };
+  copy(p, n - places);
+  *out++ = '.';
+  copy(n - places, n);
+  return any < 0x80 && odd == 0 ? out : nullptr;  // the leading spaces skipped are plain ASCII too
+}
+
+void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t places) {
+  char buf[64];
+  if (char* end = writeDecimalInserted(buf, trimmed, places)) {
+    out.append(buf, end);
+    return;
   }
+  const auto n = static_cast<int64_t>(trimmed.size());
+  int64_t p = 0;
+  while (p < n && trimmed[static_cast<size_t>(p)] == ' ') ++p;
+  const bool hasSign =
+      p < n && (trimmed[static_cast<size_t>(p)] == '-' || trimmed[static_cast<size_t>(p)] == '+');
+  const int64_t intDigits = n - places - p - (hasSign ? 1 : 0);
   if (hasSign) {
     out.push_back(trimmed[static_cast<size_t>(p)]);
     ++p;

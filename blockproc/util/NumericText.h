@@ -17,6 +17,11 @@ namespace blockproc::num {
 // same number, so the result is always UTF-8.
 void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t places);
 
+// Writes what appendDecimalInserted appends for the usual field (fewer than 64 bytes of ASCII without NUL or
+// '.', more digits than places) at dst, which has trimmed.size() + 1 bytes free, and gives the end; nullptr
+// for any other text or places below 1.
+char* writeDecimalInserted(char* dst, std::string_view trimmed, int32_t places) noexcept;
+
 // Lays `value` out as numeric text in the `length` bytes at `field`: sign byte, zero fill, the value's
 // bytes with a '.' added when the field has decimals (decimals > 0 and length > decimals) and the value has
 // none, then zeros for the missing decimals. `bytes` is `value` converted to the buffer's encoding.
