@@ -62,7 +62,7 @@ void readField(FuzzInput& in, FieldInfo& f, int64_t& nextPos) {
   f.szFieldName = std::string(fieldName(in));
   f.nDataType = dataType(in);
   const uint8_t shape = in.byte();
-  f.nLength = (shape & 3) != 0 ? in.byte() % 24 : in.number();
+  f.nLength = (shape & 3) != 0 ? in.byte() % 72 : in.number();
   f.nDecimalLen = (shape & 4) != 0 ? in.byte() % 6 : in.number();
   // Mostly back to back; sometimes anywhere, overlapping, negative or past the record.
   f.nDataPos = (shape & 24) != 0 ? static_cast<int32_t>(std::min(nextPos, kInt32Max)) : in.number();
@@ -285,6 +285,34 @@ class Run {
 
   void readOut(const std::string& text) const { requireUtf8(text, "a read returned text that is not UTF-8"); }
 
+  // The record read of drawn fields against the one-field appending read of each (differential): the same
+  // bytes after the caller's, the same ends, the same answer.
+  void recordRead(int32_t index) {
+    const KXBlockDataProc& p = *proc_;
+    std::vector<const FieldInfo*> fields(in_.byte() % 17);
+    for (const FieldInfo*& f : fields) f = field();
+    const uint8_t shape = in_.byte();
+    const bool fewer = (shape & 2) != 0 && !fields.empty();
+    std::vector<size_t> ends(fewer ? fields.size() - 1 : fields.size() + (shape & 1), 7);
+    std::string out = (shape & 4) != 0 ? "caller's" : "";
+    std::string expected = out;
+    std::vector<size_t> expectedEnds(ends.size(), out.size());
+    bool every = false;
+    if (ends.size() >= fields.size() && p.getData() != nullptr && index >= 0 && index < p.getValidCount()) {
+      every = true;
+      for (size_t k = 0; k < fields.size(); ++k) {
+        every = p.appendFieldDataFromInfo(fields[k], index, expected) && every;
+        expectedEnds[k] = expected.size();
+      }
+      for (size_t k = fields.size(); k < ends.size(); ++k) expectedEnds[k] = 7;  // not the read's to set
+    }
+    const bool read = p.appendRecordDataFromInfo(index, fields, out, ends);
+    require(out == expected, "the record read differs from the one-field reads");
+    require(ends == expectedEnds, "the record read's field ends differ from the one-field reads");
+    require(read == every, "the record read's answer differs from the one-field reads");
+    readOut(out);
+  }
+
   void noteStored(std::optional<std::string_view> v) {
     if (v && !utf8::isValid(*v)) dynamicUtf8_ = false;
   }
@@ -493,9 +521,12 @@ class Run {
         break;
       case 25: {
         const int32_t i = index();
-        switch (in_.byte() % 5) {
+        switch (in_.byte() % 6) {
           case 0:
             readOut(p.getFieldDataFromInfo(field(), i));
+            break;
+          case 4:
+            recordRead(i);
             break;
           case 1:
             readOut(p.getFieldDataFromIndex(in_.number(), i));

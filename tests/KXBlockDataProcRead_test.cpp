@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <random>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "TestBlocks.h"
 #include "blockproc/codec/Utf8.h"
@@ -286,6 +289,123 @@ TEST(KXBlockDataProcRead, WebSocketJsonModeDecodesTextAsUtf8) {
   BaseDataProc withoutTransaction(none);
   text.proc.setDataProc(&withoutTransaction);
   EXPECT_EQ(text.read(), "");
+}
+
+// ---- the record read ----------------------------------------------------------------------------------
+
+// One record with a field of every shape the readers tell apart, by the bytes it holds.
+struct MixedLayout {
+  struct Field {
+    const char* name;
+    int32_t type, places;
+    std::string bytes;
+  };
+  BlockInfo block{"Mixed"};
+  std::vector<const FieldInfo*> fields;
+  std::string record;
+
+  MixedLayout() {
+    std::string longNumber(20, '0');
+    longNumber.back() = '7';
+    const Field layout[] = {
+        {"code", kFieldText, 0, "A005930     "},
+        {"name", kFieldText, 0, kHangulCp949 + "SK" + std::string(34, ' ')},  // 40 bytes, read by blocks
+        {"ideo", kFieldText, 0, "AB" + kIdeoSpace + "    "},                  // trimmed after decoding
+        {"cut", kFieldText, 0, "ABC\xB0 "},                                   // undecodable: the read fails
+        {"price", kFieldNumText, 2, "0000123450"},
+        {"change", kFieldNumText, 2, "-0000500"},
+        {"rate", kFieldNumText, 2, "+12.34"},  // its own point
+        {"blank", kFieldNumText, 2, "     "},
+        {"small", kFieldText, 3, "   12"},
+        {"nul", kFieldNumText, 2, std::string{'1', '2', '\0', '4', '5'}},
+        {"high", kFieldNumText, 1,
+         "\xB0"
+         "12"},
+        {"wide", kFieldNumText, 2, longNumber},                        // a number longer than one block
+        {"memo", kFieldText, 0, std::string(70, 'm') + "          "},  // longer than four blocks
+        {"i16", kFieldInt16, 0, bytesOf({0x85, 0xFF})},
+        {"i64", kFieldInt64, 0, bytesOf({0x87, 0xD6, 0x12, 0, 0, 0, 0, 0})},
+        {"f", kFieldFloat, 2, bytesOf({0x00, 0x00, 0xFA, 0x42})},
+        {"d", kFieldDouble, 2, bytesOf({0x6E, 0x86, 0x1B, 0xF0, 0xF9, 0x21, 0x09, 0x40})},
+        {"s", kFieldSInt64, 0, bytesOf({0xFB, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF})},
+        {"short", kFieldInt64, 0, bytesOf({0xFF, 0xFF})},  // fewer bytes than the value's width
+        {"bad", 7, 0, "1234"},
+        {"flag", kFieldText, 0, " "},
+    };
+    for (const Field& f : layout) {
+      fields.push_back(&block.addField(f.name, f.type, static_cast<int32_t>(f.bytes.size()), f.places));
+      record += f.bytes;
+    }
+  }
+};
+
+// The record read gives, after the caller's bytes, what the one-field reads give one after another, ends
+// between them, and true exactly when every one-field read does; outside the valid records, nothing.
+void expectOneFieldReads(const KXBlockDataProc& proc, std::span<const FieldInfo* const> fields,
+                         int32_t index) {
+  std::string expected = "caller's", out = expected;
+  std::vector<size_t> expectedEnds(fields.size(), out.size()), ends(fields.size());
+  bool every = index >= 0 && index < proc.getValidCount();
+  if (every) {
+    for (size_t k = 0; k < fields.size(); ++k) {
+      every = proc.appendFieldDataFromInfo(fields[k], index, expected) && every;
+      expectedEnds[k] = expected.size();
+    }
+  }
+  EXPECT_EQ(proc.appendRecordDataFromInfo(index, fields, out, ends), every) << "record " << index;
+  EXPECT_EQ(out, expected) << "record " << index;
+  EXPECT_EQ(ends, expectedEnds) << "record " << index;
+}
+
+TEST(KXBlockDataProcRecordRead, GivesWhatTheOneFieldReadsGive) {
+  MixedLayout mixed;
+  const std::string records = mixed.record + mixed.record + mixed.record;
+  KXBlockDataProc proc(&mixed.block);
+  proc.setData(records.data(), 0, static_cast<int32_t>(records.size()));
+  ASSERT_EQ(proc.getValidCount(), 3);
+  std::string out;
+  std::vector<size_t> ends(mixed.fields.size());
+  EXPECT_FALSE(proc.appendRecordDataFromInfo(0, mixed.fields, out, ends)) << "'cut' and 'bad' fail";
+  EXPECT_EQ(out.substr(0, ends[2]), "A005930" + kHangulUtf8 + "SKAB");
+  EXPECT_EQ(ends[3], ends[2]) << "a failed field adds nothing";
+
+  // Every encoding and data mode, and the buffer cut at every length: fields near its end, where the
+  // block reads cannot be made, and records the cut leaves out.
+  for (const uint32_t encoding : {kTextEncodingCP949, kTextEncodingUTF8, kTextEncodingEUCKR, 0u}) {
+    for (const char* mode : {"", ".WSKJson"}) {
+      ParentWithMode parent(mode);
+      proc.setDataProc(&parent.parent);
+      proc.setEncodingType(encoding);
+      for (size_t cut = 0; cut <= records.size(); ++cut) {
+        proc.setData(records.data(), 0, static_cast<int32_t>(cut));
+        for (int32_t index = -1; index <= 3; ++index) expectOneFieldReads(proc, mixed.fields, index);
+      }
+      proc.setDataProc(nullptr);
+    }
+  }
+}
+
+TEST(KXBlockDataProcRecordRead, RefusesWithoutTouchingTheCallersString) {
+  MixedLayout mixed;
+  KXBlockDataProc proc(&mixed.block);
+  std::string out = "caller's";
+  std::vector<size_t> ends(mixed.fields.size(), 99);
+  EXPECT_FALSE(proc.appendRecordDataFromInfo(0, mixed.fields, out, ends)) << "no buffer";
+  EXPECT_EQ(ends, std::vector<size_t>(ends.size(), out.size()));
+  proc.setData(mixed.record.data(), 0, static_cast<int32_t>(mixed.record.size()));
+  ends.pop_back();
+  EXPECT_FALSE(proc.appendRecordDataFromInfo(0, mixed.fields, out, ends)) << "fewer ends than fields";
+  EXPECT_EQ(out, "caller's");
+  EXPECT_EQ(ends, std::vector<size_t>(ends.size(), out.size()));
+
+  // A null field fails alone; an empty list reads a valid record and nothing else.
+  const FieldInfo* withNull[] = {mixed.fields[0], nullptr, mixed.fields[0]};
+  std::array<size_t, 3> three{};
+  EXPECT_FALSE(proc.appendRecordDataFromInfo(0, withNull, out, three));
+  EXPECT_EQ(out, "caller'sA005930A005930");
+  EXPECT_EQ(three, (std::array<size_t, 3>{15, 15, 22}));
+  EXPECT_TRUE(proc.appendRecordDataFromInfo(0, {}, out, {}));
+  EXPECT_FALSE(proc.appendRecordDataFromInfo(1, {}, out, {}));
 }
 
 TEST(KXBlockDataProcReadAll, TextJoinsEveryValidRecordUntrimmed) {

@@ -28,12 +28,23 @@ class RecordBuffer {
   int64_t dataLen() const noexcept { return dataLen_; }
   void setDataLen(int64_t length) noexcept;
 
+  // The bytes and their size as plain values, for a loop of many reads: its span() is the buffer's, with
+  // the two held in registers instead of reloaded after every byte the loop writes elsewhere. Valid until
+  // the buffer is replaced.
+  struct View {
+    const uint8_t* data;
+    int64_t size;
+    // The bytes [offset, offset + length), or nullptr when any of them lies outside the buffer.
+    const uint8_t* span(int64_t offset, int64_t length) const noexcept {
+      if (data == nullptr || offset < 0 || length < 0 || offset + length > size) return nullptr;
+      return data + offset;
+    }
+  };
+  View view() const noexcept { return {bytes_.get(), size_}; }
+
   // The bytes [offset, offset + length), or nullptr when any of them lies outside the buffer. Inline: every
   // field read and write passes here.
-  const uint8_t* span(int64_t offset, int64_t length) const noexcept {
-    if (!bytes_ || offset < 0 || length < 0 || offset + length > size_) return nullptr;
-    return bytes_.get() + offset;
-  }
+  const uint8_t* span(int64_t offset, int64_t length) const noexcept { return view().span(offset, length); }
   uint8_t* span(int64_t offset, int64_t length) noexcept {
     return const_cast<uint8_t*>(static_cast<const RecordBuffer&>(*this).span(offset, length));
   }
