@@ -69,7 +69,12 @@ ValueShape shapeOf(std::string_view value) noexcept {
 
 }  // namespace
 
-char* writeDecimalInserted(char* dst, std::string_view trimmed, int32_t places) noexcept {
+namespace {
+
+// writeDecimalInserted; a '.' is looked for only when `refusePoint` (the appending reader's caller has
+// looked already: the extra compare per byte read a 10-digit price in 16.8 ns instead of 15.7).
+template <bool refusePoint>
+char* insertPoint(char* dst, std::string_view trimmed, int32_t places) noexcept {
   const auto n = static_cast<int64_t>(trimmed.size());
   int64_t p = 0;
   while (p < n && trimmed[static_cast<size_t>(p)] == ' ') ++p;
@@ -85,7 +90,7 @@ char* writeDecimalInserted(char* dst, std::string_view trimmed, int32_t places) 
     for (int64_t i = from; i < to; ++i) {
       const auto c = static_cast<unsigned char>(trimmed[static_cast<size_t>(i)]);
       any |= c;
-      odd |= static_cast<unsigned char>(c == 0 || c == '.');
+      odd |= static_cast<unsigned char>(c == 0 || (refusePoint && c == '.'));
       *out++ = static_cast<char>(c);
     }
   };
@@ -95,9 +100,15 @@ char* writeDecimalInserted(char* dst, std::string_view trimmed, int32_t places) 
   return any < 0x80 && odd == 0 ? out : nullptr;  // the leading spaces skipped are plain ASCII too
 }
 
+}  // namespace
+
+char* writeDecimalInserted(char* dst, std::string_view trimmed, int32_t places) noexcept {
+  return insertPoint<true>(dst, trimmed, places);
+}
+
 void appendDecimalInserted(std::string& out, std::string_view trimmed, int32_t places) {
   char buf[64];
-  if (char* end = writeDecimalInserted(buf, trimmed, places)) {
+  if (char* end = insertPoint<false>(buf, trimmed, places)) {
     out.append(buf, end);
     return;
   }

@@ -157,7 +157,7 @@ value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, co
     // The display string as it stands; the canonical rendering still finds what it hides.
     std::string canonical;
     result = value::appendValue(canonical, *column.field, bytes, proc.getEncodingType(), style);
-    out += proc.getFieldDataFromInfo(column.field, index);
+    proc.appendFieldDataFromInfo(column.field, index, out);  // a failed read shows nothing, as "" would
   } else {
     result = value::appendValue(out, *column.field, bytes, proc.getEncodingType(), style);
   }
