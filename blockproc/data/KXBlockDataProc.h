@@ -210,7 +210,7 @@ class KXBlockDataProc {
   // fields are written without a call of their own: the way to read whole records. True when every field
   // reads; a field whose read fails (the cases above, a null field) adds nothing. False, with `out` as it
   // was and every end at its size, outside the valid records, without buffer, with fewer ends than fields,
-  // or when memory runs out. Allocates only as `out` grows.
+  // or when memory runs out. Allocates only as `out` grows, and where the one-field read would.
   bool appendRecordDataFromInfo(int32_t index, std::span<const FieldInfo* const> fields, std::string& out,
                                 std::span<size_t> ends) const noexcept;
   // getFieldDataFromInfo for the field at that position in block order ("" outside the block).
