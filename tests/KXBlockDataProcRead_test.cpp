@@ -127,27 +127,6 @@ TEST(KXBlockDataProcRead, BinaryTypes) {
   EXPECT_EQ(proc.getFieldDataFromInfo(&head, 0), "125.0");
 }
 
-TEST(KXBlockDataProcRead, DoublesPrintExactlyAsPrintfRounds) {
-  auto readDouble = [](double value, int32_t places) {
-    std::string bytes(8, '\0');
-    std::memcpy(bytes.data(), &value, 8);
-    return readOne(kFieldDouble, places, bytes);
-  };
-  // The exact binary value rounds half to even: 0.125 is a tie, 2.675 lies below its decimal form.
-  EXPECT_EQ(readDouble(0.125, 2), "0.12");
-  EXPECT_EQ(readDouble(2.675, 2), "2.67");
-  EXPECT_EQ(readDouble(0.005, 2), "0.01");
-  EXPECT_EQ(readDouble(2.5, 0), "2");
-  EXPECT_EQ(readDouble(3.5, 0), "4");
-  EXPECT_EQ(readDouble(-0.001, 2), "-0.00");
-  EXPECT_EQ(readDouble(-0.0, 1), "-0.0");
-  EXPECT_EQ(readDouble(5e-324, 1), "0.0");
-  EXPECT_EQ(readDouble(0.1, 20), "0.10000000000000000555");
-  EXPECT_EQ(readDouble(123456789012.345678, 4), "123456789012.3457");
-  EXPECT_EQ(readDouble(1e22, 1), "10000000000000000000000.0");
-  EXPECT_EQ(readDouble(18446744073709.551615, 6), "18446744073709.550781");
-}
-
 // The appending read gives the bytes of getFieldDataFromInfo after what the caller holds, and on failure
 // leaves the caller's string as it was.
 TEST(KXBlockDataProcRead, AppendingReadAddsExactlyTheRead) {
