@@ -69,8 +69,9 @@ void BM_RecordByGet(benchmark::State& state) {
   countFields(state);
 }
 
-// All 14 fields of a record appended to one warm string, as a writer of rows would.
-void BM_RecordByAppend(benchmark::State& state) {
+// Reads record after record into one warm string with `read(record, row)`, cycling through them all.
+template <typename Read>
+void readRows(benchmark::State& state, Read read) {
   QuoteReply& r = quoteReply();
   if (!r.wellFormed()) return state.SkipWithError("unexpected quote layout");
   std::string row;
@@ -78,28 +79,26 @@ void BM_RecordByAppend(benchmark::State& state) {
   int32_t record = 0;
   for (auto _ : state) {
     row.clear();
-    for (const FieldInfo* f : r.fields) r.proc.appendFieldDataFromInfo(f, record, row);
+    read(r, record, row);
     benchmark::DoNotOptimize(row.data());
     if (++record == kRecords) record = 0;
   }
   countFields(state);
 }
 
-// All 14 fields of a record in one record read, appended to one warm string with each field's end.
+// All 14 fields of a record appended one by one, as a writer of rows would.
+void BM_RecordByAppend(benchmark::State& state) {
+  readRows(state, [](const QuoteReply& r, int32_t record, std::string& row) {
+    for (const FieldInfo* f : r.fields) r.proc.appendFieldDataFromInfo(f, record, row);
+  });
+}
+
+// All 14 fields of a record in one record read, with each field's end.
 void BM_RecordByRecordRead(benchmark::State& state) {
-  QuoteReply& r = quoteReply();
-  if (!r.wellFormed()) return state.SkipWithError("unexpected quote layout");
-  std::string row;
-  row.reserve(1024);
   std::array<size_t, kFields> ends{};
-  int32_t record = 0;
-  for (auto _ : state) {
-    row.clear();
+  readRows(state, [&ends](const QuoteReply& r, int32_t record, std::string& row) {
     r.proc.appendRecordDataFromInfo(record, r.fields, row, ends);
-    benchmark::DoNotOptimize(row.data());
-    if (++record == kRecords) record = 0;
-  }
-  countFields(state);
+  });
 }
 
 BENCHMARK(BM_RecordByGet);

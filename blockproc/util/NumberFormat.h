@@ -1,6 +1,6 @@
 #pragma once
-// Number-to-text formatting with std::to_chars into a stack buffer, producing exactly what the named
-// printf formats produce.
+// Number-to-text formatting producing exactly what the named printf formats produce: integers and the
+// usual fixed-point doubles by integer arithmetic into the caller's buffer, the rest by std::to_chars.
 
 #include <cstddef>
 #include <cstdint>
