@@ -137,6 +137,13 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {encodeIn, R"({"OutBlock": {}})", 1,
        "standard input: OutBlock is an output block; give --reply to build a reply, or name input blocks\n"},
       {encodeIn, R"({"InBlock": [1]})", 1, "standard input: InBlock[0] must be an object of field values\n"},
+      // Nothing a values file says is dropped unwritten.
+      {encodeIn, R"({"InBlock": {"shcode": "005930", "shcode": "000660"}})", 1,
+       "standard input: 'shcode' is given twice in one object\n"},
+      {encodeIn, R"({"blocks": {"InBlock": {}}, "OutBlock": {}})", 1,
+       "standard input: OutBlock stands beside \"blocks\"; give every block inside it\n"},
+      {encodeIn, R"({"code": "Q99999", "InBlock": {}})", 1,
+       "standard input: \"code\" is \"Q99999\"; the definition is for Q10100\n"},
       {"realtime " + kDef + " examples/current_price.stream", "", 2, "--block is required", true},
       {"realtime " + kDef + " examples/current_price.stream --block Ticks", "", 2,
        "no block named 'Ticks'; the definition has InBlock, OutBlock, OutBlock1\n"},

@@ -131,15 +131,27 @@ RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string&
   return values;
 }
 
-std::vector<BlockValues> valuesFrom(const nlohmann::ordered_json& root, const std::string& file) {
-  if (!root.is_object())
-    throw Failure{kExitData, sourceName(file) + ": the values must be a JSON object of blocks"};
-  if (root.contains("blocks") && !root["blocks"].is_object())
-    throw Failure{kExitData, sourceName(file) + ": \"blocks\" must be an object of blocks"};
-  const nlohmann::ordered_json& blocks = root.contains("blocks") ? root["blocks"] : root;
+// The blocks of a values file: the blocks at the top, or under "blocks" as decode writes them, beside a
+// "code" that must be the definition's. Anything else at the top beside "blocks" is refused: it would be
+// left unwritten.
+std::vector<BlockValues> valuesFrom(const nlohmann::ordered_json& root, const std::string& file,
+                                    const std::string& trCode) {
+  const std::string where = sourceName(file) + ": ";
+  if (!root.is_object()) throw Failure{kExitData, where + "the values must be a JSON object of blocks"};
+  if (root.contains("code") && root["code"] != trCode)
+    throw Failure{kExitData,
+                  where + "\"code\" is " + root["code"].dump() + "; the definition is for " + trCode};
+  const bool nested = root.contains("blocks");
+  if (nested && !root["blocks"].is_object())
+    throw Failure{kExitData, where + "\"blocks\" must be an object of blocks"};
+  if (nested)
+    for (const auto& [name, value] : root.items())
+      if (name != "code" && name != "blocks")
+        throw Failure{kExitData, where + name + " stands beside \"blocks\"; give every block inside it"};
+  const nlohmann::ordered_json& blocks = nested ? root["blocks"] : root;
   std::vector<BlockValues> values;
   for (const auto& [name, block] : blocks.items()) {
-    if (&blocks == &root && name == "code") continue;  // what decode writes beside the blocks
+    if (!nested && name == "code") continue;
     BlockValues entry{name, {}};
     if (block.is_array()) {
       for (size_t i = 0; i < block.size(); ++i)
@@ -163,6 +175,7 @@ class ExactNumbers : public nlohmann::json_sax<nlohmann::ordered_json> {
   using Json = nlohmann::ordered_json;
   Json root;
   std::string error;
+  bool repeatedKey = false;  // the error is a key given twice, in JSON that is otherwise well formed
 
   bool null() override { return add(nullptr) != nullptr; }
   bool boolean(bool value) override { return add(value) != nullptr; }
@@ -195,11 +208,18 @@ class ExactNumbers : public nlohmann::json_sax<nlohmann::ordered_json> {
       top.push_back(std::move(value));
       return &top.back();
     }
+    if (top.contains(m_key)) {  // a later value would silently replace the earlier one
+      error = "'" + m_key + "' is given twice in one object";
+      repeatedKey = true;
+      return nullptr;
+    }
     top[m_key] = std::move(value);
     return &top[m_key];
   }
   bool open(Json value) {
-    m_stack.push_back(add(std::move(value)));
+    Json* opened = add(std::move(value));
+    if (opened == nullptr) return false;
+    m_stack.push_back(opened);
     return true;
   }
   bool close() {
@@ -458,9 +478,11 @@ int runEncode(const EncodeOptions& options) {
   if (!nlohmann::ordered_json::sax_parse(text, &document)) {
     std::string what = document.error;
     if (const size_t end = what.find("] "); end != std::string::npos) what = what.substr(end + 2);
-    throw Failure{kExitData, sourceName(options.values) + ": not valid JSON: " + what};
+    throw Failure{kExitData, sourceName(options.values) + ": " +
+                                 (document.repeatedKey ? what : "not valid JSON: " + what)};
   }
-  const std::vector<BlockValues> values = valuesFrom(document.root, options.values);
+  const std::vector<BlockValues> values =
+      valuesFrom(document.root, options.values, session.definition->tran.getTrCode());
   if (!options.reply) {
     for (const BlockValues& v : values) {
       const auto& outputs = session.proc->outputProcs();
