@@ -84,6 +84,8 @@ class Warnings {
   explicit Warnings(bool hold) : m_hold(hold) {}
   void add(const std::string& message);
   const std::vector<std::string>& held() const noexcept { return m_held; }
+  // Adds a piece's warnings as if they had been added here: its held messages, then the rest of its count.
+  void absorb(const Warnings& piece);
   // Forgets the held messages and the count.
   void clear() noexcept {
     m_held.clear();

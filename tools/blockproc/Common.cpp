@@ -125,6 +125,11 @@ void Warnings::add(const std::string& message) {
   std::cerr << "blockproc: warning: " << message << "\n";
 }
 
+void Warnings::absorb(const Warnings& piece) {
+  for (const std::string& message : piece.m_held) add(message);
+  m_count += piece.m_count - static_cast<int64_t>(piece.m_held.size());
+}
+
 void Warnings::close() const {
   if (m_count > kShownWarnings)
     std::cerr << "blockproc: warning: " << withThousands(m_count - kShownWarnings) << " more not shown\n";

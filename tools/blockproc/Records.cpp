@@ -458,7 +458,7 @@ void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::ve
   for (size_t k = 0; k < pieces.size(); ++k) {
     PieceWork& w = *m_work[k];
     if (w.failure) std::rethrow_exception(w.failure);
-    for (const std::string& message : w.warnings.held()) s.warnings.add(message);
+    s.warnings.absorb(w.warnings);
     w.warnings.clear();
     s.text() += w.out.text();
     w.out.text().clear();
