@@ -160,7 +160,8 @@ value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, co
   value::RenderResult result;
   if (raw) {
     // The display string as it stands; the canonical rendering still finds what it hides.
-    std::string canonical;
+    thread_local std::string canonical;  // kept: no allocation per cell
+    canonical.clear();
     result = value::appendValue(canonical, *column.field, bytes, proc.getEncodingType(), style);
     proc.appendFieldDataFromInfo(column.field, index, out);  // a failed read shows nothing, as "" would
   } else {

@@ -78,10 +78,11 @@ std::string hexOf(std::string_view bytes) {
   return text;
 }
 
+// The offset in hexadecimal, at least 8 digits (more past 4 GiB).
 std::string offsetOf(int64_t offset) {
-  std::string text(8, '0');
-  for (int i = 7; i >= 0 && offset > 0; --i, offset >>= 4)
-    text[static_cast<size_t>(i)] = internal::kHexLower[offset & 15];
+  std::string text;
+  for (auto rest = static_cast<uint64_t>(offset); rest > 0 || text.size() < 8; rest >>= 4)
+    text.insert(text.begin(), internal::kHexLower[rest & 15]);
   return text;
 }
 
@@ -108,7 +109,7 @@ int runHexdump(const HexdumpOptions& options) {
   Output out("");
   std::string& text = out.text();
   text += session.definition->tran.getTrCode() + (options.request ? " request: " : " reply: ") +
-          withThousands(size) + (size == 1 ? " byte" : " bytes") + "\n\n";
+          internal::counted(size, "byte") + "\n\n";
   text += padded("offset", 8, false) + "  " + padded("bytes", kHexWidth, false) + "  " +
           padded("field", labelWidth, false) + "  value\n";
   for (const Range& r : ranges) {

@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cmath>
 
 #include "blockproc/util/Internal.h"
+#include "blockproc/util/NumberFormat.h"
 
 namespace blockproc::cli {
 
@@ -24,9 +24,9 @@ int64_t nowMillis() {
 }
 
 std::string fixed(double value, int places) {
-  char text[48];
-  return std::string(text,
-                     std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, places).ptr);
+  std::string text;
+  num::appendFixed(text, value, places);
+  return text;
 }
 
 // "312.0 MB", "1.02 GB": decimal units.
@@ -45,7 +45,7 @@ std::string progressLine(int64_t bytes, int64_t total, int64_t records, double s
     line += " of " + amount(static_cast<double>(total));
     line += " (" + std::to_string(std::min<int64_t>(bytes * 100 / total, 100)) + "%)";
   }
-  line += ", " + withThousands(records) + (records == 1 ? " record" : " records");
+  line += ", " + internal::counted(records, "record");
   if (seconds > 0 && bytes > 0) {
     const double rate = static_cast<double>(bytes) / seconds;
     line += ", " + fixed(rate / 1e6, 1) + " MB/s";

@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <exception>
 #include <thread>
 
 #include "Cli.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/util/Internal.h"
+#include "blockproc/util/NumberFormat.h"
 
 namespace blockproc::cli {
 
@@ -40,14 +40,11 @@ bool anyControl(std::string_view text) {
   return false;
 }
 
-void appendInt(std::string& out, int64_t value) {
-  char digits[24];
-  out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
-}
+using num::appendInt;
 
 size_t digitsOf(int64_t value) {
-  char digits[24];
-  return static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, value).ptr - digits);
+  std::array<char, num::kIntRoom> digits;
+  return static_cast<size_t>(num::writeInt(digits.data(), value) - digits.data());
 }
 
 void trimLine(std::string& out) {
@@ -139,7 +136,10 @@ struct RecordWriter::State {
       if (!right) text().append(fill, ' ');
       return;
     }
-    appendPadded(text(), anyControl(cell) ? printable(cell) : cell, width, right);
+    if (anyControl(cell))
+      appendPadded(text(), printable(cell), width, right);
+    else
+      appendPadded(text(), cell, width, right);
   }
 
   void tableHeader() {
@@ -352,8 +352,7 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
       t += ':';
       if (count >= 0) {
         t += ' ';
-        t += withThousands(count);
-        t += count == 1 ? " record" : " records";
+        t += internal::counted(count, "record");
       }
       t += '\n';
       if (count == 0 || !proc.isOccursBlock()) return;
@@ -473,8 +472,8 @@ void RecordWriter::endBlock() {
   if (s.options.format == Format::Json && (s.proc->isOccursBlock() || s.count == 0))
     t += s.written == 0 ? "]" : "\n    ]";
   if (s.options.format == Format::Table && s.count < 0) {
-    t += withThousands(s.written);
-    t += s.written == 1 ? " record\n" : " records\n";
+    t += internal::counted(s.written, "record");
+    t += '\n';
   }
   s.out.spill();
 }
