@@ -43,9 +43,11 @@ struct CommonOptions {
 // Loads the definition (standard input for "-") and builds its parent; a definition that cannot be read or
 // is not valid fails with kExitUsage. `dataPath` is the data's path, which may not also be "-".
 Session openSession(const CommonOptions& options, const std::string& dataPath = "");
-// The whole file, or standard input for "-"; a file that cannot be read (a directory, a missing file)
-// fails with kExitUsage.
+// The whole file, or standard input for "-", read through InputStream; a file that cannot be opened (a
+// directory, a missing file) fails with kExitUsage.
 std::string readInput(const std::string& path);
+// Writes all the bytes to the descriptor, again after an interruption; fails with kExitData, naming `name`.
+void writeAll(int fd, std::string_view bytes, const std::string& name);
 // The path as messages name it: "standard input" for "-".
 std::string sourceName(const std::string& path);
 
@@ -178,7 +180,7 @@ void renderBlocks(Output& out, const std::string& code, const std::vector<const 
 // Bytes of a file or of standard input, read a piece at a time.
 class InputStream {
  public:
-  // Opens the file, or standard input for "-"; one that cannot be read fails with kExitUsage as readInput.
+  // Opens the file, or standard input for "-"; one that cannot be opened fails with kExitUsage.
   explicit InputStream(const std::string& path);
   ~InputStream();
   InputStream(const InputStream&) = delete;

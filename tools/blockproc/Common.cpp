@@ -24,19 +24,13 @@ namespace {
 constexpr size_t kChunk = size_t{1} << 20;
 constexpr int64_t kShownWarnings = 100;
 
-std::string readStdin(const std::string& what) {
-  std::string bytes((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
-  if (std::cin.bad()) throw Failure{kExitData, "cannot read the " + what + " from standard input"};
-  return bytes;
-}
-
 }  // namespace
 
 Session openSession(const CommonOptions& options, const std::string& dataPath) {
   if (options.definition == "-" && dataPath == "-")
     throw Failure{kExitUsage, "the definition and the data cannot both come from standard input"};
   DefinitionResult loaded = options.definition == "-"
-                                ? DefinitionLoader::loadString(readStdin("definition"), "standard input")
+                                ? DefinitionLoader::loadString(readInput("-"), "standard input")
                                 : DefinitionLoader::loadFile(options.definition);
   if (!loaded) {
     std::string hint = loaded.status == DefinitionStatus::FileError
@@ -58,10 +52,10 @@ Session openSession(const CommonOptions& options, const std::string& dataPath) {
 }
 
 std::string readInput(const std::string& path) {
-  if (path == "-") return readStdin("data");
-  std::string bytes, error;
-  if (!readFileBytes(path, bytes, error))
-    throw Failure{kExitUsage, path + ": " + error + "\n  (check the path, or give - to read standard input)"};
+  InputStream in(path);
+  std::string bytes;
+  if (in.size() > 0) bytes.reserve(static_cast<size_t>(in.size()));
+  while (!in.atEnd()) in.read(bytes, size_t{1} << 20);
   return bytes;
 }
 
@@ -88,16 +82,17 @@ Output::~Output() {
   if (m_own && m_fd >= 0) ::close(m_fd);
 }
 
-void Output::writeAll() {
-  const char* at = m_text.data();
-  size_t left = m_text.size();
-  while (left > 0) {
-    const ssize_t n = ::write(m_fd, at, left);
+void writeAll(int fd, std::string_view bytes, const std::string& name) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) throw Failure{kExitData, "cannot write to " + m_name + ": " + std::strerror(errno)};
-    at += n;
-    left -= static_cast<size_t>(n);
+    if (n <= 0) throw Failure{kExitData, "cannot write to " + name + ": " + std::strerror(errno)};
+    bytes.remove_prefix(static_cast<size_t>(n));
   }
+}
+
+void Output::writeAll() {
+  cli::writeAll(m_fd, m_text, m_name);
   m_text.clear();
 }
 

@@ -70,13 +70,7 @@ void InputStream::makeSeekable() {
   while (!m_end) {
     piece.clear();
     read(piece, size_t{1} << 20);
-    for (size_t at = 0; at < piece.size();) {
-      const ssize_t w = ::write(fd, piece.data() + at, piece.size() - at);
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0)
-        throw Failure{kExitData, std::string("cannot write a temporary file: ") + std::strerror(errno)};
-      at += static_cast<size_t>(w);
-    }
+    writeAll(fd, piece, "a temporary file");
     total += static_cast<int64_t>(piece.size());
   }
   if (m_own) ::close(m_fd);
