@@ -136,7 +136,10 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "bytes\n"},
       {encodeIn, R"({"OutBlock": {}})", 1,
        "standard input: OutBlock is an output block; give --reply to build a reply, or name input blocks\n"},
-      {encodeIn, R"({"InBlock": [1]})", 1, "standard input: InBlock[0] must be an object of field values\n"},
+      {encodeIn, R"({"InBlock": [1]})", 1,
+       "standard input: block InBlock, record 0 must be an object of field values\n"},
+      {encodeIn, R"({"InBlock": [{}, {"shcode": true}]})", 1,
+       "standard input: block InBlock, record 1, field shcode: must be a string, a number or null\n"},
       // Nothing a values file says is dropped unwritten.
       {encodeIn, R"({"InBlock": {"shcode": "005930", "shcode": "000660"}})", 1,
        "standard input: 'shcode' is given twice in one object\n"},
@@ -204,13 +207,20 @@ std::string allTypesPath() {
 // are refused with block, record, field and why.
 TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
   const std::string def = allTypesPath();
+  const std::string kNotAByte =
+      "field num@attr: must be an attribute byte: 0 to 255, or hexadecimal text such as \"0x35\"";
   const struct {
     std::string field, value, decoded;  // decoded: the JSON member decode writes, or the refusal
   } cases[] = {{"totvol", "\"-42\"", "\"totvol\": -42"},
                {"num", "1234567.8", "\"num\": 1234567.80"},
                {"d0", "2.5e3", "\"d0\": 2500"},
                {"num", "\"0.125\"", "field num: '0.125' has 3 decimal places; the field holds 2"},
-               {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"}};
+               {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"},
+               {"num@attr", "\"0x100\"", kNotAByte},
+               {"num@attr", "256", kNotAByte},
+               {"num@attr", "-1", kNotAByte},
+               {"num@attr", "\"+5\"", kNotAByte},
+               {"num@attr", "53.0", kNotAByte}};
   for (const auto& c : cases) {
     const std::string values = "{\"Out\": {\"" + c.field + "\": " + c.value + "}}";
     const Outcome built = run("encode '" + def + "' - --reply", values);

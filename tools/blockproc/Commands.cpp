@@ -107,14 +107,20 @@ uint8_t attrByte(const nlohmann::ordered_json& value, const std::string& where) 
     if (byte >= 0) return static_cast<uint8_t>(byte);
   }
   throw Failure{kExitData,
-                where + " must be an attribute byte: 0 to 255, or hexadecimal text such as \"0x35\""};
+                where + ": must be an attribute byte: 0 to 255, or hexadecimal text such as \"0x35\""};
 }
 
-RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string& where) {
-  if (!record.is_object()) throw Failure{kExitData, where + " must be an object of field values"};
+// The values of record `index` of a block, refusals placed as the engine places its own: "block In, record 0,
+// field qty".
+RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string& source,
+                        const std::string& block, size_t index) {
+  if (!record.is_object())
+    throw Failure{kExitData, source + ": block " + block + ", record " + std::to_string(index) +
+                                 " must be an object of field values"};
   RecordValues values;
   for (const auto& [key, value] : record.items()) {
-    const std::string at = where + "." + key;
+    std::string at = source + ": ";
+    value::appendWhere(at, block, static_cast<int64_t>(index), key);
     if (key.ends_with("@hex"))
       throw Failure{kExitData,
                     at + ": decode shows bytes that are not text this way; they cannot be encoded back"};
@@ -125,7 +131,7 @@ RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string&
     } else if (value.is_number()) {
       values.fields.emplace_back(key, value.dump());
     } else if (!value.is_null()) {
-      throw Failure{kExitData, at + " must be a string, a number or null"};
+      throw Failure{kExitData, at + ": must be a string, a number or null"};
     }
   }
   return values;
@@ -155,10 +161,9 @@ std::vector<BlockValues> valuesFrom(const nlohmann::ordered_json& root, const st
     BlockValues entry{name, {}};
     if (block.is_array()) {
       for (size_t i = 0; i < block.size(); ++i)
-        entry.records.push_back(
-            recordFrom(block[i], sourceName(file) + ": " + name + "[" + std::to_string(i) + "]"));
+        entry.records.push_back(recordFrom(block[i], sourceName(file), name, i));
     } else if (block.is_object()) {
-      entry.records.push_back(recordFrom(block, sourceName(file) + ": " + name));
+      entry.records.push_back(recordFrom(block, sourceName(file), name, 0));
     } else {
       throw Failure{kExitData, sourceName(file) + ": block " + name +
                                    " must be an object (one record) or a list of objects (records)"};
