@@ -84,15 +84,15 @@ bool RecordBuffer::grow(int64_t count, int32_t stride, int64_t recordLen) noexce
   if (count <= 0 || stride <= 0) return false;
   const int64_t newSize = count * stride;
   if (newSize > kInt32Max) return false;
-  const int32_t oldCount = std::max(bufCount_, 0);
+  const int32_t oldCount = bufCount_;
   bufCount_ = static_cast<int32_t>(count);  // raised first, so resized() copies what the old buffer held
   auto area = resized(bytes_.get(), static_cast<int32_t>(newSize), recordLen);
   if (!area) {
-    bufCount_ = oldCount;
+    bufCount_ = oldCount;  // as it was, a negative count included
     return false;
   }
   install(std::move(area), static_cast<int32_t>(newSize));
-  const int64_t from = std::min(int64_t{oldCount} * stride, newSize);
+  const int64_t from = std::min(int64_t{std::max(oldCount, 0)} * stride, newSize);
   std::memset(bytes_.get() + from, kSpace, static_cast<size_t>(newSize - from));
   return true;
 }
