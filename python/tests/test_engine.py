@@ -76,6 +76,12 @@ def test_float_and_double_columns_equal_the_tools_values(every_type, tool):
     assert blockproc.decode(every_type, data)["Rows"] == expected
 
 
+def test_as_decimal_is_exact_under_a_low_decimal_precision(every_type):
+    frame = blockproc.realtime_frame(every_type, row("x", b"1", b"12345678", 0, b"1", 0, 0, 0, 0.0, 0.0), "Rows")
+    with decimal.localcontext(prec=4):
+        assert blockproc.as_decimal(frame, "price").tolist() == [D("123456.78")]
+
+
 def test_to_pandas_and_realtime_frame_of_the_sample(sample):
     definition, reply, stream = sample
     frame = blockproc.to_pandas(definition, reply, "OutBlock1")
