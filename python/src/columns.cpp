@@ -59,10 +59,11 @@ struct FieldAt {
     return {reinterpret_cast<const char*>(records + record * stride + field.nDataPos),
             static_cast<size_t>(field.nLength)};
   }
-  // Raises ValueError "block B, record R, field F (byte N of SOURCE): why", N the field's byte `at`.
+  // Raises ValueError "block B, record R, field F (byte N of SOURCE): why", N the field's byte `at` and R
+  // the record's number in the source.
   [[noreturn]] void fail(int64_t record, int64_t at, std::string_view why) const {
     std::string message;
-    value::appendWhere(message, block.m_szBlockName, record, field.szFieldName);
+    value::appendWhere(message, block.m_szBlockName, source.firstRecord + record, field.szFieldName);
     message += " (byte " + std::to_string(source.offset + record * stride + field.nDataPos + at) + " of " +
                source.name + "): ";
     message += why;

@@ -26,7 +26,8 @@ enum class ColumnKind : int { Text = 0, Int16 = 1, Int64 = 2, Scaled = 3, Real =
 // Where the records come from, for messages: "the reply", "capture.bin" ...
 struct RecordSource {
   std::string name;
-  int64_t offset = 0;  // byte offset of the first record in that source
+  int64_t offset = 0;       // byte offset of the first record in that source
+  int64_t firstRecord = 0;  // number of the first record in that source (a piece of a stream starts past 0)
 };
 
 // The columns of `count` records of `stride` bytes at `records`, as a list of tuples

@@ -114,7 +114,9 @@ py::dict decode(Definition& def, py::handle replyObject, const std::string& sour
   return blocks;
 }
 
-// The columns of a stream of whole records of one block; `offset` is the stream's first byte in its source.
+// The columns of a stream of whole records of one block; `offset` is the stream's first byte in its source,
+// where a record starts (a piece of a longer stream), so that messages number records from the source's
+// start.
 py::list streamColumns(const Definition& def, py::handle streamObject, const std::string& blockName,
                        const std::string& source, int64_t offset) {
   const BlockInfo& block = def.block(blockName);
@@ -125,7 +127,7 @@ py::list streamColumns(const Definition& def, py::handle streamObject, const std
                           " bytes, not a whole number of " + internal::withThousands(recordSize) + "-byte " +
                           blockName + " records");
   return decodeColumns(block, def.encoding(), stream.data(), stream.size() / recordSize, recordSize,
-                       RecordSource{source, offset});
+                       RecordSource{source, offset, offset / recordSize});
 }
 
 // ---- values to bytes --------------------------------------------------------------------------------------
