@@ -89,11 +89,14 @@ struct FieldAt {
 bool canonicalScaled(const FieldAt& at, int64_t record, std::string& scratch, int64_t& out) {
   at.canonical(record, scratch);
   if (scratch.empty()) return false;
-  const std::string text = scratch;
-  scratch.erase(std::remove(scratch.begin(), scratch.end(), '.'), scratch.end());
+  const size_t point = scratch.find('.');  // a canonical number has at most one
+  if (point != std::string::npos) scratch.erase(point, 1);
   const num::WholeInt scaled = num::parseWholeInt(scratch, INT64_MIN, INT64_MAX);
-  if (!scaled.isNumber || scaled.clamped)
-    at.fail(record, 0, text + " does not fit a 64-bit column; decode gives it exactly");
+  if (!scaled.isNumber || scaled.clamped) {
+    if (point != std::string::npos)
+      scratch.insert(point, 1, '.');  // the canonical text again, for the message
+    at.fail(record, 0, scratch + " does not fit a 64-bit column; decode gives it exactly");
+  }
   out = scaled.value;
   return true;
 }

@@ -180,6 +180,8 @@ def test_a_number_beyond_64_bits_is_exact_in_records_and_refused_in_a_frame():
     with pytest.raises(ValueError, match=r"^block B, record 0, field n \(byte 0 of the reply\): -9999999999999999999 "
                                          r"does not fit a 64-bit column"):
         blockproc.to_pandas(definition, reply, "B")
+    with pytest.raises(ValueError, match=r"field d \(byte 53 of the stream\): 9300000000000000\.000 does not fit"):
+        blockproc.realtime_frame(blockproc.load_definition(EVERY_TYPE), patched(53, struct.pack("<d", 9.3e15)), "Rows")
 
 
 def test_a_stream_of_part_records_is_refused(every_type):
