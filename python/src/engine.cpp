@@ -218,6 +218,13 @@ py::bytes encode(const Definition& def, py::handle valuesObject, bool reply) {
   return py::bytes(built.bytes);
 }
 
+// The names of the blocks, in order.
+std::vector<std::string> blockNames(const std::vector<BlockInfo*>& blocks) {
+  std::vector<std::string> names;
+  for (const BlockInfo* b : blocks) names.push_back(b->m_szBlockName);
+  return names;
+}
+
 }  // namespace
 
 void bindEngine(py::module_& m) {
@@ -229,19 +236,9 @@ void bindEngine(py::module_& m) {
           "encoding",
           [](const Definition& d) { return std::string(codec::encodingName(d.definition->encoding)); })
       .def_property_readonly("input_blocks",
-                             [](const Definition& d) {
-                               std::vector<std::string> names;
-                               for (const BlockInfo* b : d.definition->tran.m_InBlockList)
-                                 names.push_back(b->m_szBlockName);
-                               return names;
-                             })
-      .def_property_readonly("output_blocks",
-                             [](const Definition& d) {
-                               std::vector<std::string> names;
-                               for (const BlockInfo* b : d.definition->tran.m_OutBlockList)
-                                 names.push_back(b->m_szBlockName);
-                               return names;
-                             })
+                             [](const Definition& d) { return blockNames(d.definition->tran.m_InBlockList); })
+      .def_property_readonly(
+          "output_blocks", [](const Definition& d) { return blockNames(d.definition->tran.m_OutBlockList); })
       .def(
           "block",
           [](const Definition& d, const std::string& name) -> const BlockInfo& { return d.block(name); },
