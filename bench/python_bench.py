@@ -11,7 +11,6 @@ canonical values (checked); prints ns per field of each, the ratio, and the firs
 """
 
 import argparse
-import decimal
 import os
 import struct
 import subprocess
@@ -66,11 +65,10 @@ def handwritten(data):
 def check_canonical(definition, data, frame, records=2000):
     """The frame's first records against decode's values, which the engine renders as the tool does."""
     want = blockproc.decode(definition, data[:records * RECORD.size])[BLOCK]
-    scales = blockproc.scales(frame)
+    head = frame.head(records)
+    scales = blockproc.scales(head)
     for name in want[0]:
-        got = frame[name].iloc[:records].tolist()
-        if name in scales:
-            got = [None if v is pd.NA else decimal.Decimal(int(v)).scaleb(-scales[name]) for v in got]
+        got = (blockproc.as_decimal(head, name) if name in scales else head[name]).tolist()
         if got != [record[name] for record in want]:
             raise SystemExit("column %s of to_pandas differs from decode" % name)
 

@@ -106,5 +106,6 @@ def as_decimal(frame, column):
     import pandas as pd
 
     scale = frame.attrs["scales"][column]
-    values = [None if v is pd.NA else _decimal.Decimal(int(v)).scaleb(-scale) for v in frame[column]]
+    # Built from its text, which the decimal context (precision, rounding) never touches: exact at any precision.
+    values = [None if v is pd.NA else _decimal.Decimal("%de-%d" % (v, scale)) for v in frame[column]]
     return pd.Series(values, index=frame.index, name=column, dtype=object)

@@ -6,8 +6,9 @@
 // Each field becomes one column, and each field carrying an attribute byte one more ("<field>@attr", uint8):
 //   text                         object array of str
 //   int16 / int64 / sint64       int16 / int64 / int64
-//   number, text with decimals   int64 holding the value * 10^decimals with a bool mask; a blank field is
-//   masked float / double               int64 holding the value * 10^decimals
+//   number, text with decimals   int64 holding the value * 10^decimals, with a bool mask (a blank field is
+//                                masked)
+//   float / double               int64 holding the value * 10^decimals
 // A value that has no exact form (bytes that are not text in the encoding, a number field holding something
 // else, more decimal places than the field's, a non-finite float, or in a column a value beyond 64 bits)
 // raises ValueError naming the block, the record, the field and the byte offset: nothing is blanked or
@@ -26,7 +27,8 @@ enum class ColumnKind : int { Text = 0, Int16 = 1, Int64 = 2, Scaled = 3, Real =
 // Where the records come from, for messages: "the reply", "capture.bin" ...
 struct RecordSource {
   std::string name;
-  int64_t offset = 0;  // byte offset of the first record in that source
+  int64_t offset = 0;       // byte offset of the first record in that source
+  int64_t firstRecord = 0;  // number of the first record in that source (a piece of a stream starts past 0)
 };
 
 // The columns of `count` records of `stride` bytes at `records`, as a list of tuples

@@ -252,18 +252,34 @@ char byteArgument(py::handle byte) {
   throw py::type_error("a byte is an int 0 to 255 or a one-character ASCII str");
 }
 
-// A received buffer for setData and its kin: recvSize bytes from startPos must lie inside the given bytes
-// (the processor copies them before the call returns). recvSize None takes the rest.
+// The size handed to the processor with Python bytes: `asked` bytes from `start`, or all from `start` on when
+// None. Raises ValueError when the start or the bytes lie outside the given bytes, or when the size is beyond
+// the processor's 32-bit sizes (a buffer over 2 GiB is refused, not cut). A size of 0 or below passes: the
+// processor then takes nothing.
+int32_t handedSize(const ByteView& bytes, int64_t start, std::optional<int32_t> asked) {
+  if (bytes.isNone() || (asked && *asked <= 0)) return asked.value_or(0);
+  const int64_t size = asked ? *asked : bytes.size() - start;
+  if (start < 0 || start > bytes.size())
+    throw py::value_error("byte " + std::to_string(start) + " lies outside the " +
+                          std::to_string(bytes.size()) + " bytes given");
+  if (size > bytes.size() - start)
+    throw py::value_error("bytes " + std::to_string(start) + " to " + std::to_string(start + size) +
+                          " lie outside the " + std::to_string(bytes.size()) + " bytes given");
+  if (size > INT32_MAX)
+    throw py::value_error(std::to_string(size) + " bytes from byte " + std::to_string(start) +
+                          ": the processor takes at most " + std::to_string(INT32_MAX) +
+                          " bytes in one call");
+  return static_cast<int32_t>(size);
+}
+
+// A received buffer for setData and its kin (the processor copies the bytes before the call returns);
+// recvSize None takes the rest.
 template <bool (KXBlockDataProc::*Receive)(const void*, int32_t, int32_t) noexcept>
 bool receive(KXBlockDataProc& self, py::handle data, int32_t startPos, std::optional<int32_t> recvSize) {
   ByteView bytes(data, "recvData");
-  const int64_t size = recvSize.value_or(static_cast<int32_t>(std::max<int64_t>(bytes.size() - startPos, 0)));
-  if (!bytes.isNone() && size > 0 && (startPos < 0 || startPos + size > bytes.size()))
-    throw py::value_error("bytes " + std::to_string(startPos) + " to " + std::to_string(startPos + size) +
-                          " lie outside the " + std::to_string(bytes.size()) + " bytes given");
+  const int32_t size = handedSize(bytes, startPos, recvSize);
   ProcessorCall call;
-  const bool result =
-      (self.*Receive)(bytes.isNone() ? nullptr : bytes.data(), startPos, static_cast<int32_t>(size));
+  const bool result = (self.*Receive)(bytes.isNone() ? nullptr : bytes.data(), startPos, size);
   call.finish();
   return result;
 }
@@ -590,13 +606,9 @@ void bindProcessor(py::module_& m) {
           "resetDataDynamic",
           [](P& self, py::handle data, std::optional<int32_t> size) {
             ByteView bytes(data, "data");
-            const int64_t n = size.value_or(static_cast<int32_t>(std::min<int64_t>(bytes.size(), INT32_MAX)));
-            if (!bytes.isNone() && n > bytes.size())
-              throw py::value_error(std::to_string(n) + " bytes asked of the " +
-                                    std::to_string(bytes.size()) + " given");
+            const int32_t n = handedSize(bytes, 0, size);
             ProcessorCall call;
-            const bool result =
-                self.resetDataDynamic(bytes.isNone() ? nullptr : bytes.data(), static_cast<int32_t>(n));
+            const bool result = self.resetDataDynamic(bytes.isNone() ? nullptr : bytes.data(), n);
             call.finish();
             return result;
           },

@@ -48,3 +48,13 @@ def test_a_bad_capture_fails_the_computation_with_its_path(client, tmp_path, eve
     frame = blockproc.dask.read_captures(paths, every_type, "Rows")
     with pytest.raises(ValueError, match="capture1.bin.*not a whole number"):
         client.compute(frame).result()
+
+
+def test_an_error_in_a_later_stream_partition_names_the_record_in_the_file(client, tmp_path, every_type):
+    path = captures(tmp_path, 1, 300)[0]
+    data = bytearray(path.read_bytes())
+    data[250 * ROW.size:250 * ROW.size + 2] = b"\xff\xfe"
+    path.write_bytes(data)
+    frame = blockproc.dask.read_captures(path, every_type, "Rows", stream=True, chunk_bytes=100 * ROW.size)
+    with pytest.raises(ValueError, match=r"record 250, field name \(byte %d of .*capture0.bin\)" % (250 * ROW.size)):
+        client.compute(frame).result()

@@ -76,6 +76,12 @@ def test_float_and_double_columns_equal_the_tools_values(every_type, tool):
     assert blockproc.decode(every_type, data)["Rows"] == expected
 
 
+def test_as_decimal_is_exact_under_a_low_decimal_precision(every_type):
+    frame = blockproc.realtime_frame(every_type, row("x", b"1", b"12345678", 0, b"1", 0, 0, 0, 0.0, 0.0), "Rows")
+    with decimal.localcontext(prec=4):
+        assert blockproc.as_decimal(frame, "price").tolist() == [D("123456.78")]
+
+
 def test_to_pandas_and_realtime_frame_of_the_sample(sample):
     definition, reply, stream = sample
     frame = blockproc.to_pandas(definition, reply, "OutBlock1")
@@ -174,6 +180,8 @@ def test_a_number_beyond_64_bits_is_exact_in_records_and_refused_in_a_frame():
     with pytest.raises(ValueError, match=r"^block B, record 0, field n \(byte 0 of the reply\): -9999999999999999999 "
                                          r"does not fit a 64-bit column"):
         blockproc.to_pandas(definition, reply, "B")
+    with pytest.raises(ValueError, match=r"field d \(byte 53 of the stream\): 9300000000000000\.000 does not fit"):
+        blockproc.realtime_frame(blockproc.load_definition(EVERY_TYPE), patched(53, struct.pack("<d", 9.3e15)), "Rows")
 
 
 def test_a_stream_of_part_records_is_refused(every_type):

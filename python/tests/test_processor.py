@@ -2,6 +2,7 @@
 written in Python."""
 
 import gc
+import mmap
 
 import pytest
 
@@ -70,7 +71,7 @@ def test_attributes_links_and_real_time_inserts():
 
 def test_received_buffers_are_checked_and_copied():
     proc = bp.KXBlockDataProc(quote_block())
-    for args in [(b"abc", 2, 5), (b"abc", -1, 2)]:
+    for args in [(b"abc", 2, 5), (b"abc", -1, 2), (b"abc", 4)]:
         with pytest.raises(ValueError, match="outside"):
             proc.setData(*args)
     for bad in ["text", 42, [1, 2]]:
@@ -81,6 +82,21 @@ def test_received_buffers_are_checked_and_copied():
     with pytest.raises(ValueError, match="zero character"):
         proc.setFieldDataFromNameEX("name", 0, "a\0b")
     assert proc.resetDataDynamic(memoryview(b"0123456789")) and proc.getBlockDataLen() == 10
+
+
+def test_buffers_beyond_the_processors_32_bit_sizes_are_refused_not_cut():
+    try:
+        huge = mmap.mmap(-1, 2**31 + 10)  # anonymous: no page is touched
+    except OSError:
+        pytest.skip("no 2 GiB of address space")
+    proc = bp.KXBlockDataProc(quote_block())
+    with huge, memoryview(huge) as view:
+        for call in [lambda: proc.setData(view), lambda: proc.insertRealData(view, 5),
+                     lambda: proc.resetDataDynamic(view)]:
+            with pytest.raises(ValueError, match="at most 2147483647 bytes"):
+                call()
+        view[2**31 - 10:2**31 + 8] = b"FAR".ljust(10) + b"00000100"  # across the 2 GiB mark
+        assert proc.setData(view, 2**31 - 10, 18) and proc.getFieldDataFromName("name", 0) == "FAR"
 
 
 def test_descriptors_stay_alive_while_the_processor_holds_them():
