@@ -27,6 +27,10 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
+bool isTextType(const FieldInfo& field) {
+  return field.nDataType == kFieldText || field.nDataType == kFieldNumText;
+}
+
 bool isNumberField(const FieldInfo& field) {
   return field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
 }
@@ -557,10 +561,11 @@ bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encod
   };
   std::string reason;
   if (field.getKeyEncState()) {
-    prepared.verify = false;
-    prepared.write.assign(value);
-    if (!codec::encode(encoding, value))
-      return refuse(std::string("cannot be written in ") + codec::encodingName(encoding));
+    // The writer hands a key-encrypted field's value to the block's key dictionary and leaves the bytes
+    // blank, so only no value (a blank text or number field) comes back as given.
+    if (!value.empty() || !isTextType(field))
+      return refuse("goes to a key-encrypted field, whose value is not carried in the bytes");
+    prepared.blank = true;
     return true;
   }
   if (valueKind(field) == ValueKind::Text) {

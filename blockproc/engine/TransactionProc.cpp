@@ -389,7 +389,6 @@ void writeValue(KXBlockDataProc& proc, const FieldInfo& field, int32_t index, in
   if (prepared.writeType >= 0) asType.nDataType = prepared.writeType;
   proc.setFieldDataFromInfo(prepared.writeType >= 0 ? &asType : &field, index,
                             prepared.blank ? std::nullopt : std::optional<std::string_view>(prepared.write));
-  if (!prepared.verify) return;
   std::string back;
   value::appendValue(back, field, value::fieldBytes(proc, field, index), proc.getEncodingType(),
                      value::BadByteStyle::Escaped);
