@@ -112,6 +112,9 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {blockA("<field name='x' type='int16'/>\n<field name='x' type='int16'/>"),
        "5: block A already has a field named 'x'"},
       {fieldA("type='text' length='3'"), "4: <field> needs the attribute 'name'"},
+      {fieldA("name='a@attr' type='int16'"),
+       "4: field name 'a@attr' ends in '@attr', which decoded records keep for a field's attribute byte; "
+       "rename the field"},
       {fieldA("name='x' type='text'"), "4: field 'x' needs the attribute 'length'"},
       {fieldA("name='x' type='text' length='1O'"), "4: 'length' must be a whole number, not '1O'"},
       {fieldA("name='x' type='text' length='0'"), "4: 'length' must lie between 1 and 1000000, not 0"},

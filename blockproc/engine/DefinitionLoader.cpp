@@ -341,6 +341,7 @@ class Loader {
     allowOnly(node, {"name", "kor", "eng", "type", "length", "decimals", "pos", "attr", "keyenc", "account",
                      "itemcode", "password", "attrref"});
     std::string name = required(node, "name");
+    checkFieldName(node, name);
     if (block.getFieldInfoFromName(name) != nullptr)
       fail(node, "block " + block.m_szBlockName + " already has a field named " + quoted(name));
     const std::string typeName = required(node, "type");
@@ -372,6 +373,17 @@ class Loader {
     field.bPassword = flag(node, "password");
     field.szAttrRefKey = valueOf(node.attribute("attrref"));
     return field;
+  }
+
+  // Decoded records name a field's attribute byte "<field>@attr" and its undecodable bytes "<field>@hex"
+  // beside the field's own value; a field named so would take the place of another field's column.
+  void checkFieldName(const pugi::xml_node& node, std::string_view name) const {
+    for (const std::string_view suffix : {"@attr", "@hex"})
+      if (name.ends_with(suffix))
+        fail(node, "field name " + quoted(name) + " ends in " + quoted(suffix) +
+                       ", which decoded records keep for a field's " +
+                       (suffix == "@attr" ? "attribute byte" : "bytes in hexadecimal") +
+                       "; rename the field");
   }
 
   int32_t readDecimals(const pugi::xml_node& node, const std::string& name, const TypeName& type,
