@@ -385,10 +385,17 @@ void writeValue(KXBlockDataProc& proc, const FieldInfo& field, int32_t index, in
   std::string why;
   if (!value::prepareValue(field, text, proc.getEncodingType(), prepared, why))
     throw Refusal{placeOf(proc, record, field.szFieldName) + ": " + why};
-  FieldInfo asType = field;
-  if (prepared.writeType >= 0) asType.nDataType = prepared.writeType;
-  proc.setFieldDataFromInfo(prepared.writeType >= 0 ? &asType : &field, index,
-                            prepared.blank ? std::nullopt : std::optional<std::string_view>(prepared.write));
+  const std::optional<std::string_view> write =
+      prepared.blank ? std::nullopt : std::optional<std::string_view>(prepared.write);
+  if (prepared.writeType < 0 || prepared.writeType == field.nDataType) {
+    proc.setFieldDataFromInfo(&field, index, write);
+  } else {
+    // Only a value the field's own type would lay out wrongly pays for a descriptor of the write type: the
+    // place and size are all the writer reads (a key-encrypted field never gets here).
+    FieldInfo asType(field.szFieldName, prepared.writeType, field.nLength, field.nDecimalLen);
+    asType.nDataPos = field.nDataPos;
+    proc.setFieldDataFromInfo(&asType, index, write);
+  }
   std::string back;
   value::appendValue(back, field, value::fieldBytes(proc, field, index), proc.getEncodingType(),
                      value::BadByteStyle::Escaped);
