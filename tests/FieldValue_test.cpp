@@ -135,6 +135,7 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldText, 3), "AB ", "", "'AB ' ends in a space, which the field's padding does not keep"},
       {fieldOf(kFieldText, 4), "\xF0\x9F\x98\x80", "",
        "'\xF0\x9F\x98\x80' has a character, '\xF0\x9F\x98\x80', that cp949 cannot hold"},
+      {fieldOf(kFieldText, 4), "A\x80", "", "'A\x80' is not UTF-8 text from byte 1 (0x80)"},
       {keyEncrypted(fieldOf(kFieldText, 8)), "secret", "",
        "'secret' goes to a key-encrypted field, whose value is not carried in the bytes"},
       {keyEncrypted(fieldOf(kFieldInt16, 2)), "", "",

@@ -11,7 +11,9 @@
 #include <system_error>
 
 #include "blockproc/codec/TextCodec.h"
+#include "blockproc/codec/Utf8.h"
 #include "blockproc/util/Internal.h"
+#include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc::value {
@@ -33,30 +35,6 @@ bool isTextType(const FieldInfo& field) {
 
 bool isNumberField(const FieldInfo& field) {
   return field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
-}
-
-void appendDecimal(std::string& out, int64_t value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  out.append(digits, end);
-}
-
-// The count with a comma between groups of three digits.
-void appendGrouped(std::string& out, int64_t value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  const char* p = digits;
-  if (*p == '-') out.push_back(*p++);
-  const std::ptrdiff_t count = end - p;
-  for (std::ptrdiff_t i = 0; i < count; ++i) {
-    if (i > 0 && (count - i) % 3 == 0) out.push_back(',');
-    out.push_back(p[i]);
-  }
-}
-
-std::string_view trimTrailingBlanks(std::string_view bytes) {
-  while (!bytes.empty() && (bytes.back() == ' ' || bytes.back() == '\0')) bytes.remove_suffix(1);
-  return bytes;
 }
 
 void appendBadByte(std::string& out, uint8_t byte, BadByteStyle style) {
@@ -114,7 +92,7 @@ bool appendNumber(std::string& out, bool negative, std::string_view integer, std
 // the last `places` digits are the decimals.
 RenderResult appendNumericText(std::string& out, std::string_view bytes, int32_t places, uint32_t encoding,
                                BadByteStyle style) {
-  const std::string_view trimmed = trimTrailingBlanks(bytes);
+  const std::string_view trimmed = internal::trimTrailing(bytes);
   size_t i = 0;
   while (i < trimmed.size() && trimmed[i] == ' ') ++i;
   if (i == trimmed.size()) return {};
@@ -262,13 +240,13 @@ void quote(std::string& why, std::string_view value) {
 bool withPlaces(const Decimal& d, int32_t places, std::string& out, std::string& why) {
   if (static_cast<int64_t>(d.fraction.size()) > places) {
     why += "has ";
-    appendDecimal(why, static_cast<int64_t>(d.fraction.size()));
+    num::appendInt(why, static_cast<int64_t>(d.fraction.size()));
     why += d.fraction.size() == 1 ? " decimal place" : " decimal places";
     if (places == 0) {
       why += "; the field holds whole numbers";
     } else {
       why += "; the field holds ";
-      appendDecimal(why, places);
+      num::appendInt(why, places);
     }
     return false;
   }
@@ -291,36 +269,45 @@ bool parseForField(std::string_view text, Decimal& d, std::string& why, std::str
   }
 }
 
+// Why the encoding cannot take the value: its first character the encoding lacks, or its first byte that is
+// not UTF-8 text.
+void explainUnencodable(std::string_view value, uint32_t encoding, std::string& why) {
+  const size_t valid = utf8::validPrefix(value);
+  std::string scratch;
+  for (size_t at = 0, end = 0; at < valid; at = end) {
+    for (end = at + 1; end < valid && utf8::isContinuation(static_cast<uint8_t>(value[end]));) ++end;
+    scratch.clear();
+    if (!codec::encodeAppend(encoding, value.substr(at, end - at), scratch)) {
+      why += "has a character, '";
+      why += value.substr(at, end - at);
+      why += "', that ";
+      why += codec::encodingName(encoding);
+      why += " cannot hold";
+      return;
+    }
+  }
+  if (valid < value.size()) {
+    why += "is not UTF-8 text from byte ";
+    num::appendInt(why, static_cast<int64_t>(valid));
+    why += " (0x";
+    appendHexByte(why, static_cast<uint8_t>(value[valid]));
+    why += ")";
+    return;
+  }
+  why += "cannot be written in ";
+  why += codec::encodingName(encoding);
+}
+
 bool prepareText(const FieldInfo& field, std::string_view value, uint32_t encoding, PreparedValue& p,
                  std::string& why) {
   std::string bytes;
   if (!codec::encodeAppend(encoding, value, bytes)) {
-    // Find the first character the encoding lacks, for the message.
-    size_t at = 0;
-    while (at < value.size()) {
-      const auto lead = static_cast<uint8_t>(value[at]);
-      const size_t width = lead < 0x80 ? 1 : (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3 : 4;
-      std::string one;
-      if (!codec::encodeAppend(encoding, value.substr(at, width), one)) {
-        why += "has a character, '";
-        why += value.substr(at, width);
-        why += "', that ";
-        why += codec::encodingName(encoding);
-        why += " cannot hold";
-        return false;
-      }
-      at += width;
-    }
-    why += "cannot be written in ";
-    why += codec::encodingName(encoding);
+    explainUnencodable(value, encoding, why);
     return false;
   }
   if (static_cast<int64_t>(bytes.size()) > field.nLength) {
-    why += "takes ";
-    appendGrouped(why, static_cast<int64_t>(bytes.size()));
-    why += " bytes; the field holds ";
-    appendGrouped(why, field.nLength);
-    why += field.nLength == 1 ? " byte" : " bytes";
+    why += "takes " + internal::counted(static_cast<int64_t>(bytes.size()), "byte");
+    why += "; the field holds " + internal::counted(field.nLength, "byte");
     return false;
   }
   if (!value.empty() && (value.back() == ' ' || value.back() == '\0')) {
@@ -366,13 +353,13 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
     return true;
   }
   why += "has ";
-  appendGrouped(why, digits);
+  why += internal::withThousands(digits);
   why +=
       places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
   // Room for digits: with the implied point, or with a point and the decimals that are not zero.
   const int64_t roomWithPoint =
       places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(fraction.size()) : 0;
-  appendGrouped(why, std::max<int64_t>({implied, roomWithPoint, 0}));
+  why += internal::withThousands(std::max<int64_t>({implied, roomWithPoint, 0}));
   if (d.negative) why += " beside the sign";
   return false;
 }
@@ -472,18 +459,18 @@ RenderResult appendValue(std::string& out, const FieldInfo& field, std::string_v
     case kFieldText:
     case kFieldNumText:
       if (isNumberField(field)) return appendNumericText(out, bytes, places, encoding, style);
-      return appendText(out, trimTrailingBlanks(bytes), encoding, style);
+      return appendText(out, internal::trimTrailing(bytes), encoding, style);
     case kFieldInt16: {
       int16_t v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
-      appendDecimal(out, v);
+      num::appendInt(out, v);
       return {};
     }
     case kFieldInt64:
     case kFieldSInt64: {
       int64_t v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
-      appendDecimal(out, v);
+      num::appendInt(out, v);
       return {};
     }
     case kFieldFloat: {
@@ -508,7 +495,7 @@ void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& 
     case ValueIssue::BadBytes:
     case ValueIssue::NotANumber:
       out += "byte ";
-      appendDecimal(out, static_cast<int64_t>(at));
+      num::appendInt(out, static_cast<int64_t>(at));
       if (at < bytes.size()) {
         out += " (0x";
         appendHexByte(out, static_cast<uint8_t>(bytes[at]));
@@ -524,7 +511,7 @@ void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& 
       return;
     case ValueIssue::MorePlaces:
       out += "the value has more decimal places than the field's ";
-      appendDecimal(out, std::max(field.nDecimalLen, 0));
+      num::appendInt(out, std::max(field.nDecimalLen, 0));
       return;
     case ValueIssue::NotFinite:
       out += "the value is not a finite number";
@@ -545,7 +532,7 @@ void appendWhere(std::string& out, std::string_view block, int64_t record, std::
   out += "block ";
   out += block;
   out += ", record ";
-  appendDecimal(out, record);
+  num::appendInt(out, record);
   out += ", field ";
   out += field;
 }
