@@ -69,23 +69,38 @@ RenderResult appendText(std::string& out, std::string_view bytes, uint32_t encod
   return result;
 }
 
-// Appends "int.frac" with the leading zeros of `integer` gone, at least `places` decimals (zeros added) and
-// no trailing zero beyond them; true when more than `places` decimals remain.
-bool appendNumber(std::string& out, bool negative, std::string_view integer, std::string_view fraction,
-                  int32_t places) {
-  while (!integer.empty() && integer.front() == '0') integer.remove_prefix(1);
-  while (static_cast<int32_t>(fraction.size()) > places && fraction.back() == '0') fraction.remove_suffix(1);
-  const bool zero = integer.empty() && fraction.find_first_not_of('0') == std::string_view::npos;
+// A decimal number's digits as views of text it was read from: `integer` then `integerZeros` zeros ahead of
+// the point, `fractionZeros` zeros then `fraction` after it. The runs of zeros keep a renderer from building
+// the padded digits in a string of its own.
+struct Digits {
+  std::string_view integer;
+  size_t integerZeros = 0;
+  size_t fractionZeros = 0;
+  std::string_view fraction;
+};
+
+// Appends "int.frac" with the leading zeros of the integer gone, at least `places` (0 or more) decimals,
+// zeros added, and no trailing zero beyond them; true when more than `places` decimals remain.
+bool appendNumber(std::string& out, bool negative, Digits n, int32_t places) {
+  const auto wanted = static_cast<size_t>(std::max(places, 0));
+  while (!n.integer.empty() && n.integer.front() == '0') n.integer.remove_prefix(1);
+  if (n.integer.empty()) n.integerZeros = 0;  // zeros behind no digit lead the integer too
+  while (n.fractionZeros + n.fraction.size() > wanted && !n.fraction.empty() && n.fraction.back() == '0')
+    n.fraction.remove_suffix(1);
+  if (n.fraction.empty()) n.fractionZeros = std::min(n.fractionZeros, wanted);
+  const size_t decimals = n.fractionZeros + n.fraction.size();
+  const bool zero = n.integer.empty() && n.fraction.find_first_not_of('0') == std::string_view::npos;
   if (negative && !zero) out.push_back('-');
-  if (integer.empty()) out.push_back('0');
-  out.append(integer);
-  const auto decimals = std::max<int64_t>(places, static_cast<int64_t>(fraction.size()));
-  if (decimals > 0) {
+  if (n.integer.empty()) out.push_back('0');
+  out.append(n.integer);
+  out.append(n.integerZeros, '0');
+  if (std::max(wanted, decimals) > 0) {
     out.push_back('.');
-    out.append(fraction);
-    out.append(static_cast<size_t>(decimals) - fraction.size(), '0');
+    out.append(n.fractionZeros, '0');
+    out.append(n.fraction);
+    out.append(std::max(wanted, decimals) - decimals, '0');
   }
-  return static_cast<int32_t>(fraction.size()) > places;
+  return decimals > wanted;
 }
 
 // Numeric text of the wire: leading spaces, an optional sign, digits with at most one point; without a point
@@ -118,13 +133,11 @@ RenderResult appendNumericText(std::string& out, std::string_view bytes, int32_t
       fraction = integer.substr(integer.size() - cut);
       integer = integer.substr(0, integer.size() - cut);
     } else {
-      std::string padded(cut - integer.size(), '0');
-      padded.append(integer);
-      appendNumber(out, negative, {}, padded, places);
+      appendNumber(out, negative, {{}, 0, cut - integer.size(), integer}, places);
       return {};
     }
   }
-  const bool more = appendNumber(out, negative, integer, fraction, places);
+  const bool more = appendNumber(out, negative, {integer, 0, 0, fraction}, places);
   return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
 }
 
@@ -140,24 +153,23 @@ RenderResult appendBinaryFloat(std::string& out, Float value, int32_t shift, int
   const std::string_view sci(text, static_cast<size_t>(end - text));
   const size_t e = sci.find('e');
   const bool negative = sci.front() == '-';
-  std::string digits;  // the mantissa's digits, the point after the first
+  char mantissa[24];  // the mantissa's digits, the point after the first: at most 17 for a double
+  size_t count = 0;
   for (char c : sci.substr(negative ? 1 : 0, e - (negative ? 1 : 0)))
-    if (isDigit(c)) digits.push_back(c);
+    if (isDigit(c) && count < sizeof mantissa) mantissa[count++] = c;
+  const std::string_view digits(mantissa, count);
   const int64_t exponent = num::parseLeadingInt(sci.substr(e + 1), -100000, 100000);
   const int64_t point = 1 + exponent - shift;  // digits ahead of the point
   const auto size = static_cast<int64_t>(digits.size());
-  std::string integer, fraction;
+  Digits n;
   if (point <= 0) {
-    fraction.assign(static_cast<size_t>(-point), '0');
-    fraction += digits;
+    n = {{}, 0, static_cast<size_t>(-point), digits};
   } else if (point >= size) {
-    integer = digits;
-    integer.append(static_cast<size_t>(point - size), '0');
+    n = {digits, static_cast<size_t>(point - size), 0, {}};
   } else {
-    integer = digits.substr(0, static_cast<size_t>(point));
-    fraction = digits.substr(static_cast<size_t>(point));
+    n = {digits.substr(0, static_cast<size_t>(point)), 0, 0, digits.substr(static_cast<size_t>(point))};
   }
-  const bool more = appendNumber(out, negative, integer, fraction, places);
+  const bool more = appendNumber(out, negative, n, places);
   return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
 }
 
@@ -250,7 +262,7 @@ bool withPlaces(const Decimal& d, int32_t places, std::string& out, std::string&
     }
     return false;
   }
-  appendNumber(out, d.negative, d.integer, d.fraction, places);
+  appendNumber(out, d.negative, {d.integer, 0, 0, d.fraction}, places);
   return true;
 }
 
