@@ -56,6 +56,9 @@ std::pair<std::string_view, std::string_view> splitFieldRef(std::string_view ref
 }
 
 // Bytes of one record as a request sends it: the fields back to back, without attribute bytes.
+// Not BlockInfo::getRecordFieldSize: that is the positional writer's stride, which m_nRecordIOSize may set
+// apart from the fields and which stops at the 32-bit limit, while the send packing (getStructInputData)
+// writes, and unpackRecords reads, exactly this sum; a smaller figure would let either run past a record.
 int64_t sendRecordSize(const BlockInfo& block) {
   int64_t size = 0;
   for (int32_t j = 0; j < block.getFieldCount(); ++j)
