@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -90,11 +89,10 @@ std::string unescaped(std::string_view raw) {
     if (name.size() > 1 && name[0] == '#') {
       const bool hex = name[1] == 'x';
       const std::string_view digits = name.substr(hex ? 2 : 1);
-      const num::WholeInt code = num::parseWholeInt(digits, 1, 0x10FFFF, hex ? 16 : 10);
+      const num::WholeInt code = num::parseWholeDigits(digits, 1, 0x10FFFF, hex ? 16 : 10);
       char bytes[4];
-      const size_t width = code.isNumber && !code.clamped && digits.front() != '+' && digits.front() != '-'
-                               ? utf8::encode(static_cast<char32_t>(code.value), bytes)
-                               : 0;
+      const size_t width =
+          code.isNumber && !code.clamped ? utf8::encode(static_cast<char32_t>(code.value), bytes) : 0;
       if (width > 0) {
         out.append(bytes, width);
         from = semi + 1;
@@ -109,15 +107,6 @@ std::string unescaped(std::string_view raw) {
 
 std::string valueOf(const pugi::xml_attribute& attribute) {
   return unescaped(attribute.value());
-}
-
-// The text as one or more decimal digits and nothing else (no sign), its value held to [min, max] (clamped
-// says it was not inside); nullopt for any other text.
-std::optional<num::WholeInt> plainNumber(std::string_view text, int64_t min, int64_t max) {
-  if (!text.empty() && (text.front() == '+' || text.front() == '-')) return std::nullopt;
-  const num::WholeInt parsed = num::parseWholeInt(text, min, max);
-  if (!parsed.isNumber) return std::nullopt;
-  return parsed;
 }
 
 std::string quoted(std::string_view text) {
@@ -231,12 +220,12 @@ class Loader {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) return fallback;
     const std::string text = valueOf(a);
-    const auto parsed = plainNumber(text, min, max);
-    if (!parsed) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
-    if (parsed->clamped)
+    const num::WholeInt parsed = num::parseWholeDigits(text, min, max);
+    if (!parsed.isNumber) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    if (parsed.clamped)
       fail(node, quoted(name) + " must lie between " + std::to_string(min) + " and " + std::to_string(max) +
                      ", not " + std::string(text));
-    return parsed->value;
+    return parsed.value;
   }
 
   bool flag(const pugi::xml_node& node, const char* name) const {
@@ -459,11 +448,11 @@ class Loader {
     }
     const std::string what = quoted(triple.name()) + " " + quoted(text);
     const auto whole = [](std::string_view item) {
-      return plainNumber(item, 0, internal::kInt32Max).has_value();
+      return num::parseWholeDigits(item, 0, internal::kInt32Max).isNumber;
     };
     if (count != 3 || !std::all_of(items.begin(), items.end(), whole))
       fail(node, what + " must be three whole numbers separated by commas (field index, offset, length)");
-    const int64_t field = plainNumber(items[0], 0, internal::kInt32Max)->value;
+    const int64_t field = num::parseWholeDigits(items[0], 0, internal::kInt32Max).value;
     if (field >= block.getFieldCount())
       fail(node, what + " names field " + std::to_string(field) + ", but block " + block.m_szBlockName +
                      " has fields 0 to " + std::to_string(block.getFieldCount() - 1));

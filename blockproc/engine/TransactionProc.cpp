@@ -35,8 +35,7 @@ std::string bytes(int64_t count) {
 // Leading spaces, then one or more digits and nothing else: the value, or -1.
 int64_t parseCount(std::string_view text) {
   while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  if (text.empty() || text.front() == '+' || text.front() == '-') return -1;
-  const num::WholeInt count = num::parseWholeInt(text, 0, std::numeric_limits<int64_t>::max());
+  const num::WholeInt count = num::parseWholeDigits(text, 0, std::numeric_limits<int64_t>::max());
   return count.isNumber ? count.value : -1;
 }
 
