@@ -149,9 +149,12 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {linkA("<REALAP fieldinfo='99,0,8'/>"),
        "6: 'fieldinfo' '99,0,8' names field 99, but block A has fields 0 to 0"},
       {linkA("<REALAP fieldinfo='0,0,2' attrfunc='bogus'/>"),
-       "6: 'attrfunc' 'bogus' must call a known function: attr_NAME(PARAMS) with NAME one of compare, "
-       "compareto, "
-       "fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose"},
+       "6: 'attrfunc' 'bogus' must call a known function: attr_NAME(PARAMS) with PARAMS not empty and NAME "
+       "one of compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose"},
+      {linkA("<REALAP fieldinfo='0,0,2' attrfunc='attr_zero()'/>"),
+       "6: 'attrfunc' 'attr_zero()' must call a known function: attr_NAME(PARAMS) with PARAMS not empty and "
+       "NAME one of compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, "
+       "usepclose"},
       {linkA("<REALAP idx='x'/>"), "6: 'idx' must be a whole number, not 'x'"},
       {blockA("<feild/>"), "4: unknown element <feild> in <block> (expected <field> or <link>)"},
       {outputs(kBlockA, " encoding='klingon'"),

@@ -19,6 +19,7 @@
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/parser/TBXML.h"
 #include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberParse.h"
@@ -458,16 +459,13 @@ class Loader {
                      " has fields 0 to " + std::to_string(block.getFieldCount() - 1));
   }
 
+  // The processor reads the value as written (the document keeps its references), so it is asked as written.
   void checkAttrFunc(const pugi::xml_node& node, const pugi::xml_attribute& func) const {
-    const std::string value = valueOf(func);
-    const std::string_view text = value;
-    const size_t attr = text.find("attr_");
-    const size_t open = attr == std::string_view::npos ? attr : text.find('(', attr);
-    const bool formed = open != std::string_view::npos && text.find(')', open) != std::string_view::npos;
-    if (!formed || BlockInfo::getAttrFunctionIndex(text.substr(attr + 5, open - attr - 5)) == FUNC_BASE_INDEX)
-      fail(node, "'attrfunc' " + quoted(text) +
-                     " must call a known function: attr_NAME(PARAMS) with NAME one of compare, compareto, "
-                     "fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose");
+    if (KXBlockDataProc::attrFunctionIndex(func.value()) == FUNC_BASE_INDEX)
+      fail(node,
+           "'attrfunc' " + quoted(valueOf(func)) +
+               " must call a known function: attr_NAME(PARAMS) with PARAMS not empty and NAME one of "
+               "compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose");
   }
 
   void checkOverlaps(const BlockSource& source) const {
