@@ -410,21 +410,29 @@ bool isBinary(const FieldInfo& field) {
   return field.nDataType >= kFieldInt16 && field.nDataType <= kFieldSInt64;
 }
 
-// Writes the values of record `record` of the caller's values into buffer record `index`. A binary field
-// the values leave out holds 0 (its laid-out default, spaces, is no number).
+// Writes the values of record `record` of the caller's values into buffer record `index`, each once. With
+// `zeroBinary`, a binary field the values leave out holds 0 (its laid-out default, spaces, is no number);
+// the zeros go first, so a field the values do give is never overwritten by them.
 void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t index, int64_t record,
                  bool zeroBinary) {
   const std::string& block = proc.getBlockName();
   const BlockInfo& info = *proc.getBlockInfo();
-  for (int32_t j = 0; zeroBinary && j < info.getFieldCount(); ++j) {
-    const FieldInfo& field = *info.getFieldInfoFromIndex(j);
-    if (isBinary(field) && !field.getKeyEncState()) writeValue(proc, field, index, record, "0");
-  }
+  std::vector<const FieldInfo*> fields;
+  fields.reserve(values.fields.size());
+  std::vector<bool> given(zeroBinary ? static_cast<size_t>(info.getFieldCount()) : 0);
   for (const auto& [name, text] : values.fields) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
-    writeValue(proc, *field, index, record, text);
+    fields.push_back(field);
+    if (field->nIndex >= 0 && static_cast<size_t>(field->nIndex) < given.size())
+      given[static_cast<size_t>(field->nIndex)] = true;
   }
+  for (size_t j = 0; j < given.size(); ++j) {
+    const FieldInfo& field = *info.getFieldInfoFromIndex(static_cast<int32_t>(j));
+    if (!given[j] && isBinary(field) && !field.getKeyEncState()) writeValue(proc, field, index, record, "0");
+  }
+  for (size_t k = 0; k < fields.size(); ++k)
+    writeValue(proc, *fields[k], index, record, values.fields[k].second);
   for (const auto& [name, attr] : values.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
