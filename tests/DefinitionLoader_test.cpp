@@ -112,6 +112,9 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {blockA("<field name='x' type='int16'/>\n<field name='x' type='int16'/>"),
        "5: block A already has a field named 'x'"},
       {fieldA("type='text' length='3'"), "4: <field> needs the attribute 'name'"},
+      {fieldA("name='a@attr' type='int16'"),
+       "4: field name 'a@attr' ends in '@attr', which decoded records keep for a field's attribute byte; "
+       "rename the field"},
       {fieldA("name='x' type='text'"), "4: field 'x' needs the attribute 'length'"},
       {fieldA("name='x' type='text' length='1O'"), "4: 'length' must be a whole number, not '1O'"},
       {fieldA("name='x' type='text' length='0'"), "4: 'length' must lie between 1 and 1000000, not 0"},
@@ -146,9 +149,12 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {linkA("<REALAP fieldinfo='99,0,8'/>"),
        "6: 'fieldinfo' '99,0,8' names field 99, but block A has fields 0 to 0"},
       {linkA("<REALAP fieldinfo='0,0,2' attrfunc='bogus'/>"),
-       "6: 'attrfunc' 'bogus' must call a known function: attr_NAME(PARAMS) with NAME one of compare, "
-       "compareto, "
-       "fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose"},
+       "6: 'attrfunc' 'bogus' must call a known function: attr_NAME(PARAMS) with PARAMS not empty and NAME "
+       "one of compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose"},
+      {linkA("<REALAP fieldinfo='0,0,2' attrfunc='attr_zero()'/>"),
+       "6: 'attrfunc' 'attr_zero()' must call a known function: attr_NAME(PARAMS) with PARAMS not empty and "
+       "NAME one of compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, "
+       "usepclose"},
       {linkA("<REALAP idx='x'/>"), "6: 'idx' must be a whole number, not 'x'"},
       {blockA("<feild/>"), "4: unknown element <feild> in <block> (expected <field> or <link>)"},
       {outputs(kBlockA, " encoding='klingon'"),

@@ -20,6 +20,11 @@ FieldInfo fieldOf(int32_t type, int32_t length, int32_t decimals = 0) {
   return FieldInfo("f", type, widths[type] > 0 ? widths[type] : length, decimals);
 }
 
+FieldInfo keyEncrypted(FieldInfo field) {
+  field.bKeyEnc = true;
+  return field;
+}
+
 template <typename T>
 std::string bytesOf(T value) {
   std::string bytes(sizeof(T), '\0');
@@ -130,6 +135,11 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldText, 3), "AB ", "", "'AB ' ends in a space, which the field's padding does not keep"},
       {fieldOf(kFieldText, 4), "\xF0\x9F\x98\x80", "",
        "'\xF0\x9F\x98\x80' has a character, '\xF0\x9F\x98\x80', that cp949 cannot hold"},
+      {fieldOf(kFieldText, 4), "A\x80", "", "'A\x80' is not UTF-8 text from byte 1 (0x80)"},
+      {keyEncrypted(fieldOf(kFieldText, 8)), "secret", "",
+       "'secret' goes to a key-encrypted field, whose value is not carried in the bytes"},
+      {keyEncrypted(fieldOf(kFieldInt16, 2)), "", "",
+       "'' goes to a key-encrypted field, whose value is not carried in the bytes"},
   };
   for (const auto& c : cases) {
     PreparedValue p;
@@ -145,6 +155,8 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
   EXPECT_EQ(p.writeType, kFieldInt64);  // the main writer would store digit text
   ASSERT_TRUE(prepareValue(fieldOf(kFieldNumText, 8, 2), " ", kTextEncodingCP949, p, why));
   EXPECT_TRUE(p.blank);
+  ASSERT_TRUE(prepareValue(keyEncrypted(fieldOf(kFieldText, 8)), "", kTextEncodingCP949, p, why));
+  EXPECT_TRUE(p.blank);  // no value for a key-encrypted field: it stays blank, as it reads back
 }
 
 // Random values of every type go out in a built reply and come back as their canonical text; the reply

@@ -72,6 +72,9 @@ TEST(NumberParseInt, WholeTextOrNothing) {
     }
   }
   EXPECT_EQ(parseWholeInt("-9223372036854775808", kI64Min, kI64Max).value, kI64Min);
+  EXPECT_FALSE(parseWholeDigits("+42", 0, 255).isNumber);
+  EXPECT_FALSE(parseWholeDigits("-0", 0, 255).isNumber);
+  EXPECT_EQ(parseWholeDigits("42", 0, 255).value, 42);
 }
 
 TEST(NumberParseDouble, DecimalFractionAndExponent) {

@@ -142,6 +142,10 @@ class KXBlockDataProc {
   void setXmlInfo(const TBXMLElement* element) noexcept;
   // The text with &lt; &gt; &amp; &quot; &apos; replaced, one pass each in that order.
   static std::string Entity2Ref(std::string_view text) noexcept;
+  // The attribute function a "REALAP" child's "attrfunc" value (as written in the XML) makes its link call:
+  // its index, or FUNC_BASE_INDEX when the link calls none (no attr_NAME(PARAMS), an unknown NAME, no
+  // PARAMS).
+  static int32_t attrFunctionIndex(std::string_view attrfunc) noexcept;
 
   // ---- receiving --------------------------------------------------------------------------------------
   // Takes recvSize bytes from recvData + startPos as records in received order from buffer record 0; valid

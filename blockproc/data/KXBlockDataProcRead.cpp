@@ -14,6 +14,7 @@
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumericText.h"
 #include "blockproc/util/ShortText.h"
@@ -29,24 +30,6 @@ constexpr int32_t kJoinedInt64Width = 6;
 
 std::string_view asText(const uint8_t* bytes, int64_t length) noexcept {
   return {reinterpret_cast<const char*>(bytes), static_cast<size_t>(length)};
-}
-
-// The bytes less their trailing spaces and NULs.
-//
-// Eight bytes at a time: a byte OR 0x20 is 0x20 only for a space or a NUL. The quote layout's 40-byte name
-// field (padded names of 8 to 30 bytes) read in 43 ns trimmed byte by byte, 38.5 ns this way.
-[[gnu::always_inline]] inline std::string_view trimTrailing(std::string_view bytes) noexcept {
-  constexpr uint64_t kPads = 0x2020202020202020ull;
-  size_t n = bytes.size();
-  while (n >= 8) {
-    uint64_t word;
-    std::memcpy(&word, bytes.data() + n - 8, 8);
-    const uint64_t kept = (word | kPads) ^ kPads;  // non-zero bytes: neither space nor NUL
-    if (kept != 0) return bytes.substr(0, n - 8 + static_cast<size_t>(7 - std::countl_zero(kept) / 8) + 1);
-    n -= 8;
-  }
-  while (n > 0 && (bytes[n - 1] == ' ' || bytes[n - 1] == '\0')) --n;
-  return bytes.substr(0, n);
 }
 
 // The record size R as the definition gives it (0 without one); throws what its getRecordMemSize throws.
@@ -145,7 +128,7 @@ void trimIdeographicPadding(std::string& out, size_t from) {
 template <typename TextEncoding>
 bool appendFieldText(std::string& out, std::string_view field, int32_t places, TextEncoding textEncoding,
                      uint32_t ownEncoding) {
-  const std::string_view trimmed = trimTrailing(field);
+  const std::string_view trimmed = internal::trimTrailing(field);
   if (places > 0 && trimmed.find('.') == std::string_view::npos) {
     if (places > num::kMaxDecimalPlaces) return false;
     num::appendDecimalInserted(out, trimmed, places);

@@ -53,29 +53,45 @@ std::string replaceAll(std::string_view text, std::string_view from, std::string
   return out;
 }
 
-// Fills the attribute function members from an "attrfunc" value: nothing without "attr_"; otherwise the
-// decoded value as the JSON path and, when "attr_NAME(PARAMS)" has both parts, the function and parameters.
-void applyAttrFunc(RealAPLinkInfo& link, std::string_view value) {
-  std::string decoded = KXBlockDataProc::Entity2Ref(value);
-  const size_t attr = decoded.find("attr_");
-  if (attr == std::string::npos) return;
-  const std::string_view call = std::string_view(decoded).substr(attr);
+// An "attrfunc" value read: the decoded value, and when "attr_NAME(PARAMS)" in it has both parts, the
+// function and its parameters.
+struct AttrCall {
+  std::string decoded;
+  bool found = false;  // the value holds "attr_"
+  bool realAttr = false;
+  int32_t function = FUNC_BASE_INDEX;
+  std::optional<std::string> params;
+};
+
+AttrCall parseAttrFunc(std::string_view value) {
+  AttrCall c;
+  c.decoded = KXBlockDataProc::Entity2Ref(value);
+  const size_t attr = c.decoded.find("attr_");
+  if (attr == std::string::npos) return c;
+  c.found = true;
+  const std::string_view call = std::string_view(c.decoded).substr(attr);
   const size_t underscore = call.find('_');
   const size_t open = call.find('(');
   const size_t close = call.find(')');
   const bool hasName = open != std::string_view::npos && open > underscore + 1;
   const bool hasParams =
       open != std::string_view::npos && close != std::string_view::npos && close > open + 1;
-  std::optional<std::string> params;
-  if (hasParams) params.emplace(call.substr(open + 1, close - open - 1));
-  const bool realAttr = hasName && hasParams;
-  const int32_t function =
-      realAttr ? BlockInfo::getAttrFunctionIndex(call.substr(underscore + 1, open - underscore - 1))
-               : FUNC_BASE_INDEX;
-  link.setSJsonPath(std::move(decoded));
-  link.setBRealAttr(realAttr);
-  link.setNFuncIndex(function);
-  link.setSFuncParam(std::move(params));
+  if (hasParams) c.params.emplace(call.substr(open + 1, close - open - 1));
+  c.realAttr = hasName && hasParams;
+  if (c.realAttr)
+    c.function = BlockInfo::getAttrFunctionIndex(call.substr(underscore + 1, open - underscore - 1));
+  return c;
+}
+
+// Fills the attribute function members from an "attrfunc" value: nothing without "attr_"; otherwise the
+// decoded value as the JSON path and, when "attr_NAME(PARAMS)" has both parts, the function and parameters.
+void applyAttrFunc(RealAPLinkInfo& link, std::string_view value) {
+  AttrCall c = parseAttrFunc(value);
+  if (!c.found) return;
+  link.setSJsonPath(std::move(c.decoded));
+  link.setBRealAttr(c.realAttr);
+  link.setNFuncIndex(c.function);
+  link.setSFuncParam(std::move(c.params));
 }
 
 // A real-time link record from a "REALAP" child; an "idx" also becomes the running real-time index.
@@ -119,6 +135,14 @@ std::unique_ptr<FieldLinkInfo> makeFieldLink(const TBXMLElement* child, int32_t 
 }
 
 }  // namespace
+
+int32_t KXBlockDataProc::attrFunctionIndex(std::string_view attrfunc) noexcept {
+  try {
+    return parseAttrFunc(attrfunc).function;
+  } catch (...) {
+    return FUNC_BASE_INDEX;
+  }
+}
 
 void KXBlockDataProc::setXmlInfo(const TBXMLElement* element) noexcept {
   if (element == nullptr) return;

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -20,6 +19,7 @@
 
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/parser/TBXML.h"
 #include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberParse.h"
@@ -90,11 +90,10 @@ std::string unescaped(std::string_view raw) {
     if (name.size() > 1 && name[0] == '#') {
       const bool hex = name[1] == 'x';
       const std::string_view digits = name.substr(hex ? 2 : 1);
-      const num::WholeInt code = num::parseWholeInt(digits, 1, 0x10FFFF, hex ? 16 : 10);
+      const num::WholeInt code = num::parseWholeDigits(digits, 1, 0x10FFFF, hex ? 16 : 10);
       char bytes[4];
-      const size_t width = code.isNumber && !code.clamped && digits.front() != '+' && digits.front() != '-'
-                               ? utf8::encode(static_cast<char32_t>(code.value), bytes)
-                               : 0;
+      const size_t width =
+          code.isNumber && !code.clamped ? utf8::encode(static_cast<char32_t>(code.value), bytes) : 0;
       if (width > 0) {
         out.append(bytes, width);
         from = semi + 1;
@@ -109,15 +108,6 @@ std::string unescaped(std::string_view raw) {
 
 std::string valueOf(const pugi::xml_attribute& attribute) {
   return unescaped(attribute.value());
-}
-
-// The text as one or more decimal digits and nothing else (no sign), its value held to [min, max] (clamped
-// says it was not inside); nullopt for any other text.
-std::optional<num::WholeInt> plainNumber(std::string_view text, int64_t min, int64_t max) {
-  if (!text.empty() && (text.front() == '+' || text.front() == '-')) return std::nullopt;
-  const num::WholeInt parsed = num::parseWholeInt(text, min, max);
-  if (!parsed.isNumber) return std::nullopt;
-  return parsed;
 }
 
 std::string quoted(std::string_view text) {
@@ -231,12 +221,12 @@ class Loader {
     const pugi::xml_attribute a = node.attribute(name);
     if (!a) return fallback;
     const std::string text = valueOf(a);
-    const auto parsed = plainNumber(text, min, max);
-    if (!parsed) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
-    if (parsed->clamped)
+    const num::WholeInt parsed = num::parseWholeDigits(text, min, max);
+    if (!parsed.isNumber) fail(node, quoted(name) + " must be a whole number, not " + quoted(text));
+    if (parsed.clamped)
       fail(node, quoted(name) + " must lie between " + std::to_string(min) + " and " + std::to_string(max) +
                      ", not " + std::string(text));
-    return parsed->value;
+    return parsed.value;
   }
 
   bool flag(const pugi::xml_node& node, const char* name) const {
@@ -341,6 +331,7 @@ class Loader {
     allowOnly(node, {"name", "kor", "eng", "type", "length", "decimals", "pos", "attr", "keyenc", "account",
                      "itemcode", "password", "attrref"});
     std::string name = required(node, "name");
+    checkFieldName(node, name);
     if (block.getFieldInfoFromName(name) != nullptr)
       fail(node, "block " + block.m_szBlockName + " already has a field named " + quoted(name));
     const std::string typeName = required(node, "type");
@@ -372,6 +363,17 @@ class Loader {
     field.bPassword = flag(node, "password");
     field.szAttrRefKey = valueOf(node.attribute("attrref"));
     return field;
+  }
+
+  // Decoded records name a field's attribute byte "<field>@attr" and its undecodable bytes "<field>@hex"
+  // beside the field's own value; a field named so would take the place of another field's column.
+  void checkFieldName(const pugi::xml_node& node, std::string_view name) const {
+    for (const std::string_view suffix : {"@attr", "@hex"})
+      if (name.ends_with(suffix))
+        fail(node, "field name " + quoted(name) + " ends in " + quoted(suffix) +
+                       ", which decoded records keep for a field's " +
+                       (suffix == "@attr" ? "attribute byte" : "bytes in hexadecimal") +
+                       "; rename the field");
   }
 
   int32_t readDecimals(const pugi::xml_node& node, const std::string& name, const TypeName& type,
@@ -447,26 +449,23 @@ class Loader {
     }
     const std::string what = quoted(triple.name()) + " " + quoted(text);
     const auto whole = [](std::string_view item) {
-      return plainNumber(item, 0, internal::kInt32Max).has_value();
+      return num::parseWholeDigits(item, 0, internal::kInt32Max).isNumber;
     };
     if (count != 3 || !std::all_of(items.begin(), items.end(), whole))
       fail(node, what + " must be three whole numbers separated by commas (field index, offset, length)");
-    const int64_t field = plainNumber(items[0], 0, internal::kInt32Max)->value;
+    const int64_t field = num::parseWholeDigits(items[0], 0, internal::kInt32Max).value;
     if (field >= block.getFieldCount())
       fail(node, what + " names field " + std::to_string(field) + ", but block " + block.m_szBlockName +
                      " has fields 0 to " + std::to_string(block.getFieldCount() - 1));
   }
 
+  // The processor reads the value as written (the document keeps its references), so it is asked as written.
   void checkAttrFunc(const pugi::xml_node& node, const pugi::xml_attribute& func) const {
-    const std::string value = valueOf(func);
-    const std::string_view text = value;
-    const size_t attr = text.find("attr_");
-    const size_t open = attr == std::string_view::npos ? attr : text.find('(', attr);
-    const bool formed = open != std::string_view::npos && text.find(')', open) != std::string_view::npos;
-    if (!formed || BlockInfo::getAttrFunctionIndex(text.substr(attr + 5, open - attr - 5)) == FUNC_BASE_INDEX)
-      fail(node, "'attrfunc' " + quoted(text) +
-                     " must call a known function: attr_NAME(PARAMS) with NAME one of compare, compareto, "
-                     "fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose");
+    if (KXBlockDataProc::attrFunctionIndex(func.value()) == FUNC_BASE_INDEX)
+      fail(node,
+           "'attrfunc' " + quoted(valueOf(func)) +
+               " must call a known function: attr_NAME(PARAMS) with PARAMS not empty and NAME one of "
+               "compare, compareto, fluctbit, timevolume, unitvolume, trdbit, zero, makecolor, usepclose");
   }
 
   void checkOverlaps(const BlockSource& source) const {

@@ -11,7 +11,9 @@
 #include <system_error>
 
 #include "blockproc/codec/TextCodec.h"
+#include "blockproc/codec/Utf8.h"
 #include "blockproc/util/Internal.h"
+#include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc::value {
@@ -27,32 +29,12 @@ bool isDigit(char c) {
   return c >= '0' && c <= '9';
 }
 
+bool isTextType(const FieldInfo& field) {
+  return field.nDataType == kFieldText || field.nDataType == kFieldNumText;
+}
+
 bool isNumberField(const FieldInfo& field) {
   return field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
-}
-
-void appendDecimal(std::string& out, int64_t value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  out.append(digits, end);
-}
-
-// The count with a comma between groups of three digits.
-void appendGrouped(std::string& out, int64_t value) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-  const char* p = digits;
-  if (*p == '-') out.push_back(*p++);
-  const std::ptrdiff_t count = end - p;
-  for (std::ptrdiff_t i = 0; i < count; ++i) {
-    if (i > 0 && (count - i) % 3 == 0) out.push_back(',');
-    out.push_back(p[i]);
-  }
-}
-
-std::string_view trimTrailingBlanks(std::string_view bytes) {
-  while (!bytes.empty() && (bytes.back() == ' ' || bytes.back() == '\0')) bytes.remove_suffix(1);
-  return bytes;
 }
 
 void appendBadByte(std::string& out, uint8_t byte, BadByteStyle style) {
@@ -87,30 +69,45 @@ RenderResult appendText(std::string& out, std::string_view bytes, uint32_t encod
   return result;
 }
 
-// Appends "int.frac" with the leading zeros of `integer` gone, at least `places` decimals (zeros added) and
-// no trailing zero beyond them; true when more than `places` decimals remain.
-bool appendNumber(std::string& out, bool negative, std::string_view integer, std::string_view fraction,
-                  int32_t places) {
-  while (!integer.empty() && integer.front() == '0') integer.remove_prefix(1);
-  while (static_cast<int32_t>(fraction.size()) > places && fraction.back() == '0') fraction.remove_suffix(1);
-  const bool zero = integer.empty() && fraction.find_first_not_of('0') == std::string_view::npos;
+// A decimal number's digits as views of text it was read from: `integer` then `integerZeros` zeros ahead of
+// the point, `fractionZeros` zeros then `fraction` after it. The runs of zeros keep a renderer from building
+// the padded digits in a string of its own.
+struct Digits {
+  std::string_view integer;
+  size_t integerZeros = 0;
+  size_t fractionZeros = 0;
+  std::string_view fraction;
+};
+
+// Appends "int.frac" with the leading zeros of the integer gone, at least `places` (0 or more) decimals,
+// zeros added, and no trailing zero beyond them; true when more than `places` decimals remain.
+bool appendNumber(std::string& out, bool negative, Digits n, int32_t places) {
+  const auto wanted = static_cast<size_t>(std::max(places, 0));
+  while (!n.integer.empty() && n.integer.front() == '0') n.integer.remove_prefix(1);
+  if (n.integer.empty()) n.integerZeros = 0;  // zeros behind no digit lead the integer too
+  while (n.fractionZeros + n.fraction.size() > wanted && !n.fraction.empty() && n.fraction.back() == '0')
+    n.fraction.remove_suffix(1);
+  if (n.fraction.empty()) n.fractionZeros = std::min(n.fractionZeros, wanted);
+  const size_t decimals = n.fractionZeros + n.fraction.size();
+  const bool zero = n.integer.empty() && n.fraction.find_first_not_of('0') == std::string_view::npos;
   if (negative && !zero) out.push_back('-');
-  if (integer.empty()) out.push_back('0');
-  out.append(integer);
-  const auto decimals = std::max<int64_t>(places, static_cast<int64_t>(fraction.size()));
-  if (decimals > 0) {
+  if (n.integer.empty()) out.push_back('0');
+  out.append(n.integer);
+  out.append(n.integerZeros, '0');
+  if (std::max(wanted, decimals) > 0) {
     out.push_back('.');
-    out.append(fraction);
-    out.append(static_cast<size_t>(decimals) - fraction.size(), '0');
+    out.append(n.fractionZeros, '0');
+    out.append(n.fraction);
+    out.append(std::max(wanted, decimals) - decimals, '0');
   }
-  return static_cast<int32_t>(fraction.size()) > places;
+  return decimals > wanted;
 }
 
 // Numeric text of the wire: leading spaces, an optional sign, digits with at most one point; without a point
 // the last `places` digits are the decimals.
 RenderResult appendNumericText(std::string& out, std::string_view bytes, int32_t places, uint32_t encoding,
                                BadByteStyle style) {
-  const std::string_view trimmed = trimTrailingBlanks(bytes);
+  const std::string_view trimmed = internal::trimTrailing(bytes);
   size_t i = 0;
   while (i < trimmed.size() && trimmed[i] == ' ') ++i;
   if (i == trimmed.size()) return {};
@@ -136,13 +133,11 @@ RenderResult appendNumericText(std::string& out, std::string_view bytes, int32_t
       fraction = integer.substr(integer.size() - cut);
       integer = integer.substr(0, integer.size() - cut);
     } else {
-      std::string padded(cut - integer.size(), '0');
-      padded.append(integer);
-      appendNumber(out, negative, {}, padded, places);
+      appendNumber(out, negative, {{}, 0, cut - integer.size(), integer}, places);
       return {};
     }
   }
-  const bool more = appendNumber(out, negative, integer, fraction, places);
+  const bool more = appendNumber(out, negative, {integer, 0, 0, fraction}, places);
   return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
 }
 
@@ -158,24 +153,23 @@ RenderResult appendBinaryFloat(std::string& out, Float value, int32_t shift, int
   const std::string_view sci(text, static_cast<size_t>(end - text));
   const size_t e = sci.find('e');
   const bool negative = sci.front() == '-';
-  std::string digits;  // the mantissa's digits, the point after the first
+  char mantissa[24];  // the mantissa's digits, the point after the first: at most 17 for a double
+  size_t count = 0;
   for (char c : sci.substr(negative ? 1 : 0, e - (negative ? 1 : 0)))
-    if (isDigit(c)) digits.push_back(c);
+    if (isDigit(c) && count < sizeof mantissa) mantissa[count++] = c;
+  const std::string_view digits(mantissa, count);
   const int64_t exponent = num::parseLeadingInt(sci.substr(e + 1), -100000, 100000);
   const int64_t point = 1 + exponent - shift;  // digits ahead of the point
   const auto size = static_cast<int64_t>(digits.size());
-  std::string integer, fraction;
+  Digits n;
   if (point <= 0) {
-    fraction.assign(static_cast<size_t>(-point), '0');
-    fraction += digits;
+    n = {{}, 0, static_cast<size_t>(-point), digits};
   } else if (point >= size) {
-    integer = digits;
-    integer.append(static_cast<size_t>(point - size), '0');
+    n = {digits, static_cast<size_t>(point - size), 0, {}};
   } else {
-    integer = digits.substr(0, static_cast<size_t>(point));
-    fraction = digits.substr(static_cast<size_t>(point));
+    n = {digits.substr(0, static_cast<size_t>(point)), 0, 0, digits.substr(static_cast<size_t>(point))};
   }
-  const bool more = appendNumber(out, negative, integer, fraction, places);
+  const bool more = appendNumber(out, negative, n, places);
   return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
 }
 
@@ -258,17 +252,17 @@ void quote(std::string& why, std::string_view value) {
 bool withPlaces(const Decimal& d, int32_t places, std::string& out, std::string& why) {
   if (static_cast<int64_t>(d.fraction.size()) > places) {
     why += "has ";
-    appendDecimal(why, static_cast<int64_t>(d.fraction.size()));
+    num::appendInt(why, static_cast<int64_t>(d.fraction.size()));
     why += d.fraction.size() == 1 ? " decimal place" : " decimal places";
     if (places == 0) {
       why += "; the field holds whole numbers";
     } else {
       why += "; the field holds ";
-      appendDecimal(why, places);
+      num::appendInt(why, places);
     }
     return false;
   }
-  appendNumber(out, d.negative, d.integer, d.fraction, places);
+  appendNumber(out, d.negative, {d.integer, 0, 0, d.fraction}, places);
   return true;
 }
 
@@ -287,36 +281,45 @@ bool parseForField(std::string_view text, Decimal& d, std::string& why, std::str
   }
 }
 
+// Why the encoding cannot take the value: its first character the encoding lacks, or its first byte that is
+// not UTF-8 text.
+void explainUnencodable(std::string_view value, uint32_t encoding, std::string& why) {
+  const size_t valid = utf8::validPrefix(value);
+  std::string scratch;
+  for (size_t at = 0, end = 0; at < valid; at = end) {
+    for (end = at + 1; end < valid && utf8::isContinuation(static_cast<uint8_t>(value[end]));) ++end;
+    scratch.clear();
+    if (!codec::encodeAppend(encoding, value.substr(at, end - at), scratch)) {
+      why += "has a character, '";
+      why += value.substr(at, end - at);
+      why += "', that ";
+      why += codec::encodingName(encoding);
+      why += " cannot hold";
+      return;
+    }
+  }
+  if (valid < value.size()) {
+    why += "is not UTF-8 text from byte ";
+    num::appendInt(why, static_cast<int64_t>(valid));
+    why += " (0x";
+    appendHexByte(why, static_cast<uint8_t>(value[valid]));
+    why += ")";
+    return;
+  }
+  why += "cannot be written in ";
+  why += codec::encodingName(encoding);
+}
+
 bool prepareText(const FieldInfo& field, std::string_view value, uint32_t encoding, PreparedValue& p,
                  std::string& why) {
   std::string bytes;
   if (!codec::encodeAppend(encoding, value, bytes)) {
-    // Find the first character the encoding lacks, for the message.
-    size_t at = 0;
-    while (at < value.size()) {
-      const auto lead = static_cast<uint8_t>(value[at]);
-      const size_t width = lead < 0x80 ? 1 : (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3 : 4;
-      std::string one;
-      if (!codec::encodeAppend(encoding, value.substr(at, width), one)) {
-        why += "has a character, '";
-        why += value.substr(at, width);
-        why += "', that ";
-        why += codec::encodingName(encoding);
-        why += " cannot hold";
-        return false;
-      }
-      at += width;
-    }
-    why += "cannot be written in ";
-    why += codec::encodingName(encoding);
+    explainUnencodable(value, encoding, why);
     return false;
   }
   if (static_cast<int64_t>(bytes.size()) > field.nLength) {
-    why += "takes ";
-    appendGrouped(why, static_cast<int64_t>(bytes.size()));
-    why += " bytes; the field holds ";
-    appendGrouped(why, field.nLength);
-    why += field.nLength == 1 ? " byte" : " bytes";
+    why += "takes " + internal::counted(static_cast<int64_t>(bytes.size()), "byte");
+    why += "; the field holds " + internal::counted(field.nLength, "byte");
     return false;
   }
   if (!value.empty() && (value.back() == ' ' || value.back() == '\0')) {
@@ -362,13 +365,13 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
     return true;
   }
   why += "has ";
-  appendGrouped(why, digits);
+  why += internal::withThousands(digits);
   why +=
       places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
   // Room for digits: with the implied point, or with a point and the decimals that are not zero.
   const int64_t roomWithPoint =
       places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(fraction.size()) : 0;
-  appendGrouped(why, std::max<int64_t>({implied, roomWithPoint, 0}));
+  why += internal::withThousands(std::max<int64_t>({implied, roomWithPoint, 0}));
   if (d.negative) why += " beside the sign";
   return false;
 }
@@ -468,18 +471,18 @@ RenderResult appendValue(std::string& out, const FieldInfo& field, std::string_v
     case kFieldText:
     case kFieldNumText:
       if (isNumberField(field)) return appendNumericText(out, bytes, places, encoding, style);
-      return appendText(out, trimTrailingBlanks(bytes), encoding, style);
+      return appendText(out, internal::trimTrailing(bytes), encoding, style);
     case kFieldInt16: {
       int16_t v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
-      appendDecimal(out, v);
+      num::appendInt(out, v);
       return {};
     }
     case kFieldInt64:
     case kFieldSInt64: {
       int64_t v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
-      appendDecimal(out, v);
+      num::appendInt(out, v);
       return {};
     }
     case kFieldFloat: {
@@ -504,7 +507,7 @@ void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& 
     case ValueIssue::BadBytes:
     case ValueIssue::NotANumber:
       out += "byte ";
-      appendDecimal(out, static_cast<int64_t>(at));
+      num::appendInt(out, static_cast<int64_t>(at));
       if (at < bytes.size()) {
         out += " (0x";
         appendHexByte(out, static_cast<uint8_t>(bytes[at]));
@@ -520,7 +523,7 @@ void appendIssue(std::string& out, const RenderResult& result, const FieldInfo& 
       return;
     case ValueIssue::MorePlaces:
       out += "the value has more decimal places than the field's ";
-      appendDecimal(out, std::max(field.nDecimalLen, 0));
+      num::appendInt(out, std::max(field.nDecimalLen, 0));
       return;
     case ValueIssue::NotFinite:
       out += "the value is not a finite number";
@@ -541,7 +544,7 @@ void appendWhere(std::string& out, std::string_view block, int64_t record, std::
   out += "block ";
   out += block;
   out += ", record ";
-  appendDecimal(out, record);
+  num::appendInt(out, record);
   out += ", field ";
   out += field;
 }
@@ -557,10 +560,11 @@ bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encod
   };
   std::string reason;
   if (field.getKeyEncState()) {
-    prepared.verify = false;
-    prepared.write.assign(value);
-    if (!codec::encode(encoding, value))
-      return refuse(std::string("cannot be written in ") + codec::encodingName(encoding));
+    // The writer hands a key-encrypted field's value to the block's key dictionary and leaves the bytes
+    // blank, so only no value (a blank text or number field) comes back as given.
+    if (!value.empty() || !isTextType(field))
+      return refuse("goes to a key-encrypted field, whose value is not carried in the bytes");
+    prepared.blank = true;
     return true;
   }
   if (valueKind(field) == ValueKind::Text) {

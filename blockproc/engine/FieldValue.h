@@ -78,13 +78,13 @@ struct PreparedValue {
   std::string expected;    // the canonical text the field reads back after the write
   int32_t writeType = -1;  // the data type to write the field as (sint64 is written as an int64), else -1
   bool blank = false;      // write no value: the field stays spaces (an empty number)
-  bool verify = true;      // false for a key-encrypted field, whose value never reaches the record
 };
 
 // Checks `value` (UTF-8, as a caller gives it; spaces around a number are dropped) against the field and
 // fills `prepared`. False, with `why` saying what is wrong ("has 3 decimal places; the field holds 2"),
 // when the field cannot hold the value exactly: too many digits or decimal places, out of range, not a
-// number, text longer than the field or ending in a space, a character the encoding lacks.
+// number, text longer than the field or ending in a space, a character the encoding lacks, any value but
+// the empty one for a key-encrypted field (its value would go to the block's key dictionary, not the bytes).
 bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encoding, PreparedValue& prepared,
                   std::string& why);
 

@@ -35,8 +35,7 @@ std::string bytes(int64_t count) {
 // Leading spaces, then one or more digits and nothing else: the value, or -1.
 int64_t parseCount(std::string_view text) {
   while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  if (text.empty() || text.front() == '+' || text.front() == '-') return -1;
-  const num::WholeInt count = num::parseWholeInt(text, 0, std::numeric_limits<int64_t>::max());
+  const num::WholeInt count = num::parseWholeDigits(text, 0, std::numeric_limits<int64_t>::max());
   return count.isNumber ? count.value : -1;
 }
 
@@ -56,6 +55,9 @@ std::pair<std::string_view, std::string_view> splitFieldRef(std::string_view ref
 }
 
 // Bytes of one record as a request sends it: the fields back to back, without attribute bytes.
+// Not BlockInfo::getRecordFieldSize: that is the positional writer's stride, which m_nRecordIOSize may set
+// apart from the fields and which stops at the 32-bit limit, while the send packing (getStructInputData)
+// writes, and unpackRecords reads, exactly this sum; a smaller figure would let either run past a record.
 int64_t sendRecordSize(const BlockInfo& block) {
   int64_t size = 0;
   for (int32_t j = 0; j < block.getFieldCount(); ++j)
@@ -385,11 +387,17 @@ void writeValue(KXBlockDataProc& proc, const FieldInfo& field, int32_t index, in
   std::string why;
   if (!value::prepareValue(field, text, proc.getEncodingType(), prepared, why))
     throw Refusal{placeOf(proc, record, field.szFieldName) + ": " + why};
-  FieldInfo asType = field;
-  if (prepared.writeType >= 0) asType.nDataType = prepared.writeType;
-  proc.setFieldDataFromInfo(prepared.writeType >= 0 ? &asType : &field, index,
-                            prepared.blank ? std::nullopt : std::optional<std::string_view>(prepared.write));
-  if (!prepared.verify) return;
+  const std::optional<std::string_view> write =
+      prepared.blank ? std::nullopt : std::optional<std::string_view>(prepared.write);
+  if (prepared.writeType < 0 || prepared.writeType == field.nDataType) {
+    proc.setFieldDataFromInfo(&field, index, write);
+  } else {
+    // Only a value the field's own type would lay out wrongly pays for a descriptor of the write type: the
+    // place and size are all the writer reads (a key-encrypted field never gets here).
+    FieldInfo asType(field.szFieldName, prepared.writeType, field.nLength, field.nDecimalLen);
+    asType.nDataPos = field.nDataPos;
+    proc.setFieldDataFromInfo(&asType, index, write);
+  }
   std::string back;
   value::appendValue(back, field, value::fieldBytes(proc, field, index), proc.getEncodingType(),
                      value::BadByteStyle::Escaped);
@@ -402,21 +410,29 @@ bool isBinary(const FieldInfo& field) {
   return field.nDataType >= kFieldInt16 && field.nDataType <= kFieldSInt64;
 }
 
-// Writes the values of record `record` of the caller's values into buffer record `index`. A binary field
-// the values leave out holds 0 (its laid-out default, spaces, is no number).
+// Writes the values of record `record` of the caller's values into buffer record `index`, each once. With
+// `zeroBinary`, a binary field the values leave out holds 0 (its laid-out default, spaces, is no number);
+// the zeros go first, so a field the values do give is never overwritten by them.
 void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t index, int64_t record,
                  bool zeroBinary) {
   const std::string& block = proc.getBlockName();
   const BlockInfo& info = *proc.getBlockInfo();
-  for (int32_t j = 0; zeroBinary && j < info.getFieldCount(); ++j) {
-    const FieldInfo& field = *info.getFieldInfoFromIndex(j);
-    if (isBinary(field) && !field.getKeyEncState()) writeValue(proc, field, index, record, "0");
-  }
+  std::vector<const FieldInfo*> fields;
+  fields.reserve(values.fields.size());
+  std::vector<bool> given(zeroBinary ? static_cast<size_t>(info.getFieldCount()) : 0);
   for (const auto& [name, text] : values.fields) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
-    writeValue(proc, *field, index, record, text);
+    fields.push_back(field);
+    if (field->nIndex >= 0 && static_cast<size_t>(field->nIndex) < given.size())
+      given[static_cast<size_t>(field->nIndex)] = true;
   }
+  for (size_t j = 0; j < given.size(); ++j) {
+    const FieldInfo& field = *info.getFieldInfoFromIndex(static_cast<int32_t>(j));
+    if (!given[j] && isBinary(field) && !field.getKeyEncState()) writeValue(proc, field, index, record, "0");
+  }
+  for (size_t k = 0; k < fields.size(); ++k)
+    writeValue(proc, *fields[k], index, record, values.fields[k].second);
   for (const auto& [name, attr] : values.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};

@@ -75,6 +75,11 @@ WholeInt parseWholeInt(std::string_view text, int64_t min, int64_t max, int base
   return {true, d.clamped, d.value};
 }
 
+WholeInt parseWholeDigits(std::string_view text, int64_t min, int64_t max, int base) noexcept {
+  if (!text.empty() && (text[0] == '+' || text[0] == '-')) return {};
+  return parseWholeInt(text, min, max, base);
+}
+
 int32_t parseInt32(std::string_view text) noexcept {
   return static_cast<int32_t>(
       parseLeadingInt(text, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));

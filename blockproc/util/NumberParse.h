@@ -24,6 +24,9 @@ struct WholeInt {
 // outside [min, max] gives the nearer limit and sets clamped, so a caller can refuse it.
 WholeInt parseWholeInt(std::string_view text, int64_t min, int64_t max, int base = 10) noexcept;
 
+// parseWholeInt for digits alone: text with a sign is no number either ("+5", "-0").
+WholeInt parseWholeDigits(std::string_view text, int64_t min, int64_t max, int base = 10) noexcept;
+
 // parseLeadingInt clamped to the 32-bit signed range.
 int32_t parseInt32(std::string_view text) noexcept;
 
