@@ -37,6 +37,12 @@ TEST(TextCodec, DecodingFailsOnCutOrInvalidSequences) {
       {kTextEncodingUTF8, "\xEA\xB0"},          // cut
       {kTextEncodingUTF8, "\x80"},              // stray continuation byte
       {kTextEncodingASCII, "caf\xE9"},
+      // EUC-KR is ASCII and pairs of 0xA1 to 0xFE; the C library would pass 0x80 to 0x9F as U+0080 to U+009F.
+      {kTextEncodingEUCKR, "A\x80"},
+      {kTextEncodingEUCKR, "\x9F"},
+      {kTextEncodingEUCKR, "\xA0\xA1"},
+      {kTextEncodingEUCKR, "\xB0\xA1\xFF"},
+      {kTextEncodingEUCKR, "\xB0\x80"},
       {0x12345u, "plain ASCII"},  // unknown identifier: even ASCII fails
   };
   for (const auto& c : cases) {
@@ -52,6 +58,8 @@ TEST(TextCodec, EncodingFailsOnUnrepresentableOrInvalidText) {
   EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xF0\x9F\x98\x80"), std::nullopt);  // emoji
   EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xED\x95"), std::nullopt);          // not UTF-8
   EXPECT_EQ(codec::encode(kTextEncodingASCII, kHangulUtf8), std::nullopt);
+  EXPECT_EQ(codec::encode(kTextEncodingEUCKR, "A\xC2\x80"), std::nullopt);  // U+0080: no EUC-KR character
+  EXPECT_EQ(codec::encode(kTextEncodingEUCKR, "\xC2\x9F"), std::nullopt);
   EXPECT_EQ(codec::encode(kTextEncodingISOLatin1, "caf\xC3\xA9"), std::string("caf\xE9"));
   EXPECT_EQ(codec::encode(kTextEncodingISOLatin1, kHangulUtf8), std::nullopt);
   EXPECT_EQ(codec::encode(0x12345u, "ABC"), std::nullopt);

@@ -329,7 +329,7 @@ class Loader {
 
   FieldInfo& readField(const pugi::xml_node& node, BlockInfo& block) {
     allowOnly(node, {"name", "kor", "eng", "type", "length", "decimals", "pos", "attr", "keyenc", "account",
-                     "itemcode", "password", "attrref"});
+                     "itemcode", "password", "attrref", "point"});
     std::string name = required(node, "name");
     checkFieldName(node, name);
     if (block.getFieldInfoFromName(name) != nullptr)
@@ -362,7 +362,27 @@ class Loader {
     field.bItemCode = flag(node, "itemcode");
     field.bPassword = flag(node, "password");
     field.szAttrRefKey = valueOf(node.attribute("attrref"));
+    field.bImpliedPoint = impliedPoint(node, field);
     return field;
+  }
+
+  // Whether a number field's point is left out when it is written: point="implied" (sign, zero fill and the
+  // digits, the last `decimals` of them the fraction) or "explicit" (the point written, the default).
+  bool impliedPoint(const pugi::xml_node& node, const FieldInfo& field) const {
+    const pugi::xml_attribute a = node.attribute("point");
+    if (!a) return false;
+    const std::string v = valueOf(a);
+    if (v != "implied" && v != "explicit")
+      fail(node,
+           "field " + quoted(field.szFieldName) + ": 'point' must be implied or explicit, not " + quoted(v));
+    const bool number =
+        field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
+    if (!number)
+      fail(node, "field " + quoted(field.szFieldName) +
+                     ": 'point' applies to number fields (type number, or " + "text with decimals), not to " +
+                     dataTypeName(field.nDataType) +
+                     (field.nDataType == kFieldText ? " without decimals" : ""));
+    return v == "implied";
   }
 
   // Decoded records name a field's attribute byte "<field>@attr" and its undecodable bytes "<field>@hex"

@@ -433,6 +433,12 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
   }
   for (size_t k = 0; k < fields.size(); ++k)
     writeValue(proc, *fields[k], index, record, values.fields[k].second);
+  for (const std::string& name : values.nulls) {
+    const FieldInfo* field = proc.findFieldInfo(name);
+    if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
+    // No value: a text or number field blank (a number's laid-out default is zeros, which read as 0).
+    if (!isBinary(*field)) writeValue(proc, *field, index, record, "");
+  }
   for (const auto& [name, attr] : values.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};

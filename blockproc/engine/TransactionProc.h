@@ -27,6 +27,9 @@ namespace blockproc {
 struct RecordValues {
   std::vector<std::pair<std::string, std::string>> fields;  // field name and value, written in this order
   std::vector<std::pair<std::string, uint8_t>> attrs;       // field name and attribute byte
+  // Fields given no value (JSON null, Python None): a number or text field is written blank, as a blank
+  // one reads; any other field keeps its default. A count field given none is filled in.
+  std::vector<std::string> nulls;
 };
 
 struct BlockValues {

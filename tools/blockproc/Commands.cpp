@@ -39,6 +39,7 @@ std::string flagsOf(const FieldInfo& f) {
   add(f.bPassword, "password");
   add(f.bKeyEnc, "keyenc");
   add(!f.szAttrRefKey.empty(), "attr from " + f.szAttrRefKey);
+  add(f.bImpliedPoint, "point implied");
   return flags;
 }
 
@@ -130,7 +131,9 @@ RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string&
       values.fields.emplace_back(key, value.get<std::string>());
     } else if (value.is_number()) {
       values.fields.emplace_back(key, value.dump());
-    } else if (!value.is_null()) {
+    } else if (value.is_null()) {
+      values.nulls.push_back(key);
+    } else {
       throw Failure{kExitData, at + ": must be a string, a number or null"};
     }
   }
