@@ -85,6 +85,21 @@ TEST(DefinitionLoader, PlacesFieldsWithoutPositionsBehindThePreviousOne) {
   EXPECT_EQ(block.getRecordFieldSize(), 15);  // 3 + 2 + 2 + 8 bytes of data
 }
 
+// Whether a number field's point is written: point="implied" leaves it out, "explicit" (the default) writes
+// it.
+TEST(DefinitionLoader, ReadsWhetherANumberWritesItsPoint) {
+  const DefinitionResult result =
+      load(blockA(R"(<field name='a' type='number' length='12' decimals='2' point='implied'/>
+<field name='b' type='number' length='9' decimals='2' point='explicit'/>
+<field name='c' type='number' length='9' decimals='2'/>
+<field name='d' type='text' length='6' decimals='1' point='implied'/>)"));
+  ASSERT_TRUE(result) << result.description();
+  const BlockInfo& block = *result.definition->tran.findBlock("A");
+  const std::pair<const char*, bool> cases[] = {{"a", true}, {"b", false}, {"c", false}, {"d", true}};
+  for (const auto& [name, implied] : cases)
+    EXPECT_EQ(block.getFieldInfoFromName(name)->bImpliedPoint, implied);
+}
+
 TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
   const struct {
     std::string xml;
@@ -134,7 +149,14 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
        "3: block A takes the rest of the data, so it must be the last output block"},
       {fieldA("name='x' type='text' lenght='3'"),
        "4: unknown attribute 'lenght' on <field> (known: name, kor, eng, type, length, decimals, pos, attr, "
-       "keyenc, account, itemcode, password, attrref)"},
+       "keyenc, account, itemcode, password, attrref, point)"},
+      {fieldA("name='p' type='number' length='8' decimals='2' point='none'"),
+       "4: field 'p': 'point' must be implied or explicit, not 'none'"},
+      {fieldA("name='p' type='double' decimals='2' point='implied'"),
+       "4: field 'p': 'point' applies to number fields (type number, or text with decimals), not to double"},
+      {fieldA("name='p' type='text' length='8' point='explicit'"),
+       "4: field 'p': 'point' applies to number fields (type number, or text with decimals), not to text "
+       "without decimals"},
       {fieldA("name='x' type='int16' attr='maybe'"), "4: 'attr' must be true or false, not 'maybe'"},
       {fieldA("name='x' type='int16' attrref='sign'"),
        "4: field 'x' takes its attribute from 'sign', which is not a field of block A"},

@@ -20,6 +20,11 @@ FieldInfo fieldOf(int32_t type, int32_t length, int32_t decimals = 0) {
   return FieldInfo("f", type, widths[type] > 0 ? widths[type] : length, decimals);
 }
 
+FieldInfo impliedPoint(FieldInfo field) {
+  field.bImpliedPoint = true;
+  return field;
+}
+
 FieldInfo keyEncrypted(FieldInfo field) {
   field.bKeyEnc = true;
   return field;
@@ -114,6 +119,12 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 6, 2), "1234.5", "123450", "1234.50"},  // the implied point's extra digit
       {fieldOf(kFieldNumText, 10, 2), "900400000.00", "900400000.", "900400000.00"},  // decimals not written
       {fieldOf(kFieldNumText, 10, 3), "-1234567.5", "-1234567.5", "-1234567.500"},
+      // A field whose point is implied is written without it: sign, zero fill, digits.
+      {impliedPoint(fieldOf(kFieldNumText, 12, 2)), "71250.5", "000007125050", "71250.50"},
+      {impliedPoint(fieldOf(kFieldNumText, 12, 2)), "-0.07", "-00000000007", "-0.07"},
+      {impliedPoint(fieldOf(kFieldNumText, 5, 2)), "999.99", "99999", "999.99"},
+      {impliedPoint(fieldOf(kFieldText, 6, 1)), "12.5", "000125", "12.5"},
+      {impliedPoint(fieldOf(kFieldNumText, 5)), "-12", "-12", "-12"},  // no places: nothing to leave out
       {fieldOf(kFieldSInt64, 8), "-42", "-42", "-42"},
       {fieldOf(kFieldInt16, 2), "-32768", "-32768", "-32768"},
       {fieldOf(kFieldInt16, 2), "7.00", "7", "7"},
@@ -141,6 +152,8 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 10, 2), "-123456789", "",
        "'-123456789' has 9 digits before the point; the field has room for 8 beside the sign"},
       {fieldOf(kFieldNumText, 5), "1,5", "", "'1,5' is not a number"},
+      {impliedPoint(fieldOf(kFieldNumText, 6, 2)), "-1234.5", "",
+       "'-1234.5' has 4 digits before the point; the field has room for 3 beside the sign"},
       {fieldOf(kFieldDouble, 8, 2), "288230376151711745", "",
        "'288230376151711745' is not held exactly by a double (it would read back as 288230376151711740.00)"},
       {fieldOf(kFieldDouble, 8, 2), "0.1000000000000000001", "",

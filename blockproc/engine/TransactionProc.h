@@ -29,7 +29,7 @@ struct RecordValues {
   std::vector<std::pair<std::string, uint8_t>> attrs;       // field name and attribute byte
   // Fields given no value (JSON null, Python None): a number or text field is written blank, as a blank
   // one reads; any other field keeps its default. A count field given none is filled in.
-  std::vector<std::string> nulls;
+  std::vector<std::string> nulls = {};
 };
 
 struct BlockValues {
