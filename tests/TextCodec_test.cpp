@@ -91,6 +91,7 @@ TEST(Utf8, ShowsControlCharactersPrintable) {
     size_t first;  // where findControl finds the first control character
     std::string shown;
   } cases[] = {{"plain \xEA\xB0\x80", std::string_view::npos, "plain \xEA\xB0\x80"},
+               {"\xC2\xA0\xC2\xB7", std::string_view::npos, "\xC2\xA0\xC2\xB7"},  // U+00A0, U+00B7
                {"\x1B[2J", 0, "\\x1B[2J"},
                {std::string_view("a\0b", 3), 1, "a\\x00b"},
                {"a\nb\tc\rd", 1, "a\\x0Ab\\x09c\\x0Dd"},
@@ -102,6 +103,7 @@ TEST(Utf8, ShowsControlCharactersPrintable) {
                {"\xC2\xA0\xC2\x7F", 3, "\xC2\xA0\xC2\\x7F"}};  // U+00A0 is none, nor C2 before DEL
   for (const auto& c : cases) {
     EXPECT_EQ(utf8::findControl(c.text), c.first) << c.shown;
+    EXPECT_EQ(utf8::hasControl(c.text), c.first != std::string_view::npos) << c.shown;
     EXPECT_EQ(internal::printable(c.text), c.shown);
   }
   EXPECT_EQ(internal::printable("two\nlines\x1B", true), "two\nlines\\x1B");

@@ -59,9 +59,25 @@ constexpr size_t controlLength(std::string_view text, size_t at) noexcept {
 
 // Where the first control character (C0, DEL or C1) of the text starts, or std::string_view::npos.
 constexpr size_t findControl(std::string_view text) noexcept {
-  for (size_t at = 0; at < text.size(); ++at)
+  for (size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<uint8_t>(text[at]);
+    // One test for most bytes: a control starts below 0x20, at DEL or at C2.
+    if (byte >= 0x20 && byte != 0x7F && byte != 0xC2) continue;
     if (controlLength(text, at) > 0) return at;
+  }
   return std::string_view::npos;
+}
+
+// Whether the text holds a control character (C0, DEL or C1).
+constexpr bool hasControl(std::string_view text) noexcept {
+  // A pass over every byte without a branch, which the compiler can vectorize: a C2 (also the lead of U+00A0
+  // to U+00BF) is looked at closely only when there is one.
+  bool maybe = false;
+  for (const char c : text) {
+    const auto byte = static_cast<uint8_t>(c);
+    maybe |= (byte < 0x20) | (byte == 0x7F) | (byte == 0xC2);
+  }
+  return maybe && findControl(text) != std::string_view::npos;
 }
 
 // Columns the text takes on a terminal: East Asian wide and fullwidth characters take two, others one.

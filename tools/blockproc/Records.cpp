@@ -34,10 +34,6 @@ bool anyOf(const std::array<bool, 256>& table, std::string_view text) {
   return false;
 }
 
-bool anyControl(std::string_view text) {
-  return utf8::findControl(text) != std::string_view::npos;
-}
-
 using num::appendInt;
 
 size_t digitsOf(int64_t value) {
@@ -144,7 +140,7 @@ struct RecordWriter::State {
       if (!right) text().append(fill, ' ');
       return;
     }
-    if (anyControl(cell))
+    if (utf8::hasControl(cell))
       appendPadded(text(), printable(cell), width, right);
     else
       appendPadded(text(), cell, width, right);
