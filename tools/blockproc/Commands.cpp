@@ -335,16 +335,10 @@ class Sinks {
     for (const KXBlockDataProc* proc : blocks) {
       const std::string file = proc->getBlockName() + extensionOf(render.format);
       auto& sink = m_sinks.emplace_back(
-          Sink{std::make_unique<Output>(m_dir, file, options.outputDir + "/" + file), nullptr});
+          Sink{std::make_unique<Output>(m_dir.fd, file, options.outputDir + "/" + file), nullptr});
       sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
     }
   }
-  ~Sinks() {
-    m_sinks.clear();
-    if (m_dir >= 0) ::close(m_dir);
-  }
-  Sinks(const Sinks&) = delete;
-  Sinks& operator=(const Sinks&) = delete;
 
   // The writer of the block, or nullptr when the block is not shown.
   RecordWriter* writerOf(const KXBlockDataProc* proc) {
@@ -384,14 +378,26 @@ class Sinks {
                                       "': it " + problem};
     if (::mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST)
       throw Failure{kExitData, "cannot make the directory '" + dir + "': " + std::strerror(errno)};
-    m_dir = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (m_dir < 0)
+    m_dir.fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (m_dir.fd < 0)
       throw Failure{kExitData, "cannot open the directory '" + dir + "': " + std::strerror(errno)};
   }
 
+  // The directory of --output-dir, open while its files are written (closed after them, or when a file
+  // cannot be opened).
+  struct Directory {
+    int fd = -1;
+    Directory() = default;
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    ~Directory() {
+      if (fd >= 0) ::close(fd);
+    }
+  };
+
+  Directory m_dir;
   std::vector<const KXBlockDataProc*> m_blocks;
   std::vector<Sink> m_sinks;
-  int m_dir = -1;
 };
 
 // The blocks ahead of the rest block, from as many bytes of the input as they need.
