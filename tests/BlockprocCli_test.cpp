@@ -351,11 +351,162 @@ TEST(BlockprocCli, ReadsRequestsBack) {
   ASSERT_EQ(built.code, 0) << built.err;
   EXPECT_EQ(built.out, "AB  012.50");
   const Outcome decoded = run("decode '" + def + "' - --request --format jsonl", built.out);
-  EXPECT_EQ(decoded.out, "{\"block\":\"In\",\"record\":0,\"code\":\"AB\",\"qty\":12.50}\n") << decoded.err;
+  EXPECT_EQ(decoded.out, "{\"@block\":\"In\",\"@record\":0,\"code\":\"AB\",\"qty\":12.50}\n") << decoded.err;
   const Outcome dump = run("hexdump '" + def + "' - --request", built.out);
   EXPECT_EQ(dump.code, 0) << dump.err;
   EXPECT_NE(dump.out.find("00000004  30 31 32 2e 35 30"), std::string::npos) << dump.out;
   EXPECT_TRUE(dump.out.ends_with("In.qty   12.50\n")) << dump.out;
+}
+
+// ---- names, secrets and CSV rows ----------------------------------------------------------------------
+
+std::string definitionFile(const std::string& name, const std::string& xml) {
+  const std::string path = tempPath(name);
+  writeFile(path, xml);
+  return path;
+}
+
+// --output-dir writes only inside the folder it is given: a name that would lead out is refused before any
+// file is made, and a symbolic link of a block's file name is refused rather than followed.
+TEST(BlockprocCli, KeepsEveryFileInsideTheOutputDirectory) {
+  const std::string top = tempPath("od"), dir = top + "/sub";
+  std::system(("rm -rf '" + top + "' && mkdir -p '" + dir + "'").c_str());
+  const std::string escaping = definitionFile(
+      "escape.xml",
+      "<transaction code='T1'><output>\n<block name='../../escape'><field name='x' type='text' length='3'/>"
+      "</block>\n</output></transaction>\n");
+  const std::string outside = ::testing::TempDir() + "escape.csv";
+  std::remove(outside.c_str());
+  const Outcome refused = run("decode '" + escaping + "' - --format csv --output-dir '" + dir + "'", "abc");
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.err, "blockproc: " + escaping +
+                             ":2: block name '../../escape' holds '/'; a block's name becomes a file name "
+                             "(decode --output-dir), so names hold no / or \\\n  (fix the definition; "
+                             "docs/definition-format.md describes the format)\n");
+  EXPECT_EQ(readFile(outside), "");
+  EXPECT_EQ(std::system(("test -z \"$(ls -A '" + top + "/sub')\"").c_str()), 0);
+
+  const std::string def =
+      definitionFile("one.xml",
+                     "<transaction code='T1'><output><block name='B'><field name='x' type='text' length='3'/>"
+                     "</block></output></transaction>");
+  const std::string victim = tempPath("victim");
+  writeFile(victim, "keep");
+  ASSERT_EQ(::symlink(victim.c_str(), (dir + "/B.csv").c_str()), 0);
+  const Outcome linked = run("decode '" + def + "' - --format csv --output-dir '" + dir + "'", "abc");
+  EXPECT_EQ(linked.code, 1);
+  EXPECT_EQ(linked.err, "blockproc: cannot write '" + dir +
+                            "/B.csv': it is a symbolic link; blockproc writes only files of the directory "
+                            "itself\n");
+  EXPECT_EQ(readFile(victim), "keep");
+  // A file of its own is written as always.
+  const Outcome json = run("decode '" + def + "' - --format jsonl --output-dir '" + dir + "'", "abc");
+  EXPECT_EQ(json.code, 0) << json.err;
+  EXPECT_EQ(readFile(dir + "/B.jsonl"), "{\"@block\":\"B\",\"@record\":0,\"x\":\"abc\"}\n");
+}
+
+// A JSON line's own members hold '@', which no field name may: fields named block and record keep their
+// values beside them, and nothing is lost to a repeated key.
+TEST(BlockprocCli, KeepsJsonLinesKeysApartFromFields) {
+  const std::string def = definitionFile(
+      "keys.xml",
+      "<transaction code='T1'><output><block name='B' repeat='3' count='rest'>"
+      "<field name='block' type='text' length='4'/><field name='record' type='number' length='2'/>"
+      "</block></output></transaction>");
+  const Outcome r = run("decode '" + def + "' - --format jsonl", "abcd12wxyz34");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "{\"@block\":\"B\",\"@record\":0,\"block\":\"abcd\",\"record\":12}\n"
+            "{\"@block\":\"B\",\"@record\":1,\"block\":\"wxyz\",\"record\":34}\n");
+  for (const char* name : {"@block", "@record"}) {
+    const std::string taken = definitionFile(
+        "taken.xml", std::string("<transaction code='T1'><output><block name='B'><field name='") + name +
+                         "' type='int16'/></block></output></transaction>");
+    const Outcome refused = run("decode '" + taken + "' - --format jsonl", "ab");
+    EXPECT_EQ(refused.code, 2) << name;
+    EXPECT_NE(refused.err.find(std::string("field name '") + name + "' holds '@'"), std::string::npos)
+        << refused.err;
+  }
+}
+
+// A field flagged password shows as ******** wherever records are shown, whatever its type, unless
+// --show-secrets; the mask is never encoded back as the password.
+TEST(BlockprocCli, MasksPasswordsUnlessAskedToShowThem) {
+  const std::string def = definitionFile(
+      "secret.xml",
+      "<transaction code='T1'><output><block name='Acct' repeat='5' count='rest'>"
+      "<field name='acct' type='text' length='4'/><field name='pwd' type='text' length='6' password='true'/>"
+      "<field name='pin' type='number' length='4' password='true'/></block></output></transaction>");
+  const std::string reply =
+      "A001secret1234A002\xFF"
+      "bcdef0042";  // a bad byte in a password too
+  const std::string stream = tempPath("secret.bin");
+  writeFile(stream, reply);
+  const std::string decode = "decode '" + def + "' - ", mask = "********";
+  const struct {
+    std::string args, masked, shown;  // a part of the output without and with --show-secrets
+  } cases[] = {
+      {decode, "0  A001  " + mask + "  " + mask + "\n", "0  A001  secret   1234\n"},
+      {decode + "--raw", "0  A001  " + mask + "  " + mask + "\n", "0  A001  secret   1234\n"},
+      {decode + "--format csv", "acct,pwd,pin\nA001," + mask + "," + mask + "\n", "A001,secret,1234\n"},
+      {decode + "--format long", "Acct,0,pwd," + mask + "\nAcct,0,pin," + mask + "\n",
+       "Acct,0,pwd,secret\nAcct,0,pin,1234\n"},
+      {decode + "--format jsonl", "\"acct\":\"A001\",\"pwd\":\"" + mask + "\",\"pin\":\"" + mask + "\"}",
+       "\"acct\":\"A001\",\"pwd\":\"secret\",\"pin\":1234}"},
+      {decode + "--format json", "\"pwd\": \"" + mask + "\",\n        \"pin\": \"" + mask + "\"",
+       "\"pwd\": \"secret\",\n        \"pin\": 1234"},
+      {"hexdump '" + def + "' -", "00000004  ** ** ** ** ** **", "00000004  73 65 63 72 65 74"},
+      {"hexdump '" + def + "' -", "Acct[0].pwd   " + mask + "\n", "Acct[0].pwd   secret\n"},
+      {"realtime '" + def + "' '" + stream + "' --block Acct --format csv",
+       "A001," + mask + "," + mask + "\n", "A001,secret,1234\n"}};
+  for (const auto& c : cases) {
+    const Outcome masked = run(c.args, reply), shown = run(c.args + " --show-secrets", reply);
+    EXPECT_EQ(masked.code, 0) << c.args << "\n" << masked.err;
+    EXPECT_EQ(masked.err, "") << c.args;  // the bad byte of a masked field is not told either
+    EXPECT_NE(masked.out.find(c.masked), std::string::npos) << c.args << "\n" << masked.out;
+    EXPECT_EQ(masked.out.find("secret"), std::string::npos) << c.args;
+    EXPECT_EQ(masked.out.find("1234"), std::string::npos) << c.args;
+    EXPECT_NE(shown.out.find(c.shown), std::string::npos) << c.args << "\n" << shown.out;
+  }
+  const std::string clean = reply.substr(0, 14);
+  const Outcome json = run(decode + "--format json", clean);
+  const Outcome back = run("encode '" + def + "' - --reply", json.out);
+  EXPECT_EQ(back.code, 1);
+  EXPECT_EQ(back.err,
+            "blockproc: standard input: block Acct, record 0, field pwd: is the mask decode shows for a "
+            "password, not the password; decode with --show-secrets to keep it\n");
+  const Outcome secrets = run(decode + "--format json --show-secrets", clean);
+  const Outcome same = run("encode '" + def + "' - --reply", secrets.out);
+  EXPECT_EQ(same.code, 0) << same.err;
+  EXPECT_EQ(same.out, clean);
+}
+
+// Every record is a line of its own in CSV: an empty value alone on its row is written "", and a value that
+// holds a comma, a quote or a line break, or starts or ends with a space, is quoted.
+TEST(BlockprocCli, WritesEveryCsvRecordAsALine) {
+  const std::string def =
+      definitionFile("column.xml",
+                     "<transaction code='T1'><output><block name='B' repeat='9' count='rest'>"
+                     "<field name='v' type='text' length='3'/></block></output></transaction>");
+  const std::string reply = std::string("   a,bq\"x ab") + "x\ny" + "\t z" + "abc";
+  const Outcome r = run("decode '" + def + "' - --format csv", reply);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "v\n\"\"\n\"a,b\"\n\"q\"\"x\"\n\" ab\"\n\"x\ny\"\n\"\t z\"\nabc\n");
+  // Two columns: the empty value needs no quotes, the row is not blank.
+  const std::string two = definitionFile(
+      "two.xml",
+      "<transaction code='T1'><output><block name='B' repeat='9' count='rest'>"
+      "<field name='v' type='text' length='3'/><field name='n' type='number' length='3'/></block></output>"
+      "</transaction>");
+  EXPECT_EQ(run("decode '" + two + "' - --format csv", "      ").out, "v,n\n,\n");
+  // Realtime writes the same rows; a long stream's rows are never blank lines either.
+  const std::string blanks = tempPath("blanks.bin");
+  writeFile(blanks, std::string(3 * 400000, ' '));
+  const Outcome many = run("realtime '" + def + "' '" + blanks + "' --block B --format csv");
+  EXPECT_EQ(many.code, 0) << many.err;
+  std::string expected = "v\n";
+  for (int i = 0; i < 400000; ++i) expected += "\"\"\n";
+  EXPECT_EQ(many.out, expected);
 }
 
 }  // namespace

@@ -127,9 +127,6 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {blockA("<field name='x' type='int16'/>\n<field name='x' type='int16'/>"),
        "5: block A already has a field named 'x'"},
       {fieldA("type='text' length='3'"), "4: <field> needs the attribute 'name'"},
-      {fieldA("name='a@attr' type='int16'"),
-       "4: field name 'a@attr' ends in '@attr', which decoded records keep for a field's attribute byte; "
-       "rename the field"},
       {fieldA("name='x' type='text'"), "4: field 'x' needs the attribute 'length'"},
       {fieldA("name='x' type='text' length='1O'"), "4: 'length' must be a whole number, not '1O'"},
       {fieldA("name='x' type='text' length='0'"), "4: 'length' must lie between 1 and 1000000, not 0"},
@@ -193,6 +190,64 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
     EXPECT_EQ(result.definition, nullptr) << c.description;
     EXPECT_EQ(result.description(), "def.xml:" + c.description);
   }
+}
+
+// Names reach terminals and become file names: a name that could move the cursor, clear the screen or lead a
+// file out of its folder is refused with its line, and shown escaped in the message.
+TEST(DefinitionLoader, RefusesNamesThatCouldEscapeOrReachATerminalRaw) {
+  const std::string kControl = "holds a control character (";
+  const std::string kNoControl = "); names are shown on terminals, so they hold none";
+  const std::string kSeparator =
+      "'; a block's name becomes a file name (decode --output-dir), so names hold no / or \\";
+  const std::string kAt =
+      "' holds '@', which decoded records keep for the members they add beside the fields (<field>@attr, "
+      "<field>@hex, @block, @record); rename the field";
+  const struct {
+    std::string xml;
+    std::string description;  // after "def.xml:"
+  } cases[] = {
+      {outputs("<block name='../../escape'><field name='x' type='int16'/></block>\n"),
+       "3: block name '../../escape' holds '/" + kSeparator},
+      {outputs("<block name='a\\b'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'a\\b' holds '\\" + kSeparator},
+      {outputs("<block name='..'><field name='x' type='int16'/></block>\n"),
+       "3: block name '..' is .., which stands for a folder; a block's name becomes a file name"},
+      {outputs("<block name='.'><field name='x' type='int16'/></block>\n"),
+       "3: block name '.' is ., which stands for a folder; a block's name becomes a file name"},
+      {outputs("<block name='x&#27;[2J'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'x\\x1B[2J' " + kControl + "\\x1B" + kNoControl},
+      {outputs("<block name='a&#10;b'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'a\\x0Ab' " + kControl + "\\x0A" + kNoControl},
+      // The escape byte itself in the file, DEL, and the C1 control U+009B (a terminal's one-byte escape).
+      {fieldA("name='x\x1B]0;owned\x07' type='int16'"),
+       "4: field name 'x\\x1B]0;owned\\x07' " + kControl + "\\x1B" + kNoControl},
+      {fieldA("name='x&#127;' type='int16'"), "4: field name 'x\\x7F' " + kControl + "\\x7F" + kNoControl},
+      {fieldA("name='x&#x9B;2J' type='int16'"),
+       "4: field name 'x\\xC2\\x9B2J' " + kControl + "\\xC2\\x9B" + kNoControl},
+      {fieldA("name='a/b' type='int16'"), "4: field name 'a/b' holds '/" + kSeparator},
+      {fieldA("name='..' type='int16'"),
+       "4: field name '..' is .., which stands for a folder; a block's name becomes a file name"},
+      // '@' marks the members decoded records add: no field may take the place of one.
+      {fieldA("name='@block' type='int16'"), "4: field name '@block" + kAt},
+      {fieldA("name='@record' type='int16'"), "4: field name '@record" + kAt},
+      {fieldA("name='a@attr' type='int16'"), "4: field name 'a@attr" + kAt},
+      {fieldA("name='a@hex' type='int16'"), "4: field name 'a@hex" + kAt},
+      {"<transaction code='T&#27;[2J'>\n<output>\n" + kBlockA + "</output>\n</transaction>\n",
+       "1: the transaction code 'T\\x1B[2J' holds a control character (\\x1B); a code is shown on "
+       "terminals, so it holds none"}};
+  for (const auto& c : cases) {
+    const DefinitionResult result = load(c.xml);
+    EXPECT_EQ(result.definition, nullptr) << c.description;
+    EXPECT_EQ(result.description(), "def.xml:" + c.description) << c.xml;
+    EXPECT_EQ(result.description().find('\x1B'), std::string::npos);
+  }
+  // What stays a name: dots inside, spaces, Hangul, U+00A0 (past the C1 controls), names like the tool's
+  // own members without their '@'.
+  const DefinitionResult ok =
+      load(outputs("<block name='a.b'><field name='block' type='int16'/><field name='record' type='int16'/>"
+                   "<field name='...' type='int16'/><field name='&#xA0;x y' type='int16'/>"
+                   "<field name='\xED\x98\xB8\xEA\xB0\x80' type='int16'/></block>\n"));
+  EXPECT_TRUE(ok) << ok.description();
 }
 
 // 1,000,000 records of 100 bytes pass 64 MiB: refused for a block held whole, not for a rest block (read a

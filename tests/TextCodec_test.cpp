@@ -4,6 +4,7 @@
 #include <iconv.h>
 
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 namespace {
@@ -88,6 +89,32 @@ TEST(Utf8, LengthsTrimsAndWidths) {
   std::string latin;
   codec::appendLatin1(latin, "A\xE9");
   EXPECT_EQ(latin, "A\xC3\xA9");
+}
+
+// Every control character a terminal acts on (C0, DEL, C1) is shown as \xNN, byte by byte; the characters
+// around them, U+00A0 and Hangul included, are kept.
+TEST(Utf8, ShowsControlCharactersPrintable) {
+  const struct {
+    std::string_view text;
+    size_t first;  // where findControl finds the first control character
+    std::string shown;
+  } cases[] = {{"plain \xEA\xB0\x80", std::string_view::npos, "plain \xEA\xB0\x80"},
+               {"\xC2\xA0\xC2\xB7", std::string_view::npos, "\xC2\xA0\xC2\xB7"},  // U+00A0, U+00B7
+               {"\x1B[2J", 0, "\\x1B[2J"},
+               {std::string_view("a\0b", 3), 1, "a\\x00b"},
+               {"a\nb\tc\rd", 1, "a\\x0Ab\\x09c\\x0Dd"},
+               {"~\x7F", 1, "~\\x7F"},
+               {"x\xC2\x9B"
+                "2J",
+                1, "x\\xC2\\x9B2J"},  // U+009B, the one-character escape
+               {"\xC2\x80\xC2\x9F", 0, "\\xC2\\x80\\xC2\\x9F"},
+               {"\xC2\xA0\xC2\x7F", 3, "\xC2\xA0\xC2\\x7F"}};  // U+00A0 is none, nor C2 before DEL
+  for (const auto& c : cases) {
+    EXPECT_EQ(utf8::findControl(c.text), c.first) << c.shown;
+    EXPECT_EQ(utf8::hasControl(c.text), c.first != std::string_view::npos) << c.shown;
+    EXPECT_EQ(internal::printable(c.text), c.shown);
+  }
+  EXPECT_EQ(internal::printable("two\nlines\x1B", true), "two\nlines\\x1B");
 }
 
 TEST(TextCodec, CodePage949AgreesWithTheCLibraryOnEveryBytePair) {

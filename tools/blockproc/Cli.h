@@ -16,6 +16,7 @@
 
 namespace blockproc::cli {
 
+using internal::printable;
 using internal::withThousands;
 
 enum ExitCode : int { kExitOk = 0, kExitData = 1, kExitUsage = 2 };
@@ -57,6 +58,10 @@ class Output {
  public:
   // Standard output for "" or "-", else the file, created or truncated.
   explicit Output(const std::string& path);
+  // The file `name` of the open directory `dirFd`, created or truncated; `shown` names it in messages. The
+  // name is one component of a path (never "/", "." or ".."), and a symbolic link of that name is refused
+  // rather than followed, so that the file written is in that directory whatever the name holds.
+  Output(int dirFd, const std::string& name, const std::string& shown);
   // Text kept in memory only, for a caller that writes it out elsewhere: spill and finish do nothing.
   Output() = default;
   ~Output();
@@ -105,30 +110,40 @@ class Warnings {
 
 // ---- records as text --------------------------------------------------------------------------------------
 
+// What a field flagged `password` shows instead of its value, whatever its length or bytes.
+constexpr std::string_view kSecretMask = "********";
+
 // One column of a block's records: a field's value, or the attribute byte after it.
 struct Column {
   const FieldInfo* field;
   bool attr;
-  std::string name;  // the field name, "<field>@attr" for the attribute byte
+  std::string name;   // the field name, "<field>@attr" for the attribute byte
+  std::string shown;  // the name as text output shows it (printable)
+  bool masked;        // a password's value, shown as kSecretMask
 };
-std::vector<Column> columnsOf(const KXBlockDataProc& proc);
+// The block's columns; a password field's value is masked unless `showSecrets`.
+std::vector<Column> columnsOf(const KXBlockDataProc& proc, bool showSecrets);
+
+// The members JSON Lines puts ahead of a record's fields: its block's name and its number in the block. They
+// hold '@', which no field name may, so that no field can take their place.
+constexpr std::string_view kJsonlBlockKey = "@block";
+constexpr std::string_view kJsonlRecordKey = "@record";
 
 // How records are rendered.
 struct RenderOptions {
   Format format = Format::Table;
-  bool raw = false;  // the processor's display strings instead of canonical values
+  bool raw = false;          // the processor's display strings instead of canonical values
+  bool showSecrets = false;  // password fields in clear instead of kSecretMask
 };
 
 // Appends the column's value in record `index`: canonical (or the processor's display string when raw),
-// "0x35" for an attribute byte. Returns what kept the value from being plain; `warnings`, when given, is
-// told of it with block, record, field and byte offset.
+// "0x35" for an attribute byte, kSecretMask for a masked column (which never warns). Returns what kept the
+// value from being plain; `warnings`, when given, is told of it with block, record, field and byte offset.
 // `record` is the number messages give the record (record `index` of a piece of a longer block); -1 gives
 // `index`.
 value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
                                int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record = -1);
-// The text with control characters shown as \xNN, so that a value cannot break a table or the terminal.
-std::string printable(std::string_view text);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
 std::string padded(std::string_view text, size_t width, bool right);
 // Appends `text` padded to `width` display columns.
@@ -215,6 +230,7 @@ struct DecodeOptions {
   std::string block;
   std::string outputDir;  // one file per block
   bool raw = false;
+  bool showSecrets = false;
   bool request = false;    // the data is a request: the input blocks
   bool quiet = false;      // no progress line
   int64_t chunkBytes = 0;  // bytes read at a time from a count="rest" block; 0: the default
@@ -230,6 +246,7 @@ struct HexdumpOptions {
   CommonOptions common;
   std::string reply;
   bool request = false;
+  bool showSecrets = false;
 };
 struct RealtimeOptions {
   CommonOptions common;
@@ -237,6 +254,7 @@ struct RealtimeOptions {
   std::string block;
   std::string format = "table";
   bool raw = false;
+  bool showSecrets = false;
   int32_t keep = 0;  // 0: every record of the stream
   bool quiet = false;
   int64_t chunkBytes = 0;

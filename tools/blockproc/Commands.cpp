@@ -1,6 +1,8 @@
 // The inspect, decode and encode subcommands.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -18,7 +20,7 @@ namespace blockproc::cli {
 namespace {
 
 std::string titleLine(const TransactionDefinition& def) {
-  return def.tran.getTrCode() + (def.title.empty() ? "" : " " + printable(def.title)) + "\n";
+  return printable(def.tran.getTrCode()) + (def.title.empty() ? "" : " " + printable(def.title)) + "\n";
 }
 
 std::string listOf(const std::vector<KXBlockDataProc*>& procs) {
@@ -38,7 +40,7 @@ std::string flagsOf(const FieldInfo& f) {
   add(f.bAccountNo, "account");
   add(f.bPassword, "password");
   add(f.bKeyEnc, "keyenc");
-  add(!f.szAttrRefKey.empty(), "attr from " + f.szAttrRefKey);
+  add(!f.szAttrRefKey.empty(), "attr from " + printable(f.szAttrRefKey));
   add(f.bImpliedPoint, "point implied");
   return flags;
 }
@@ -51,13 +53,13 @@ std::string countRule(const BlockInfo& block, int32_t occursLen, bool input) {
       return std::string("the rest of the ") + (input ? "request" : "reply");
     case RCL_BLOCKFIELD_ID:
     default:
-      return "field " + block.m_strRecordLenSubInfo;
+      return "field " + printable(block.m_strRecordLenSubInfo);
   }
 }
 
 std::string blockSummary(const KXBlockDataProc& proc, const TransactionDefinition& def, bool input) {
   const BlockInfo& block = *proc.getBlockInfo();
-  std::string text = block.m_szBlockName + " (" + (input ? "input" : "output") + "): record " +
+  std::string text = printable(block.m_szBlockName) + " (" + (input ? "input" : "output") + "): record " +
                      withThousands(block.getRecordMemSize()) + " bytes";
   if (input) text += ", " + withThousands(block.getRecordFieldSize()) + " sent";
   if (block.isOccursBlock())
@@ -71,7 +73,7 @@ std::string fieldsTable(const BlockInfo& block) {
   std::vector<std::vector<std::string>> rows;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& f = *block.getFieldInfoFromIndex(j);
-    rows.push_back({f.szFieldName, printable(f.szKorFieldName), printable(f.szEngFieldName),
+    rows.push_back({printable(f.szFieldName), printable(f.szKorFieldName), printable(f.szEngFieldName),
                     std::to_string(f.nDataPos), std::to_string(f.nLength), dataTypeName(f.nDataType),
                     std::to_string(f.nDecimalLen),
                     block.carriesAttr(f) ? std::to_string(f.nDataPos + f.nLength) : "", flagsOf(f)});
@@ -174,6 +176,25 @@ std::vector<BlockValues> valuesFrom(const nlohmann::ordered_json& root, const st
     values.push_back(std::move(entry));
   }
   return values;
+}
+
+// decode shows a password field as the mask unless --show-secrets; the mask encoded back would become the
+// password, so it is refused with the way out.
+void refuseMasks(const TransactionProc& proc, const std::vector<BlockValues>& values,
+                 const std::string& file) {
+  for (const BlockValues& block : values) {
+    const KXBlockDataProc* blockProc = proc.findBlockProc(block.block);
+    if (blockProc == nullptr) continue;
+    for (size_t i = 0; i < block.records.size(); ++i)
+      for (const auto& [name, text] : block.records[i].fields) {
+        const FieldInfo* field = blockProc->getBlockInfo()->getFieldInfoFromName(name);
+        if (field == nullptr || !field->bPassword || text != kSecretMask) continue;
+        std::string at = sourceName(file) + ": ";
+        value::appendWhere(at, block.block, static_cast<int64_t>(i), name);
+        throw Failure{kExitData, at + ": is the mask decode shows for a password, not the password; decode "
+                                      "with --show-secrets to keep it"};
+      }
+  }
 }
 
 // Builds the document of a values file with every number that is not a plain integer kept as its text
@@ -313,14 +334,11 @@ class Sinks {
       sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
       return;
     }
-    if (::mkdir(options.outputDir.c_str(), 0777) != 0 && errno != EEXIST)
-      throw Failure{kExitData,
-                    "cannot make the directory '" + options.outputDir + "': " + std::strerror(errno)};
+    openDirectory(options.outputDir, blocks);
     for (const KXBlockDataProc* proc : blocks) {
-      auto& sink =
-          m_sinks.emplace_back(Sink{std::make_unique<Output>(options.outputDir + "/" + proc->getBlockName() +
-                                                             extensionOf(render.format)),
-                                    nullptr});
+      const std::string file = proc->getBlockName() + extensionOf(render.format);
+      auto& sink = m_sinks.emplace_back(
+          Sink{std::make_unique<Output>(m_dir.fd, file, options.outputDir + "/" + file), nullptr});
       sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
     }
   }
@@ -354,6 +372,33 @@ class Sinks {
     std::unique_ptr<Output> out;
     std::unique_ptr<RecordWriter> writer;
   };
+  // Makes the directory if need be and opens it, after checking that every block's name can be a file name
+  // in it, so that no file is written when one cannot be.
+  void openDirectory(const std::string& dir, const std::vector<const KXBlockDataProc*>& blocks) {
+    for (const KXBlockDataProc* proc : blocks)
+      if (const std::string problem = nameProblem(proc->getBlockName()); !problem.empty())
+        throw Failure{kExitUsage, "block name '" + proc->getBlockName() + "' cannot name a file in '" + dir +
+                                      "': it " + problem};
+    if (::mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST)
+      throw Failure{kExitData, "cannot make the directory '" + dir + "': " + std::strerror(errno)};
+    m_dir.fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (m_dir.fd < 0)
+      throw Failure{kExitData, "cannot open the directory '" + dir + "': " + std::strerror(errno)};
+  }
+
+  // The directory of --output-dir, open while its files are written (closed after them, or when a file
+  // cannot be opened).
+  struct Directory {
+    int fd = -1;
+    Directory() = default;
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    ~Directory() {
+      if (fd >= 0) ::close(fd);
+    }
+  };
+
+  Directory m_dir;
   std::vector<const KXBlockDataProc*> m_blocks;
   std::vector<Sink> m_sinks;
 };
@@ -455,7 +500,7 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
 }  // namespace
 
 int runDecode(const DecodeOptions& options) {
-  const RenderOptions render{parseFormat(options.format), options.raw};
+  const RenderOptions render{parseFormat(options.format), options.raw, options.showSecrets};
   const Session session = openSession(options.common, options.reply);
   const std::vector<const KXBlockDataProc*> blocks = chosenBlocks(session, options.block, options.request);
   if (render.format == Format::Csv && blocks.size() > 1 && options.outputDir.empty())
@@ -491,6 +536,7 @@ int runEncode(const EncodeOptions& options) {
   }
   const std::vector<BlockValues> values =
       valuesFrom(document.root, options.values, session.definition->tran.getTrCode());
+  refuseMasks(*session.proc, values, options.values);
   if (!options.reply) {
     for (const BlockValues& v : values) {
       const auto& outputs = session.proc->outputProcs();

@@ -22,7 +22,7 @@ std::string blockNames(const TransactionProc& proc) {
 }  // namespace
 
 int runRealtime(const RealtimeOptions& options) {
-  const RenderOptions render{parseFormat(options.format), options.raw};
+  const RenderOptions render{parseFormat(options.format), options.raw, options.showSecrets};
   const Session session = openSession(options.common, options.stream);
   KXBlockDataProc* proc = session.proc->findBlockProc(options.block);
   if (proc == nullptr)
@@ -44,8 +44,8 @@ int runRealtime(const RealtimeOptions& options) {
 
   Output out("");
   if (render.format == Format::Table)
-    out.text() = block.m_szBlockName + " real-time records, newest first (" + withThousands(shown) + " of " +
-                 withThousands(records) + " in the stream)\n\n";
+    out.text() = printable(block.m_szBlockName) + " real-time records, newest first (" +
+                 withThousands(shown) + " of " + withThousands(records) + " in the stream)\n\n";
   Warnings warnings;
   RecordWriter writer(out, session.definition->tran.getTrCode(), render, warnings);
   writer.beginBlock(*proc, shown);

@@ -35,6 +35,11 @@ void addEncoding(CLI::App& command, CommonOptions& common) {
       "latin1)");
 }
 
+void addShowSecrets(CLI::App& command, bool& showSecrets) {
+  command.add_flag("--show-secrets", showSecrets,
+                   "show fields flagged password as they are, instead of ********");
+}
+
 void addFormat(CLI::App& command, std::string& format, bool& raw) {
   command
       .add_option("--format", format,
@@ -76,6 +81,7 @@ int main(int argc, char** argv) {
   addDefinition(*decodeCmd, decode.common);
   decodeCmd->add_option("REPLY", decode.reply, "reply bytes (- reads standard input)")->required();
   addFormat(*decodeCmd, decode.format, decode.raw);
+  addShowSecrets(*decodeCmd, decode.showSecrets);
   addEncoding(*decodeCmd, decode.common);
   decodeCmd->add_option("--block", decode.block, "show only this block");
   decodeCmd->add_option("--output-dir", decode.outputDir, "write one file per block into this directory");
@@ -103,6 +109,7 @@ int main(int argc, char** argv) {
   hexdumpCmd->add_option("REPLY", hexdump.reply, "reply bytes (- reads standard input)")->required();
   hexdumpCmd->add_flag("--request", hexdump.request, "the data is a request: label its input blocks");
   addEncoding(*hexdumpCmd, hexdump.common);
+  addShowSecrets(*hexdumpCmd, hexdump.showSecrets);
 
   RealtimeOptions realtime;
   CLI::App* realtimeCmd =
@@ -115,6 +122,7 @@ int main(int argc, char** argv) {
   realtimeCmd->add_option("--keep", realtime.keep, "keep only the newest N records (default: all)")
       ->check(CLI::Range(1, 1000000));
   addFormat(*realtimeCmd, realtime.format, realtime.raw);
+  addShowSecrets(*realtimeCmd, realtime.showSecrets);
   addStreaming(*realtimeCmd, realtime.quiet, realtime.chunkBytes, realtime.jobs);
   addEncoding(*realtimeCmd, realtime.common);
 
@@ -132,10 +140,11 @@ int main(int argc, char** argv) {
     if (*realtimeCmd) return runRealtime(realtime);
   } catch (const Failure& failure) {
     std::cout.flush();
-    std::cerr << "blockproc: " << failure.message << "\n";
+    // Messages name blocks, fields and paths from the definition and the command line: shown printable.
+    std::cerr << "blockproc: " << printable(failure.message, true) << "\n";
     return failure.code;
   } catch (const std::exception& e) {
-    std::cerr << "blockproc: " << e.what() << "\n";
+    std::cerr << "blockproc: " << printable(e.what(), true) << "\n";
     return kExitData;
   } catch (...) {
     std::cerr << "blockproc: unexpected failure\n";
