@@ -392,7 +392,6 @@ class Loader {
     return v == "implied";
   }
 
-
   // The rules every name keeps (nameProblem), with the line of the element.
   void checkName(const pugi::xml_node& node, std::string_view kind, std::string_view name) const {
     const std::string problem = nameProblem(name);
