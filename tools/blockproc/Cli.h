@@ -224,7 +224,12 @@ struct EncodeOptions {
   CommonOptions common;
   std::string values;
   std::string output;
+  std::string format = "json";
+  std::string block;    // CSV's block; with stream, the stream's block; else the block of JSON lines without one
   bool reply = false;
+  bool stream = false;  // a real-time stream: the records of `block` back to back
+  bool quiet = false;   // no line naming the fields that took their defaults
+  bool strict = false;  // refuse a record or block that leaves a field out
 };
 struct HexdumpOptions {
   CommonOptions common;

@@ -2,7 +2,7 @@
 //
 //   blockproc inspect DEF                 the layout of every block
 //   blockproc decode DEF REPLY            every field of every record of a reply
-//   blockproc encode DEF VALUES.json      request (or reply) bytes built from values
+//   blockproc encode DEF VALUES           request, reply or stream bytes built from records
 //   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
 //   blockproc realtime DEF STREAM --block NAME   real-time records, newest first
 //
@@ -83,17 +83,31 @@ int main(int argc, char** argv) {
   addStreaming(*decodeCmd, decode.quiet, decode.chunkBytes, decode.jobs);
 
   EncodeOptions encode;
-  CLI::App* encodeCmd = app.add_subcommand("encode", "build request bytes from field values in JSON");
+  CLI::App* encodeCmd = app.add_subcommand(
+      "encode", "build request, reply or real-time stream bytes from records in any form decode writes");
   addDefinition(*encodeCmd, encode.common);
   encodeCmd
       ->add_option("VALUES", encode.values,
-                   "JSON: per block an object of field values, or a list of them for a repeated block "
-                   "(- reads standard input)")
+                   "the records (- reads standard input); JSON: per block an object of field values, or a "
+                   "list of them for a repeated block")
       ->required();
+  encodeCmd
+      ->add_option("--format", encode.format,
+                   "input format: json (decode's document, or a values file), jsonl (a JSON object per "
+                   "record), csv (a header of field names, a row per record of one block) or long "
+                   "(block,record,field,value)")
+      ->check(CLI::IsMember({"json", "jsonl", "csv", "long"}))
+      ->capture_default_str();
+  encodeCmd->add_option("--block", encode.block,
+                        "the block of CSV rows, of JSON lines without a block key, or of --stream");
   encodeCmd->add_option("-o,--output", encode.output,
                         "write the bytes to this file instead of standard output");
   encodeCmd->add_flag("--reply", encode.reply,
                       "build reply bytes from output blocks (decode's JSON) instead");
+  encodeCmd->add_flag("--stream", encode.stream,
+                      "build a real-time stream: the records of --block back to back, in the order given");
+  encodeCmd->add_flag("-q,--quiet", encode.quiet, "no line naming the fields that took their defaults");
+  encodeCmd->add_flag("--strict", encode.strict, "refuse records and blocks that leave a field out");
   addEncoding(*encodeCmd, encode.common);
 
   HexdumpOptions hexdump;
