@@ -47,6 +47,7 @@ class Encoder {
                                       listOf(m_tran.inputProcs()) + ", " + listOf(m_tran.outputProcs())};
       m_blocks.push_back(blockState(proc));
       m_blocks.back().streams = true;
+      m_headWritten = true;  // a stream is its records alone
       return;
     }
     const auto& side = m_input ? m_tran.inputProcs() : m_tran.outputProcs();
@@ -145,7 +146,7 @@ class Encoder {
     if (found == nullptr) refuse(r, notHere(r.block));
     if (found->given)
       refuse(r, "block " + r.block + " is given again; a block's records must stand together");
-    if (m_headWritten)
+    if (m_headWritten && !m_options.stream)
       refuse(r, "block " + r.block + " follows the records of block " + m_current->proc->getBlockName() +
                     ", which take the rest of the data; give it first");
     found->given = true;

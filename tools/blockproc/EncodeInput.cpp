@@ -154,6 +154,7 @@ class JsonLexer {
       while (n < held.size() && held[n] != '"' && held[n] != '\\' && static_cast<uint8_t>(held[n]) >= 0x20) ++n;
       out.append(held.data(), n);
       m_src.skip(n);
+      if (n == held.size() && m_src.refill()) continue;
       const int c = m_src.peek();
       if (c < 0) fail("the input ends inside a string");
       if (c < 0x20) fail("a control character stands unescaped inside a string");
@@ -487,6 +488,7 @@ class CsvRows {
       while (k < held.size() && held[k] != '"' && held[k] != '\n') ++k;
       cell.append(held.data(), k);
       m_src.skip(k);
+      if (k == held.size() && m_src.refill()) continue;
       const int c = m_src.peek();
       if (c < 0) refuse(m_src.name(), line, "the input ends inside a quoted cell");
       m_src.take();

@@ -120,7 +120,7 @@ int main(int argc, char** argv) {
 
   RealtimeOptions realtime;
   CLI::App* realtimeCmd =
-      app.add_subcommand("realtime", "feed a stream of real-time records, show newest first");
+      app.add_subcommand("realtime", "feed a stream of real-time records, show newest first or as they arrive");
   addDefinition(*realtimeCmd, realtime.common);
   realtimeCmd
       ->add_option("STREAM", realtime.stream, "real-time records back to back (- reads standard input)")
@@ -128,6 +128,15 @@ int main(int argc, char** argv) {
   realtimeCmd->add_option("--block", realtime.block, "the block whose records the stream holds")->required();
   realtimeCmd->add_option("--keep", realtime.keep, "keep only the newest N records (default: all)")
       ->check(CLI::Range(1, 1000000));
+  CLI::Option* order =
+      realtimeCmd
+          ->add_option("--order", realtime.order,
+                       "newest (newest first, as the processor keeps them) or arrival (in the order received)")
+          ->check(CLI::IsMember({"newest", "arrival"}))
+          ->capture_default_str();
+  realtimeCmd->add_flag("-f,--follow", realtime.follow,
+                        "show each record as soon as it is whole, from a pipe or a file still being written, "
+                        "until the feed closes or Ctrl-C (records in the order received)");
   addFormat(*realtimeCmd, realtime.format, realtime.raw);
   addStreaming(*realtimeCmd, realtime.quiet, realtime.chunkBytes, realtime.jobs);
   addEncoding(*realtimeCmd, realtime.common);
@@ -143,7 +152,10 @@ int main(int argc, char** argv) {
     if (*decodeCmd) return runDecode(decode);
     if (*encodeCmd) return runEncode(encode);
     if (*hexdumpCmd) return runHexdump(hexdump);
-    if (*realtimeCmd) return runRealtime(realtime);
+    if (*realtimeCmd) {
+      realtime.orderGiven = order->count() > 0;
+      return runRealtime(realtime);
+    }
   } catch (const Failure& failure) {
     std::cout.flush();
     std::cerr << "blockproc: " << failure.message << "\n";
