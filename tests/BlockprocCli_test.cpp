@@ -130,12 +130,15 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "no output block named 'InBlock'; the reply has OutBlock, OutBlock1\n"},
       {kDecode + " --encoding klingon", "", 2,
        "unknown encoding 'klingon'; use cp949, euc-kr, utf-8, ascii or latin1\n"},
-      {encodeIn, "{\"InBlock\": ", 1, "standard input, line 1: not valid JSON: the input ends before the value of 'InBlock'\n"},
+      {encodeIn, "{\"InBlock\": ", 1,
+       "standard input, line 1: not valid JSON: the input ends before the value of 'InBlock'\n"},
       {encodeIn, R"({"InBlock": {"shcode": "1234567"}})", 1,
-       "standard input, line 1: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field holds 6 "
+       "standard input, line 1: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field "
+       "holds 6 "
        "bytes\n"},
       {encodeIn, R"({"OutBlock": {}})", 1,
-       "standard input, line 1: OutBlock is an output block; give --reply to build a reply, or name input blocks\n"},
+       "standard input, line 1: OutBlock is an output block; give --reply to build a reply, or name input "
+       "blocks\n"},
       {encodeIn, R"({"InBlock": [1]})", 1,
        "standard input, line 1: block InBlock, record 0 must be an object of field values\n"},
       {encodeIn, R"({"InBlock": [{}, {"shcode": true}]})", 1,
@@ -226,7 +229,8 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
     const Outcome built = run("encode '" + def + "' - --reply", values);
     if (c.decoded.starts_with("field")) {
       EXPECT_EQ(built.code, 1) << values;
-      EXPECT_EQ(built.err, "blockproc: standard input, line 1: block Out, record 0, " + c.decoded + "\n") << values;
+      EXPECT_EQ(built.err, "blockproc: standard input, line 1: block Out, record 0, " + c.decoded + "\n")
+          << values;
       continue;
     }
     ASSERT_EQ(built.code, 0) << values << built.err;

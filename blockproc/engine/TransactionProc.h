@@ -116,8 +116,8 @@ class TransactionProc : public BaseDataProc {
   // after another, as a real-time stream holds them. Messages number the record `record`. Returns "" when
   // the record was appended, else why the values were refused (block, record, field and reason), `out`
   // then unchanged. A count field is written only when the values give it.
-  std::string appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values, int64_t record,
-                           bool input) noexcept;
+  std::string appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
+                           int64_t record, bool input) noexcept;
 
  private:
   struct Side;

@@ -233,11 +233,13 @@ struct EncodeOptions {
   std::string values;
   std::string output;
   std::string format = "json";
-  std::string block;    // CSV's block; with stream, the stream's block; else the block of JSON lines without one
+  std::string
+      block;  // CSV's block; with stream, the stream's block; else the block of JSON lines without one
   bool reply = false;
-  bool stream = false;  // a real-time stream: the records of `block` back to back
-  bool quiet = false;   // no line naming the fields that took their defaults
-  bool strict = false;  // refuse a record or block that leaves a field out
+  bool stream = false;     // a real-time stream: the records of `block` back to back
+  bool quiet = false;      // no line naming the fields that took their defaults
+  bool strict = false;     // refuse a record or block that leaves a field out
+  int64_t chunkBytes = 0;  // bytes of input read at a time; 0: the default
 };
 struct HexdumpOptions {
   CommonOptions common;
@@ -250,7 +252,7 @@ struct RealtimeOptions {
   std::string block;
   std::string format = "table";
   bool raw = false;
-  int32_t keep = 0;  // 0: every record of the stream
+  int32_t keep = 0;              // 0: every record of the stream
   std::string order = "newest";  // or "arrival": the records in the order they were received
   bool orderGiven = false;       // --order was given
   bool follow = false;           // print each record as it arrives, until the feed closes or Ctrl-C

@@ -38,8 +38,12 @@ std::vector<const FieldInfo*> countFields(const TransactionProc& proc) {
 class Encoder {
  public:
   Encoder(const Session& session, const EncodeOptions& options, Output& out, std::string source)
-      : m_tran(*session.proc), m_options(options), m_out(out), m_source(std::move(source)),
-        m_input(!options.reply && !options.stream), m_counts(countFields(m_tran)) {
+      : m_tran(*session.proc),
+        m_options(options),
+        m_out(out),
+        m_source(std::move(source)),
+        m_input(!options.reply && !options.stream),
+        m_counts(countFields(m_tran)) {
     if (options.stream) {
       KXBlockDataProc* proc = m_tran.findBlockProc(options.block);
       if (proc == nullptr)
@@ -65,7 +69,8 @@ class Encoder {
     const int64_t number = b.records;
     if (r.record >= 0 && r.record != number)
       refuse(r, "block " + b.proc->getBlockName() + ": record " + std::to_string(r.record) +
-                    " stands where record " + std::to_string(number) + " belongs; give a block's records in order");
+                    " stands where record " + std::to_string(number) +
+                    " belongs; give a block's records in order");
     checkCount(r, b, number);
     markGiven(r, b, number);
     if (b.streams) {
@@ -106,11 +111,13 @@ class Encoder {
       std::string names;
       for (size_t j = 0; j < b.leftOut.size(); ++j)
         if (b.leftOut[j])
-          names += (names.empty() ? "" : ", ") + printable(b.proc->getBlockInfo()->getFieldInfoFromIndex(
-                                                                   static_cast<int32_t>(j))->szFieldName);
+          names +=
+              (names.empty() ? "" : ", ") +
+              printable(b.proc->getBlockInfo()->getFieldInfoFromIndex(static_cast<int32_t>(j))->szFieldName);
       if (names.empty()) continue;
       text += "blockproc: block " + printable(b.proc->getBlockName()) + ": defaults for " + names;
-      if (b.records > 1) text += " (in " + withThousands(b.defaulted) + " of " + withThousands(b.records) + " records)";
+      if (b.records > 1)
+        text += " (in " + withThousands(b.defaulted) + " of " + withThousands(b.records) + " records)";
       text += "\n";
     }
     return text;
@@ -119,16 +126,17 @@ class Encoder {
  private:
   struct Block {
     KXBlockDataProc* proc;
-    BlockValues held;              // records held until the head is written
-    std::vector<bool> leftOut;     // per field: left out of some record
-    std::vector<int64_t> stamp;    // per field: the last record (counted over the input) that gave it
+    BlockValues held;            // records held until the head is written
+    std::vector<bool> leftOut;   // per field: left out of some record
+    std::vector<int64_t> stamp;  // per field: the last record (counted over the input) that gave it
     int64_t records = 0, defaulted = 0;
     bool given = false, streams = false;
   };
 
   Block blockState(KXBlockDataProc* proc) {
     const auto fields = static_cast<size_t>(proc->getBlockInfo()->getFieldCount());
-    return Block{proc, BlockValues{proc->getBlockName(), {}}, std::vector<bool>(fields), std::vector<int64_t>(fields, -1)};
+    return Block{proc, BlockValues{proc->getBlockName(), {}}, std::vector<bool>(fields),
+                 std::vector<int64_t>(fields, -1)};
   }
 
   [[noreturn]] void refuse(const InputRecord& r, const std::string& why) const {
@@ -170,12 +178,11 @@ class Encoder {
     if (b.streams && m_options.stream) return;
     const BlockInfo& block = *b.proc->getBlockInfo();
     if (!block.isOccursBlock() && number >= 1)
-      refuse(r, "block " + block.m_szBlockName +
-                    " holds one record; give --stream --block " + block.m_szBlockName +
-                    " to build a real-time stream of its records");
+      refuse(r, "block " + block.m_szBlockName + " holds one record; give --stream --block " +
+                    block.m_szBlockName + " to build a real-time stream of its records");
     if (block.isOccursBlock() && number >= block.m_nRepeatCount)
-      refuse(r, "block " + block.m_szBlockName + " holds at most " + internal::counted(block.m_nRepeatCount, "record") +
-                    " (its repeat)");
+      refuse(r, "block " + block.m_szBlockName + " holds at most " +
+                    internal::counted(block.m_nRepeatCount, "record") + " (its repeat)");
   }
 
   // Notes the fields the record gives, refusing a field given twice or, with --strict, one left out.
@@ -183,24 +190,26 @@ class Encoder {
     ++m_seen;
     for (const auto& [name, value] : r.values.fields) {
       const FieldInfo* f = b.proc->findFieldInfo(name);
-      if (f == nullptr) refuse(r, "block " + b.proc->getBlockName() + " has no field '" + printable(name) + "'");
+      if (f == nullptr)
+        refuse(r, "block " + b.proc->getBlockName() + " has no field '" + printable(name) + "'");
       auto& stamp = b.stamp[static_cast<size_t>(f->nIndex)];
       if (stamp == m_seen) refuse(r, "'" + printable(name) + "' is given twice in one record");
       stamp = m_seen;
     }
     std::string missing;
+    bool any = false;
     for (size_t j = 0; j < b.stamp.size(); ++j) {
       if (b.stamp[j] == m_seen) continue;
       const FieldInfo* f = b.proc->getBlockInfo()->getFieldInfoFromIndex(static_cast<int32_t>(j));
       if (std::find(m_counts.begin(), m_counts.end(), f) != m_counts.end() || f->getKeyEncState()) continue;
-      if (!b.leftOut[j] || m_options.strict) missing += (missing.empty() ? "" : ", ") + printable(f->szFieldName);
-      b.leftOut[j] = true;
+      if (m_options.strict) missing += (missing.empty() ? "" : ", ") + printable(f->szFieldName);
+      b.leftOut[j] = any = true;
     }
-    if (missing.empty()) return;
+    if (!any) return;
     ++b.defaulted;
     if (m_options.strict)
-      refuse(r, "block " + b.proc->getBlockName() + ", record " + std::to_string(number) + " leaves out " + missing +
-                    ", and --strict takes no defaults");
+      refuse(r, "block " + b.proc->getBlockName() + ", record " + std::to_string(number) + " leaves out " +
+                    missing + ", and --strict takes no defaults");
   }
 
   // The held blocks, built as a whole (a rest block that has not started takes no record).
@@ -248,7 +257,9 @@ int runEncode(const EncodeOptions& options) {
   const Session session = openSession(options.common, options.values);
   const std::string block = format == Format::Csv ? csvBlock(session, options) : options.block;
   InputStream in(options.values);
-  const auto reader = makeRecordReader(format, in, block, session.definition->tran.getTrCode(), options.block);
+  ReaderOptions read{block, session.definition->tran.getTrCode(), options.block};
+  if (options.chunkBytes > 0) read.chunk = static_cast<size_t>(options.chunkBytes);
+  const auto reader = makeRecordReader(format, in, read);
   Output out(options.output);
   Encoder encoder(session, options, out, in.name());
   InputRecord record;

@@ -17,7 +17,7 @@ bool ByteSource::refill() {
   m_buf.erase(0, m_pos);
   m_pos = 0;
   if (m_in.atEnd()) return !m_buf.empty();
-  m_in.read(m_buf, size_t{1} << 20);
+  m_in.read(m_buf, m_chunk);
   return !m_buf.empty();
 }
 
@@ -30,10 +30,15 @@ constexpr std::string_view kHexSuffix = "@hex";
   throw Failure{kExitData, source + ", line " + std::to_string(line) + ": " + why};
 }
 
+// "block B, record 3, field f", less the parts not known yet (a JSON line may give its block last; its
+// number is counted later).
 std::string whereOf(const std::string& block, int64_t record, std::string_view field) {
-  std::string at;
-  value::appendWhere(at, block, record, field);
-  return at;
+  if (record >= 0 && !block.empty()) {
+    std::string at;
+    value::appendWhere(at, block, record, field);
+    return at;
+  }
+  return (block.empty() ? "" : "block " + block + ", ") + "field " + std::string(field);
 }
 
 // Decimal digits, or one or two hexadecimal ones behind "0x": the value when it is a byte (0 to 255), else
@@ -48,15 +53,15 @@ int byteFromText(std::string_view text) {
 
 // Puts one value of the record in place: an attribute byte under "<field>@attr", else a field's value.
 // `number` says the value was a JSON number (an attribute byte is then decimal digits only).
-void addValue(InputRecord& r, const ByteSource& src, std::string_view key, std::string_view text, bool number) {
+void addValue(InputRecord& r, const ByteSource& src, std::string_view key, std::string_view text,
+              bool number) {
   if (key.ends_with(kHexSuffix))
     refuse(src.name(), r.line,
            whereOf(r.block, r.record, key) +
                ": decode shows bytes that are not text this way; they cannot be encoded back");
   if (key.size() > kAttrSuffix.size() && key.ends_with(kAttrSuffix)) {
-    const int byte = number && text.find_first_not_of("0123456789") != std::string_view::npos
-                         ? -1
-                         : byteFromText(text);
+    const int byte =
+        number && text.find_first_not_of("0123456789") != std::string_view::npos ? -1 : byteFromText(text);
     if (byte < 0)
       refuse(src.name(), r.line,
              whereOf(r.block, r.record, key) +
@@ -92,7 +97,18 @@ void endRecord(InputRecord& r) {
 // The tokens of JSON text read from a byte source. Strings come back decoded to UTF-8, numbers as their text.
 class JsonLexer {
  public:
-  enum class Token { End, BeginObject, EndObject, BeginArray, EndArray, Colon, Comma, String, Number, Literal };
+  enum class Token {
+    End,
+    BeginObject,
+    EndObject,
+    BeginArray,
+    EndArray,
+    Colon,
+    Comma,
+    String,
+    Number,
+    Literal
+  };
 
   explicit JsonLexer(ByteSource& src) : m_src(src) {}
 
@@ -133,7 +149,9 @@ class JsonLexer {
   // The line the last token started on.
   int64_t line() const noexcept { return m_line; }
   const ByteSource& source() const noexcept { return m_src; }
-  [[noreturn]] void fail(const std::string& why) const { refuse(m_src.name(), m_line, "not valid JSON: " + why); }
+  [[noreturn]] void fail(const std::string& why) const {
+    refuse(m_src.name(), m_line, "not valid JSON: " + why);
+  }
 
  private:
   Token single(Token t) {
@@ -142,7 +160,8 @@ class JsonLexer {
   }
 
   void skipSpace() {
-    for (int c = m_src.peek(); c == ' ' || c == '\n' || c == '\r' || c == '\t'; c = m_src.peek()) m_src.take();
+    for (int c = m_src.peek(); c == ' ' || c == '\n' || c == '\r' || c == '\t'; c = m_src.peek())
+      m_src.take();
   }
 
   // A string's contents after its opening quote: runs of plain bytes copied at once, escapes decoded.
@@ -151,7 +170,8 @@ class JsonLexer {
     for (;;) {
       const std::string_view held = m_src.held();
       size_t n = 0;
-      while (n < held.size() && held[n] != '"' && held[n] != '\\' && static_cast<uint8_t>(held[n]) >= 0x20) ++n;
+      while (n < held.size() && held[n] != '"' && held[n] != '\\' && static_cast<uint8_t>(held[n]) >= 0x20)
+        ++n;
       out.append(held.data(), n);
       m_src.skip(n);
       if (n == held.size() && m_src.refill()) continue;
@@ -207,8 +227,8 @@ class JsonLexer {
   // -? (0 | [1-9][0-9]*) (. [0-9]+)? ([eE] [+-]? [0-9]+)?
   void readNumber(std::string& out) {
     out.clear();
-    for (int c = m_src.peek(); c >= 0 && (std::isdigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' ||
-                                          c == 'E');
+    for (int c = m_src.peek();
+         c >= 0 && (std::isdigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E');
          c = m_src.peek()) {
       out += static_cast<char>(c);
       m_src.take();
@@ -278,7 +298,7 @@ void readMembers(JsonLexer& lex, InputRecord& r, bool keys, std::string& key, st
           t == Token::EndArray)
         lex.fail("a value must follow '" + key + "':");
       refuse(lex.source().name(), lex.line(),
-             whereOf(r.block, r.record < 0 ? 0 : r.record, key) + ": must be a string, a number or null");
+             whereOf(r.block, r.record, key) + ": must be a string, a number or null");
     }
     t = lex.next(text);
     if (t == Token::EndObject) return;
@@ -290,7 +310,8 @@ void readMembers(JsonLexer& lex, InputRecord& r, bool keys, std::string& key, st
 // One JSON object per record, each naming its block (unless a default block stands in) and its number.
 class JsonLinesReader : public RecordReader {
  public:
-  JsonLinesReader(InputStream& in, std::string defaultBlock) : m_src(in), m_lex(m_src), m_default(defaultBlock) {}
+  JsonLinesReader(InputStream& in, const ReaderOptions& o)
+      : m_src(in, o.chunk), m_lex(m_src), m_default(o.defaultBlock) {}
 
   bool next(InputRecord& r) override {
     const Token t = m_lex.next(m_text);
@@ -318,7 +339,8 @@ class JsonLinesReader : public RecordReader {
 // a block an object (one record) or a list of them, read a record at a time.
 class JsonDocumentReader : public RecordReader {
  public:
-  JsonDocumentReader(InputStream& in, std::string code) : m_src(in), m_lex(m_src), m_code(std::move(code)) {}
+  JsonDocumentReader(InputStream& in, const ReaderOptions& o)
+      : m_src(in, o.chunk), m_lex(m_src), m_code(o.code) {}
 
   bool next(InputRecord& r) override {
     for (;;) {
@@ -346,8 +368,10 @@ class JsonDocumentReader : public RecordReader {
   bool nextMember(InputRecord& r) {
     if (m_state == State::Done) return false;
     Token t = m_lex.next(m_text);
-    if (!m_first && t == Token::Comma) t = m_lex.next(m_text);
-    else if (!m_first && t != Token::EndObject) m_lex.fail("',' or '}' must follow a member");
+    if (!m_first && t == Token::Comma)
+      t = m_lex.next(m_text);
+    else if (!m_first && t != Token::EndObject)
+      m_lex.fail("',' or '}' must follow a member");
     m_first = false;
     if (t == Token::EndObject) return closeObject();
     if (t == Token::End) m_lex.fail("the input ends inside the document");
@@ -360,8 +384,8 @@ class JsonDocumentReader : public RecordReader {
     if (m_state == State::Top && m_name == "code") {
       if (t != Token::String || m_text != m_code)
         refuse(m_src.name(), line,
-               "\"code\" is " + (t == Token::String ? "\"" + m_text + "\"" : m_text) + "; the definition is for " +
-                   m_code);
+               "\"code\" is " + (t == Token::String ? "\"" + m_text + "\"" : m_text) +
+                   "; the definition is for " + m_code);
       return true;
     }
     if (m_state == State::Top && m_name == "blocks") {
@@ -403,7 +427,8 @@ class JsonDocumentReader : public RecordReader {
       return true;
     }
     if (t != Token::BeginArray)
-      refuse(m_src.name(), line, "block " + m_name + " must be an object (one record) or a list of objects (records)");
+      refuse(m_src.name(), line,
+             "block " + m_name + " must be an object (one record) or a list of objects (records)");
     m_parent = m_state;
     m_state = State::List;
     m_index = 0;
@@ -413,8 +438,10 @@ class JsonDocumentReader : public RecordReader {
   // The next record of an open list into `r`: false when the list closed.
   bool nextInList(InputRecord& r) {
     Token t = m_lex.next(m_text);
-    if (m_index > 0 && t == Token::Comma) t = m_lex.next(m_text);
-    else if (m_index > 0 && t != Token::EndArray) m_lex.fail("',' or ']' must follow a record");
+    if (m_index > 0 && t == Token::Comma)
+      t = m_lex.next(m_text);
+    else if (m_index > 0 && t != Token::EndArray)
+      m_lex.fail("',' or ']' must follow a record");
     if (t == Token::End) m_lex.fail("the input ends inside the list of block " + m_name);
     if (t == Token::EndArray) {
       m_state = m_parent;
@@ -424,8 +451,9 @@ class JsonDocumentReader : public RecordReader {
     r.block = m_name;
     r.record = m_index++;
     if (t != Token::BeginObject)
-      refuse(m_src.name(), r.line,
-             "block " + r.block + ", record " + std::to_string(r.record) + " must be an object of field values");
+      refuse(
+          m_src.name(), r.line,
+          "block " + r.block + ", record " + std::to_string(r.record) + " must be an object of field values");
     readMembers(m_lex, r, false, m_key, m_text);
     endRecord(r);
     return true;
@@ -524,9 +552,11 @@ class CsvRows {
 // A header of field names, then a record of one block per row.
 class CsvReader : public RecordReader {
  public:
-  CsvReader(InputStream& in, std::string block) : m_src(in), m_rows(m_src), m_block(std::move(block)) {
+  CsvReader(InputStream& in, const ReaderOptions& o)
+      : m_src(in, o.chunk), m_rows(m_src), m_block(o.csvBlock) {
     int64_t line = 1;
-    if (!m_rows.next(m_header, m_columns, line)) refuse(m_src.name(), 1, "the input is empty; a header row of field names must come first");
+    if (!m_rows.next(m_header, m_columns, line))
+      refuse(m_src.name(), 1, "the input is empty; a header row of field names must come first");
     m_header.resize(m_columns);
   }
 
@@ -537,8 +567,9 @@ class CsvReader : public RecordReader {
     r.block = m_block;
     r.record = m_record++;
     if (m_count != m_columns)
-      refuse(m_src.name(), line,
-             "the row has " + std::to_string(m_count) + " cells; the header has " + std::to_string(m_columns));
+      refuse(
+          m_src.name(), line,
+          "the row has " + std::to_string(m_count) + " cells; the header has " + std::to_string(m_columns));
     for (size_t k = 0; k < m_columns; ++k) addValue(r, m_src, m_header[k], m_cells[k], false);
     endRecord(r);
     return true;
@@ -556,7 +587,7 @@ class CsvReader : public RecordReader {
 // block,record,field,value rows; the rows of one record stand together.
 class LongReader : public RecordReader {
  public:
-  explicit LongReader(InputStream& in) : m_src(in), m_rows(m_src) {
+  LongReader(InputStream& in, const ReaderOptions& o) : m_src(in, o.chunk), m_rows(m_src) {
     int64_t line = 1;
     size_t n = 0;
     if (!m_rows.next(m_cells, n, line) || n != 4 || m_cells[0] != "block" || m_cells[1] != "record" ||
@@ -582,7 +613,8 @@ class LongReader : public RecordReader {
   bool read() {
     size_t n = 0;
     if (!m_rows.next(m_cells, n, m_line)) return false;
-    if (n != 4) refuse(m_src.name(), m_line, "the row has " + std::to_string(n) + " cells; the long form has 4");
+    if (n != 4)
+      refuse(m_src.name(), m_line, "the row has " + std::to_string(n) + " cells; the long form has 4");
     const num::WholeInt record = num::parseWholeDigits(m_cells[1], 0, INT64_MAX);
     if (!record.isNumber || record.clamped)
       refuse(m_src.name(), m_line, "'" + m_cells[1] + "' is not a record number");
@@ -599,19 +631,18 @@ class LongReader : public RecordReader {
 
 }  // namespace
 
-std::unique_ptr<RecordReader> makeRecordReader(Format format, InputStream& in, const std::string& csvBlock,
-                                               const std::string& code, const std::string& defaultBlock) {
+std::unique_ptr<RecordReader> makeRecordReader(Format format, InputStream& in, const ReaderOptions& options) {
   switch (format) {
     case Format::Csv:
-      return std::make_unique<CsvReader>(in, csvBlock);
+      return std::make_unique<CsvReader>(in, options);
     case Format::Jsonl:
-      return std::make_unique<JsonLinesReader>(in, defaultBlock);
+      return std::make_unique<JsonLinesReader>(in, options);
     case Format::Long:
-      return std::make_unique<LongReader>(in);
+      return std::make_unique<LongReader>(in, options);
     case Format::Json:
     case Format::Table:
     default:
-      return std::make_unique<JsonDocumentReader>(in, code);
+      return std::make_unique<JsonDocumentReader>(in, options);
   }
 }
 

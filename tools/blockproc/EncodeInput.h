@@ -20,18 +20,19 @@ inline constexpr std::string_view kRecord = "record";
 
 // One record as the input gives it.
 struct InputRecord {
-  std::string block;       // the block's name
-  int64_t record = -1;     // the record number the input gives, or -1 when it gives none
-  int64_t line = 0;        // the input line the record starts on
-  RecordValues values;     // fields in the order given; a JSON null is the empty value
-  size_t fieldCount = 0;   // values.fields[0 .. fieldCount) are this record's (the rest are kept for reuse)
-  size_t attrCount = 0;    // likewise values.attrs
+  std::string block;      // the block's name
+  int64_t record = -1;    // the record number the input gives, or -1 when it gives none
+  int64_t line = 0;       // the input line the record starts on
+  RecordValues values;    // fields in the order given; a JSON null is the empty value
+  size_t fieldCount = 0;  // values.fields[0 .. fieldCount) are this record's (the rest are kept for reuse)
+  size_t attrCount = 0;   // likewise values.attrs
 };
 
 // Bytes of an input held a piece at a time, with the line the reader stands on.
 class ByteSource {
  public:
-  explicit ByteSource(InputStream& in) : m_in(in) {}
+  // Reads `chunk` bytes at a time.
+  ByteSource(InputStream& in, size_t chunk) : m_in(in), m_chunk(chunk) {}
   // The next byte without taking it, or -1 at the end of the input.
   int peek() {
     if (m_pos < m_buf.size()) return static_cast<uint8_t>(m_buf[m_pos]);
@@ -52,6 +53,7 @@ class ByteSource {
 
  private:
   InputStream& m_in;
+  size_t m_chunk;
   std::string m_buf;
   size_t m_pos = 0;
   int64_t m_line = 1;
@@ -66,9 +68,15 @@ class RecordReader {
   virtual bool next(InputRecord& record) = 0;
 };
 
-// The reader of `format` (not Table). CSV rows are records of `csvBlock`; a JSON document's "code", when it
-// has one, must be `code`; JSON Lines records without a block key belong to `defaultBlock` ("" refuses them).
-std::unique_ptr<RecordReader> makeRecordReader(Format format, InputStream& in, const std::string& csvBlock,
-                                               const std::string& code, const std::string& defaultBlock);
+// What a reader is told besides its input.
+struct ReaderOptions {
+  std::string csvBlock;            // the block of CSV rows
+  std::string code;                // the transaction code a JSON document's "code", when it has one, must be
+  std::string defaultBlock;        // the block of JSON lines without a block key ("" refuses them)
+  size_t chunk = size_t{1} << 20;  // bytes read at a time
+};
+
+// The reader of `format` (not Table).
+std::unique_ptr<RecordReader> makeRecordReader(Format format, InputStream& in, const ReaderOptions& options);
 
 }  // namespace blockproc::cli

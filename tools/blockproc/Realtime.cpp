@@ -49,7 +49,8 @@ class InterruptCatcher {
   InterruptCatcher& operator=(const InterruptCatcher&) = delete;
 
  private:
-  struct sigaction m_int {}, m_term {};
+  struct sigaction m_int {
+  }, m_term{};
 };
 
 std::string notWhole(const InputStream& in, int64_t size, int64_t recordSize, const std::string& block) {

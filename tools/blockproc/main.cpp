@@ -108,6 +108,10 @@ int main(int argc, char** argv) {
                       "build a real-time stream: the records of --block back to back, in the order given");
   encodeCmd->add_flag("-q,--quiet", encode.quiet, "no line naming the fields that took their defaults");
   encodeCmd->add_flag("--strict", encode.strict, "refuse records and blocks that leave a field out");
+  // Tests read a small input in many pieces with it; hidden from the help.
+  encodeCmd->add_option("--chunk-bytes", encode.chunkBytes)
+      ->check(CLI::Range(int64_t{1}, int64_t{1} << 30))
+      ->group("");
   addEncoding(*encodeCmd, encode.common);
 
   HexdumpOptions hexdump;
@@ -119,8 +123,8 @@ int main(int argc, char** argv) {
   addEncoding(*hexdumpCmd, hexdump.common);
 
   RealtimeOptions realtime;
-  CLI::App* realtimeCmd =
-      app.add_subcommand("realtime", "feed a stream of real-time records, show newest first or as they arrive");
+  CLI::App* realtimeCmd = app.add_subcommand(
+      "realtime", "feed a stream of real-time records, show newest first or as they arrive");
   addDefinition(*realtimeCmd, realtime.common);
   realtimeCmd
       ->add_option("STREAM", realtime.stream, "real-time records back to back (- reads standard input)")
@@ -130,8 +134,9 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(1, 1000000));
   CLI::Option* order =
       realtimeCmd
-          ->add_option("--order", realtime.order,
-                       "newest (newest first, as the processor keeps them) or arrival (in the order received)")
+          ->add_option(
+              "--order", realtime.order,
+              "newest (newest first, as the processor keeps them) or arrival (in the order received)")
           ->check(CLI::IsMember({"newest", "arrival"}))
           ->capture_default_str();
   realtimeCmd->add_flag("-f,--follow", realtime.follow,
