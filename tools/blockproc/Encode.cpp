@@ -63,9 +63,10 @@ class Encoder {
   }
 
   // Checks the record and writes it, or holds it until the blocks ahead of the rest block are written.
-  void add(const InputRecord& r) {
+  void add(InputRecord& r) {
     if (m_current == nullptr || r.block != m_current->proc->getBlockName()) switchTo(r);
     Block& b = *m_current;
+    dropNulls(r, b);
     const int64_t number = b.records;
     if (r.record >= 0 && r.record != number)
       refuse(r, "block " + b.proc->getBlockName() + ": record " + std::to_string(r.record) +
@@ -183,6 +184,22 @@ class Encoder {
     if (block.isOccursBlock() && number >= block.m_nRepeatCount)
       refuse(r, "block " + block.m_szBlockName + " holds at most " +
                     internal::counted(block.m_nRepeatCount, "record") + " (its repeat)");
+  }
+
+  // A JSON null is no value: a text or number field is left blank, as decode shows a blank number; a binary
+  // field, which has no blank, is left out and takes its default.
+  static void dropNulls(InputRecord& r, const Block& b) {
+    auto& fields = r.values.fields;
+    size_t kept = 0;
+    for (size_t k = 0; k < fields.size(); ++k) {
+      const FieldInfo* f = r.nulls[k] ? b.proc->findFieldInfo(fields[k].first) : nullptr;
+      if (f != nullptr && f->nDataType != kFieldText && f->nDataType != kFieldNumText) continue;
+      if (kept != k) fields[kept].swap(fields[k]);
+      ++kept;
+    }
+    fields.resize(kept);
+    r.nulls.resize(kept);
+    r.fieldCount = kept;
   }
 
   // Notes the fields the record gives, refusing a field given twice or, with --strict, one left out.

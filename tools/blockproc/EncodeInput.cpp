@@ -52,9 +52,10 @@ int byteFromText(std::string_view text) {
 }
 
 // Puts one value of the record in place: an attribute byte under "<field>@attr", else a field's value.
-// `number` says the value was a JSON number (an attribute byte is then decimal digits only).
-void addValue(InputRecord& r, const ByteSource& src, std::string_view key, std::string_view text,
-              bool number) {
+// `number` says the value was a JSON number (an attribute byte is then decimal digits only), `null` a JSON
+// null.
+void addValue(InputRecord& r, const ByteSource& src, std::string_view key, std::string_view text, bool number,
+              bool null = false) {
   if (key.ends_with(kHexSuffix))
     refuse(src.name(), r.line,
            whereOf(r.block, r.record, key) +
@@ -73,6 +74,8 @@ void addValue(InputRecord& r, const ByteSource& src, std::string_view key, std::
     return;
   }
   if (r.fieldCount == r.values.fields.size()) r.values.fields.emplace_back();
+  if (r.nulls.size() <= r.fieldCount) r.nulls.resize(r.fieldCount + 1);
+  r.nulls[r.fieldCount] = null;
   auto& slot = r.values.fields[r.fieldCount++];
   slot.first.assign(key);
   slot.second.assign(text);
@@ -89,6 +92,7 @@ void beginRecord(InputRecord& r, int64_t line) {
 // Drops the values left over from a longer record before.
 void endRecord(InputRecord& r) {
   r.values.fields.resize(r.fieldCount);
+  r.nulls.resize(r.fieldCount);
   r.values.attrs.resize(r.attrCount);
 }
 
@@ -292,7 +296,7 @@ void readMembers(JsonLexer& lex, InputRecord& r, bool keys, std::string& key, st
       r.record = n.value;
     } else if (value) {
       addValue(r, lex.source(), key, t == Token::Literal ? std::string_view() : std::string_view(text),
-               t == Token::Number);
+               t == Token::Number, t == Token::Literal);
     } else {
       if (t == Token::End || t == Token::Comma || t == Token::Colon || t == Token::EndObject ||
           t == Token::EndArray)

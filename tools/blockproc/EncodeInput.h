@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Cli.h"
 
@@ -20,12 +21,13 @@ inline constexpr std::string_view kRecord = "record";
 
 // One record as the input gives it.
 struct InputRecord {
-  std::string block;      // the block's name
-  int64_t record = -1;    // the record number the input gives, or -1 when it gives none
-  int64_t line = 0;       // the input line the record starts on
-  RecordValues values;    // fields in the order given; a JSON null is the empty value
-  size_t fieldCount = 0;  // values.fields[0 .. fieldCount) are this record's (the rest are kept for reuse)
-  size_t attrCount = 0;   // likewise values.attrs
+  std::string block;        // the block's name
+  int64_t record = -1;      // the record number the input gives, or -1 when it gives none
+  int64_t line = 0;         // the input line the record starts on
+  RecordValues values;      // fields in the order given; a JSON null is the empty value
+  std::vector<bool> nulls;  // per field of `values`: it was a JSON null
+  size_t fieldCount = 0;    // values.fields[0 .. fieldCount) are this record's (the rest are kept for reuse)
+  size_t attrCount = 0;     // likewise values.attrs
 };
 
 // Bytes of an input held a piece at a time, with the line the reader stands on.
