@@ -250,9 +250,10 @@ TEST(BlockprocEncode, SaysWhichFieldsTookTheirDefaults) {
        "blockproc: block In: defaults for qty\nblockproc: block InRows: defaults for k (in 2 of 3 "
        "records)\n"},
       {" --quiet", "{}", 0, ""},
-      // null leaves a number or text field blank; a binary field, which has no blank, takes its default.
+      // null leaves a number or text field blank; a binary field, which has no blank, takes its default (n
+      // counts block Counted: it is filled with the count).
       {" --reply", R"({"Head": {"name": null, "px": null, "n": null, "d": null}})", 0,
-       "blockproc: block Head: defaults for n, d\n"},
+       "blockproc: block Head: defaults for d\n"},
       {" --strict", R"({"In": {"code": "A", "qty": 1}, "InRows": [{"k": "1"}]})", 0, ""},
       {" --strict", R"({"In": {"code": "A"}})", 1,
        "blockproc: standard input, line 1: block In, record 0 leaves out qty, and --strict takes no "
