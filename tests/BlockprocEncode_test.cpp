@@ -230,6 +230,10 @@ TEST(BlockprocEncode, NamesTheLineOfWhatItRefuses) {
        "no block named 'Nope'; the definition has In, InRows, Head, Prefixed, Counted, Rest"},
       {"encode " + def + " - --stream", "",
        "--stream builds the records of one block; name it with --block"}};
+  // A refused input leaves no half-built file behind.
+  const std::string built = tempPath("half.bin");
+  EXPECT_EQ(run(rest + " -o '" + built + "'", "w,f\nab,1\nabcdefgh,2\n").code, 1);
+  EXPECT_NE(::access(built.c_str(), F_OK), 0);
   for (const auto& c : cases) {
     const Outcome r = run(c.args, c.input);
     EXPECT_NE(r.code, 0) << c.args << "\n" << c.input;

@@ -6,6 +6,9 @@
 // count prefixes need all of their records), then written; the rest block's records, and every record of a
 // stream, are written as they come, so that a capture of any size is built in constant memory.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "Cli.h"
@@ -274,6 +277,16 @@ int runEncode(const EncodeOptions& options) {
   const Session session = openSession(options.common, options.values);
   const std::string block = format == Format::Csv ? csvBlock(session, options) : options.block;
   InputStream in(options.values);
+  // A refused input leaves no half-built file behind (a device, such as /dev/null, is left alone).
+  struct RemoveUnlessDone {
+    const std::string& path;
+    bool done = false;
+    ~RemoveUnlessDone() {
+      struct stat info {};
+      if (!done && !path.empty() && path != "-" && ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+        ::unlink(path.c_str());
+    }
+  } cleanup{options.output};
   ReaderOptions read{block, session.definition->tran.getTrCode(), options.block};
   if (options.chunkBytes > 0) read.chunk = static_cast<size_t>(options.chunkBytes);
   const auto reader = makeRecordReader(format, in, read);
@@ -283,6 +296,7 @@ int runEncode(const EncodeOptions& options) {
   while (reader->next(record)) encoder.add(record);
   encoder.finish();
   out.finish();
+  cleanup.done = true;
   if (!options.quiet) {
     const std::string report = encoder.defaultsReport();
     if (!report.empty()) writeAll(2, report, "standard error");
