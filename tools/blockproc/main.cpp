@@ -4,7 +4,7 @@
 //   blockproc decode DEF REPLY            every field of every record of a reply
 //   blockproc encode DEF VALUES           request, reply or stream bytes built from records
 //   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
-//   blockproc realtime DEF STREAM --block NAME   real-time records, newest first
+//   blockproc realtime DEF STREAM --block NAME   real-time records, newest first (or as they arrive)
 //
 // Exit codes: 0 success, 1 data errors, 2 usage or definition errors.
 
@@ -103,7 +103,7 @@ int main(int argc, char** argv) {
   encodeCmd->add_option("-o,--output", encode.output,
                         "write the bytes to this file instead of standard output");
   encodeCmd->add_flag("--reply", encode.reply,
-                      "build reply bytes from output blocks (decode's JSON) instead");
+                      "build reply bytes from the output blocks instead of a request");
   encodeCmd->add_flag("--stream", encode.stream,
                       "build a real-time stream: the records of --block back to back, in the order given");
   encodeCmd->add_flag("-q,--quiet", encode.quiet, "no line naming the fields that took their defaults");
