@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "blockproc/codec/TextCodec.h"
+#include "blockproc/engine/FieldCodec.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/parser/TBXML.h"
 #include "blockproc/util/Internal.h"
@@ -109,6 +110,7 @@ TransactionProc::~TransactionProc() = default;
 
 void TransactionProc::setEncodingType(uint32_t encoding) noexcept {
   m_encoding = encoding;
+  m_plans.clear();  // the encoders were made for the old encoding
   for (const auto& proc : m_blockDPList) proc->setEncodingType(encoding);
 }
 
@@ -497,10 +499,139 @@ void appendLaidOutRecords(std::string& out, KXBlockDataProc& proc, const BlockVa
 
 }  // namespace
 
+// ---- records built straight into output bytes ------------------------------------------------------------
+
+// What building a block's records needs, worked out once per block: its record of defaults, with every
+// binary field 0 (a binary field the values leave out holds 0: its laid-out default, spaces, is no number),
+// and one encoder per field. Each record starts as the defaults, then each value's encoder writes the
+// field's bytes in place, so no processor holds the records and nothing is read back. A block with a field
+// or attribute byte outside its record is built through its processor instead (`direct` false).
+struct TransactionProc::RecordPlan {
+  std::string defaults;
+  std::unordered_map<const FieldInfo*, value::FieldEncoder> encoders;
+  std::vector<std::pair<const FieldInfo*, std::string>> zeroRefusals;  // binary fields that refuse the 0
+  std::vector<const FieldInfo*> fields;  // the fields of the record being written, in the values' order
+  std::vector<uint8_t> given;            // by field index: whether the values give the field
+  std::string record;                    // a request's record before it is packed
+  bool direct = false;
+
+  const FieldInfo& fieldOf(const KXBlockDataProc& proc, const std::string& name) const {
+    const FieldInfo* field = proc.findFieldInfo(name);
+    if (field == nullptr) throw Refusal{"block " + proc.getBlockName() + " has no field '" + name + "'"};
+    return *field;
+  }
+
+  void put(const KXBlockDataProc& proc, uint8_t* rec, const FieldInfo& field, int64_t number,
+           std::string_view text) {
+    auto it = encoders.find(&field);
+    if (it == encoders.end()) it = encoders.try_emplace(&field, field, proc.getEncodingType()).first;
+    std::string why;
+    if (!it->second.encode(text, rec + field.nDataPos, why))
+      throw Refusal{placeOf(proc, number, field.szFieldName) + ": " + why};
+  }
+
+  // Writes the values of record `number` into `rec`, which holds the defaults, in the order the processor
+  // would: the fields named, a refused 0 of a binary field left out, the values, the blanks, the attributes.
+  void write(const KXBlockDataProc& proc, uint8_t* rec, const RecordValues& values, int64_t number,
+             bool zeroBinary) {
+    fields.clear();
+    std::fill(given.begin(), given.end(), uint8_t{0});
+    for (const auto& [name, text] : values.fields) {
+      const FieldInfo& field = fieldOf(proc, name);
+      fields.push_back(&field);
+      if (field.nIndex >= 0 && static_cast<size_t>(field.nIndex) < given.size())
+        given[static_cast<size_t>(field.nIndex)] = 1;
+    }
+    if (zeroBinary)
+      for (const auto& [field, why] : zeroRefusals)
+        if (given[static_cast<size_t>(field->nIndex)] == 0)
+          throw Refusal{placeOf(proc, number, field->szFieldName) + ": " + why};
+    for (size_t k = 0; k < fields.size(); ++k) put(proc, rec, *fields[k], number, values.fields[k].second);
+    for (const std::string& name : values.nulls) {
+      const FieldInfo& field = fieldOf(proc, name);
+      if (!isBinary(field)) put(proc, rec, field, number, "");
+    }
+    for (const auto& [name, attr] : values.attrs) {
+      const FieldInfo& field = fieldOf(proc, name);
+      if (!proc.getBlockInfo()->carriesAttr(field))
+        throw Refusal{placeOf(proc, number, name) + " carries no attribute byte"};
+      rec[field.nDataPos + field.nLength] = attr;
+    }
+  }
+
+  // Appends the record's sent fields back to back, as the send packing takes them.
+  static void pack(const BlockInfo& block, const std::string& rec, std::string& out) {
+    for (int32_t j = 0; j < block.getFieldCount(); ++j) {
+      const FieldInfo& f = *block.getFieldInfoFromIndex(j);
+      if (f.nLength > 0) out.append(rec, static_cast<size_t>(f.nDataPos), static_cast<size_t>(f.nLength));
+    }
+  }
+
+  void appendSent(std::string& out, const KXBlockDataProc& proc, const RecordValues& values, int64_t number,
+                  const RecordValues* countFields) {
+    record = defaults;
+    write(proc, bytesOf(record), values, number, true);
+    if (countFields != nullptr) write(proc, bytesOf(record), *countFields, 0, false);
+    pack(*proc.getBlockInfo(), record, out);
+  }
+
+  // Appends `count` records, record 0 also taking `countFields`.
+  void appendLaidOut(std::string& out, const KXBlockDataProc& proc, const BlockValues* values, int64_t count,
+                     const RecordValues* countFields) {
+    const auto size = defaults.size();
+    if (count > 0 && static_cast<int64_t>(size) > kInt32Max / count)
+      throw Refusal{"block " + proc.getBlockName() + " cannot hold that many records"};
+    const size_t start = out.size();
+    out.reserve(start + size * static_cast<size_t>(count));
+    for (int64_t i = 0; i < count; ++i) {
+      out += defaults;
+      write(proc, bytesOf(out) + start + static_cast<size_t>(i) * size, recordValues(values, i), i, true);
+    }
+    if (count > 0 && countFields != nullptr) write(proc, bytesOf(out) + start, *countFields, 0, false);
+  }
+
+  static uint8_t* bytesOf(std::string& text) { return reinterpret_cast<uint8_t*>(text.data()); }
+};
+
+TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
+  std::unique_ptr<RecordPlan>& slot = m_plans[&proc];
+  if (slot) return *slot;
+  slot = std::make_unique<RecordPlan>();
+  RecordPlan& plan = *slot;
+  const BlockInfo& block = *proc.getBlockInfo();
+  const int64_t size = block.getRecordMemSize();
+  layOutDefaults(proc, 1);
+  if (size <= 0 || size > proc.getBlockBuffSize() || proc.getData() == nullptr) return plan;
+  plan.defaults.assign(reinterpret_cast<const char*>(proc.getData()), static_cast<size_t>(size));
+  for (int32_t j = 0; j < block.getFieldCount(); ++j) {
+    const FieldInfo& f = *block.getFieldInfoFromIndex(j);
+    const int64_t end = int64_t{f.nDataPos} + f.nLength + (block.carriesAttr(f) ? 1 : 0);
+    if (f.nIndex != j || f.nDataPos < 0 || f.nLength < 0 || end > size) return plan;
+    value::FieldEncoder& encoder = plan.encoders.try_emplace(&f, f, proc.getEncodingType()).first->second;
+    std::string why;
+    if (isBinary(f) && !f.getKeyEncState() &&
+        !encoder.encode("0", RecordPlan::bytesOf(plan.defaults) + f.nDataPos, why))
+      plan.zeroRefusals.emplace_back(&f, why);
+  }
+  plan.given.resize(static_cast<size_t>(block.getFieldCount()));
+  plan.direct = true;
+  return plan;
+}
+
 std::string TransactionProc::appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
                                           int64_t record, bool input) noexcept {
   const size_t size = out.size();
   try {
+    RecordPlan& plan = planFor(proc);
+    if (plan.direct) {
+      if (input) {
+        plan.appendSent(out, proc, values, record, nullptr);
+      } else {
+        out += plan.defaults;
+        plan.write(proc, RecordPlan::bytesOf(out) + size, values, record, true);
+      }
+      return {};
+    }
     layOutDefaults(proc, 1);
     writeRecord(proc, values, 0, record, true);
     if (input) {
@@ -540,10 +671,17 @@ TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValue
                       " (its repeat); " + withThousands(e.count) + " were given"};
       if (block.isOccursBlock() && block.m_nRecordLenApplyType == RCL_OCCURSLEN)
         out += countPrefix(block.m_szBlockName, e.count, m_definition.tran.m_nOccursLen);
-      if (input)
+      RecordPlan& plan = planFor(*e.proc);
+      if (plan.direct && input) {
+        for (int64_t i = 0; i < e.count; ++i)
+          plan.appendSent(out, *e.proc, recordValues(e.values, i), i, i == 0 ? &e.extra : nullptr);
+      } else if (plan.direct) {
+        plan.appendLaidOut(out, *e.proc, e.values, e.count, &e.extra);
+      } else if (input) {
         appendSentRecords(out, *e.proc, e.values, e.count, e.extra);
-      else
+      } else {
         appendLaidOutRecords(out, *e.proc, e.values, e.count, e.extra);
+      }
     }
     result.bytes = std::move(out);
     result.ok = true;

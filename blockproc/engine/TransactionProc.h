@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -106,8 +107,9 @@ class TransactionProc : public BaseDataProc {
   // The request: for every input block in order, its count prefix when it has one, then each record's
   // fields back to back (getStructInputData). A block the values leave out sends one record of defaults
   // (no record when it is repeated). A count field left out is filled with its block's record count. Every
-  // value goes through value::prepareValue and is read back after the write: one the field cannot hold
-  // exactly is refused with block, record, field and reason. A repeated block takes at most its repeat.
+  // value goes through its field's encoder (value::FieldEncoder, the rules of value::prepareValue), which
+  // writes it straight into the output bytes: one the field cannot hold exactly is refused with block,
+  // record, field and reason. A repeated block takes at most its repeat.
   BuildResult buildRequest(const std::vector<BlockValues>& values) noexcept;
   // The reply that receiveReply would split into these values: for every output block in order, its count
   // prefix when it has one, then its records as laid out in memory (attribute bytes included).
@@ -125,6 +127,9 @@ class TransactionProc : public BaseDataProc {
  private:
   struct Side;
   struct Receiver;
+  struct RecordPlan;
+  // The plan for building the block's records straight into output bytes, made on first use.
+  RecordPlan& planFor(KXBlockDataProc& proc);
   BuildResult build(const std::vector<BlockValues>& values, bool input) noexcept;
   ReplyResult receive(const void* data, int64_t size, bool input, bool complete) noexcept;
 
@@ -133,6 +138,7 @@ class TransactionProc : public BaseDataProc {
   std::vector<std::unique_ptr<KXBlockDataProc>> m_blockDPList;  // every block, in definition order
   std::vector<KXBlockDataProc*> m_InblockDPList, m_OutblockDPList;
   std::map<std::string, KXBlockDataProc*, std::less<>> m_blockDPMap;
+  std::unordered_map<const KXBlockDataProc*, std::unique_ptr<RecordPlan>> m_plans;
 };
 
 }  // namespace blockproc

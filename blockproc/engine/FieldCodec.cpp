@@ -1,0 +1,327 @@
+// Encoding a caller's value into a field's bytes, once per field type, without a processor.
+
+#include "blockproc/engine/FieldCodec.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <system_error>
+
+#include "blockproc/codec/TextCodec.h"
+#include "blockproc/engine/FieldValue.h"
+#include "blockproc/util/Internal.h"
+#include "blockproc/util/NumberFormat.h"
+#include "blockproc/util/NumberParse.h"
+#include "blockproc/util/NumericText.h"
+
+namespace blockproc::value {
+
+namespace {
+
+using internal::kSpace;
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool isAscii(std::string_view text) {
+  for (char c : text)
+    if (static_cast<uint8_t>(c) >= 0x80) return false;
+  return true;
+}
+
+std::string_view trimSpaces(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
+}
+
+// A plain decimal: an optional '-', digits with at most one point, at least one digit; the integer without
+// its leading zeros, the fraction without its trailing ones, and no sign on zero.
+struct Plain {
+  bool negative = false;
+  std::string_view integer, fraction;
+};
+
+bool parsePlain(std::string_view text, Plain& p) {
+  size_t i = 0;
+  p.negative = !text.empty() && text[0] == '-';
+  if (p.negative) ++i;
+  const size_t intFrom = i;
+  while (i < text.size() && isDigit(text[i])) ++i;
+  p.integer = text.substr(intFrom, i - intFrom);
+  p.fraction = {};
+  if (i < text.size() && text[i] == '.') {
+    const size_t fracFrom = ++i;
+    while (i < text.size() && isDigit(text[i])) ++i;
+    p.fraction = text.substr(fracFrom, i - fracFrom);
+  }
+  if (i != text.size() || p.integer.size() + p.fraction.size() == 0) return false;
+  while (!p.integer.empty() && p.integer.front() == '0') p.integer.remove_prefix(1);
+  while (!p.fraction.empty() && p.fraction.back() == '0') p.fraction.remove_suffix(1);
+  if (p.integer.empty() && p.fraction.empty()) p.negative = false;
+  return true;
+}
+
+bool samePlain(const Plain& a, const Plain& b) {
+  return a.negative == b.negative && a.integer == b.integer && a.fraction == b.fraction;
+}
+
+// Copies `text` at `at` and gives the end.
+uint8_t* put(uint8_t* at, std::string_view text) {
+  if (!text.empty()) std::memcpy(at, text.data(), text.size());
+  return at + text.size();
+}
+
+// The processor's binary writer: the value read as the type, little-endian, cut to the field's length.
+void writeBinary(uint8_t* field, int32_t length, int32_t type, std::string_view value) {
+  uint8_t bytes[8];
+  size_t width = 0;
+  if (type == kFieldInt16) {
+    const auto v = static_cast<uint16_t>(static_cast<uint32_t>(num::parseInt32(value)));
+    std::memcpy(bytes, &v, width = 2);
+  } else if (type == kFieldInt64) {
+    const int64_t v = num::parseInt64(value);
+    std::memcpy(bytes, &v, width = 8);
+  } else if (type == kFieldFloat) {
+    const float v = num::narrowToFloat(num::parseLeadingDouble(value));
+    std::memcpy(bytes, &v, width = 4);
+  } else {
+    const double v = num::parseLeadingDouble(value);
+    std::memcpy(bytes, &v, width = 8);
+  }
+  static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
+  if (length > 0) std::memcpy(field, bytes, std::min(width, static_cast<size_t>(length)));
+}
+
+// The processor's main writer for a prepared value written as `type`: the field blanked, then the value's
+// bytes laid out as the type lays them out (nothing when the encoding cannot take them).
+void layOut(const FieldInfo& field, int32_t type, const PreparedValue& prepared, uint32_t encoding,
+            uint8_t* out) {
+  const int32_t length = std::max(field.nLength, 0);
+  std::memset(out, kSpace, static_cast<size_t>(length));
+  if (prepared.blank || length == 0) return;
+  std::string bytes;
+  if (!codec::encodeAppend(encoding, prepared.write, bytes)) return;
+  switch (type) {
+    case kFieldText:
+      std::memcpy(out, bytes.data(), std::min(bytes.size(), static_cast<size_t>(length)));
+      return;
+    case kFieldNumText:
+      num::layoutNumericText(out, length, field.nDecimalLen, prepared.write, bytes);
+      return;
+    case kFieldInt16:
+    case kFieldInt64:
+    case kFieldFloat:
+    case kFieldDouble:
+      writeBinary(out, length, type, prepared.write);
+      return;
+    default:
+      num::layoutDigitText(out, length, bytes);
+      return;
+  }
+}
+
+}  // namespace
+
+FieldEncoder::FieldEncoder(const FieldInfo& field, uint32_t encoding) noexcept
+    : m_field(&field), m_encoding(encoding), m_length(std::max(field.nLength, 0)) {
+  if (field.getKeyEncState() || !codec::isKnownEncoding(encoding)) return;
+  const int32_t places = field.nDecimalLen;
+  switch (field.nDataType) {
+    case kFieldText:
+    case kFieldNumText:
+      if (valueKind(field) == ValueKind::Text) {
+        m_kind = Kind::Text;
+      } else if (places >= 0 && (places == 0 || field.nLength > places)) {
+        // A number field whose length leaves room for its places; the others read back otherwise.
+        m_kind = Kind::Number;
+        m_places = places;
+      }
+      return;
+    case kFieldInt16:
+      if (m_length >= 2) m_kind = Kind::Integer;
+      return;
+    case kFieldInt64:
+    case kFieldSInt64:
+      if (m_length >= 8) m_kind = Kind::Integer;
+      return;
+    case kFieldFloat:
+      if (m_length >= 4 && places >= 0) m_kind = Kind::Float;
+      m_places = places;
+      return;
+    case kFieldDouble:
+      if (m_length >= 8 && places >= 0) m_kind = Kind::Double;
+      return;
+    default:
+      return;
+  }
+}
+
+bool FieldEncoder::encode(std::string_view value, uint8_t* out, std::string& why) {
+  bool done = false;
+  switch (m_kind) {
+    case Kind::Text:
+      done = encodeText(value, out);
+      break;
+    case Kind::Number:
+      done = encodeNumber(value, out);
+      break;
+    case Kind::Integer:
+      done = encodeInteger(value, out);
+      break;
+    case Kind::Float:
+      done = encodeFloat<float>(value, out);
+      break;
+    case Kind::Double:
+      done = encodeFloat<double>(value, out);
+      break;
+    case Kind::Reference:
+    default:
+      break;
+  }
+  return done || encodeReference(value, out, why);
+}
+
+bool FieldEncoder::encodeReference(std::string_view value, uint8_t* out, std::string& why) {
+  const FieldInfo& field = *m_field;
+  PreparedValue prepared;
+  if (!prepareValue(field, value, m_encoding, prepared, why)) return false;
+  layOut(field, prepared.writeType < 0 ? field.nDataType : prepared.writeType, prepared, m_encoding, out);
+  std::string back;
+  appendValue(back, field,
+              std::string_view(reinterpret_cast<const char*>(out), static_cast<size_t>(m_length)), m_encoding,
+              BadByteStyle::Escaped);
+  if (back == prepared.expected) return true;
+  why = "'";
+  why += value;
+  why += "' would read back as '" + back + "'";
+  return false;
+}
+
+// Text: the value's bytes in the encoding, then spaces. A value that ends in a space or a NUL, or is longer
+// than the field, goes the reference way (to be refused); one not in ASCII is read back before it is taken.
+bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
+  if (!value.empty() && (value.back() == ' ' || value.back() == '\0')) return false;
+  std::string_view bytes = value;
+  if (!isAscii(value)) {
+    m_scratch.clear();
+    if (!codec::encodeAppend(m_encoding, value, m_scratch)) return false;
+    m_back.clear();
+    if (!codec::decodeAppend(m_encoding, internal::trimTrailing(m_scratch), m_back) || m_back != value)
+      return false;
+    bytes = m_scratch;
+  }
+  if (bytes.size() > static_cast<size_t>(m_length)) return false;
+  std::memset(put(out, bytes), kSpace, m_length - bytes.size());
+  return true;
+}
+
+// A number: a blank value leaves the field spaces; a plain decimal with no more places than the field's is
+// written with its point (a sign, zero fill, the digits, the point and exactly the field's places, or the
+// same left-aligned in a text field), or without a point when the field's point is implied or the point
+// leaves no room (a sign, zero fill, then every digit, the last `places` of them the fraction). Other forms
+// go the reference way.
+bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
+  const std::string_view text = trimSpaces(value);
+  if (text.empty()) {
+    std::memset(out, kSpace, static_cast<size_t>(m_length));
+    return true;
+  }
+  Plain p;
+  if (!parsePlain(text, p) || p.fraction.size() > static_cast<size_t>(m_places)) return false;
+  const auto places = static_cast<int64_t>(m_places), length = static_cast<int64_t>(m_length);
+  const int64_t sign = p.negative ? 1 : 0, digits = static_cast<int64_t>(p.integer.size());
+  const bool pointWritten = !(m_field->bImpliedPoint && places > 0);
+  const int64_t withPoint = (places > 0 ? length - places - 1 : length) - sign;
+  const int64_t implied = length - places - sign;
+  const auto zeros = [](uint8_t* at, int64_t n) {
+    std::memset(at, '0', static_cast<size_t>(n));
+    return at + n;
+  };
+  uint8_t* at = out;
+  if (pointWritten && std::max<int64_t>(digits, 1) <= withPoint) {
+    const int64_t used = sign + std::max<int64_t>(digits, 1) + (places > 0 ? places + 1 : 0);
+    const bool leftAligned = m_field->nDataType == kFieldText;  // spaces after
+    if (p.negative) *at++ = '-';
+    if (!leftAligned) at = zeros(at, length - used);
+    at = digits == 0 ? zeros(at, 1) : put(at, p.integer);
+    if (places > 0) {
+      *at++ = '.';
+      at = zeros(put(at, p.fraction), places - static_cast<int64_t>(p.fraction.size()));
+    }
+    if (leftAligned) std::memset(at, kSpace, static_cast<size_t>(length - used));
+    return true;
+  }
+  if (places > 0 && digits <= implied) {
+    if (p.negative) *at++ = '-';
+    at = put(zeros(at, implied - digits), p.integer);
+    zeros(put(at, p.fraction), places - static_cast<int64_t>(p.fraction.size()));
+    return true;
+  }
+  return false;
+}
+
+// A whole number in range: its binary form, then spaces to the field's end.
+bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
+  const std::string_view text = trimSpaces(value);
+  const size_t from = !text.empty() && text[0] == '-' ? 1 : 0;
+  if (text.size() <= from || text.size() - from > 18) return false;
+  for (size_t i = from; i < text.size(); ++i)
+    if (!isDigit(text[i])) return false;
+  int64_t v = 0;
+  if (std::from_chars(text.data(), text.data() + text.size(), v).ec != std::errc()) return false;
+  std::memset(out, kSpace, static_cast<size_t>(m_length));
+  if (m_field->nDataType == kFieldInt16) {
+    if (v < -32768 || v > 32767) return false;
+    const auto narrow = static_cast<int16_t>(v);
+    std::memcpy(out, &narrow, sizeof narrow);
+  } else {
+    std::memcpy(out, &v, sizeof v);
+  }
+  return true;
+}
+
+// A float or a double: a plain decimal (a float's moved left by its places) whose nearest binary value's
+// shortest text is the same number; other forms, exact values that are not the shortest, and refusals go
+// the reference way.
+template <typename Float>
+bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
+  const std::string_view text = trimSpaces(value);
+  Plain p;
+  if (text.size() > 64 || !parsePlain(text, p)) return false;
+  // The value times 10^places, as plain digits: the point moved right, zeros added.
+  char scaled[160];
+  char* at = scaled;
+  if (p.negative) *at++ = '-';
+  const auto moved = std::min(p.fraction.size(), static_cast<size_t>(m_places));
+  at = std::copy(p.integer.begin(), p.integer.end(), at);
+  at = std::copy(p.fraction.begin(), p.fraction.begin() + static_cast<std::ptrdiff_t>(moved), at);
+  at = std::fill_n(at, static_cast<size_t>(m_places) - moved, '0');
+  if (at == scaled + (p.negative ? 1 : 0)) *at++ = '0';
+  if (moved < p.fraction.size()) {
+    *at++ = '.';
+    at = std::copy(p.fraction.begin() + static_cast<std::ptrdiff_t>(moved), p.fraction.end(), at);
+  }
+  Plain want;
+  if (at - scaled > 150 || !parsePlain(std::string_view(scaled, static_cast<size_t>(at - scaled)), want))
+    return false;
+  Float stored = 0;
+  const auto parsed = std::from_chars(scaled, at, stored);
+  if (parsed.ec != std::errc() || parsed.ptr != at || !std::isfinite(stored)) return false;
+  if (stored == 0) stored = 0;  // no negative zero: "-0" is zero
+  char shortest[400];
+  const auto end = std::to_chars(shortest, shortest + sizeof shortest, stored, std::chars_format::fixed);
+  Plain got;
+  if (end.ec != std::errc() ||
+      !parsePlain(std::string_view(shortest, static_cast<size_t>(end.ptr - shortest)), got) ||
+      !samePlain(got, want))
+    return false;
+  std::memset(out, kSpace, static_cast<size_t>(m_length));
+  std::memcpy(out, &stored, sizeof stored);
+  return true;
+}
+
+}  // namespace blockproc::value
