@@ -510,9 +510,16 @@ struct TransactionProc::RecordPlan {
   std::string defaults;
   std::unordered_map<const FieldInfo*, value::FieldEncoder> encoders;
   std::vector<std::pair<const FieldInfo*, std::string>> zeroRefusals;  // binary fields that refuse the 0
-  std::vector<const FieldInfo*> fields;  // the fields of the record being written, in the values' order
-  std::vector<uint8_t> given;            // by field index: whether the values give the field
-  std::string record;                    // a request's record before it is packed
+  // The field and encoder of the k-th value of the last record: records written from the same columns
+  // find theirs without a lookup.
+  struct Slot {
+    std::string name;
+    const FieldInfo* field = nullptr;
+    value::FieldEncoder* encoder = nullptr;
+  };
+  std::vector<Slot> byPosition;
+  std::vector<uint8_t> given;  // by field index: whether the values give the field
+  std::string record;          // a request's record before it is packed
   bool direct = false;
 
   const FieldInfo& fieldOf(const KXBlockDataProc& proc, const std::string& name) const {
@@ -521,12 +528,23 @@ struct TransactionProc::RecordPlan {
     return *field;
   }
 
-  void put(const KXBlockDataProc& proc, uint8_t* rec, const FieldInfo& field, int64_t number,
-           std::string_view text) {
-    auto it = encoders.find(&field);
-    if (it == encoders.end()) it = encoders.try_emplace(&field, field, proc.getEncodingType()).first;
+  value::FieldEncoder& encoderOf(const KXBlockDataProc& proc, const FieldInfo& field) {
+    return encoders.try_emplace(&field, field, proc.getEncodingType()).first->second;
+  }
+
+  const Slot& slotOf(const KXBlockDataProc& proc, size_t k, const std::string& name) {
+    if (k < byPosition.size() && byPosition[k].name == name) return byPosition[k];
+    const FieldInfo& field = fieldOf(proc, name);
+    if (k >= byPosition.size()) byPosition.resize(k + 1);
+    byPosition[k] = {name, &field, &encoderOf(proc, field)};
+    return byPosition[k];
+  }
+
+  static void put(const KXBlockDataProc& proc, uint8_t* rec, value::FieldEncoder& encoder, int64_t number,
+                  std::string_view text) {
     std::string why;
-    if (!it->second.encode(text, rec + field.nDataPos, why))
+    const FieldInfo& field = encoder.field();
+    if (!encoder.encode(text, rec + field.nDataPos, why))
       throw Refusal{placeOf(proc, number, field.szFieldName) + ": " + why};
   }
 
@@ -534,11 +552,9 @@ struct TransactionProc::RecordPlan {
   // would: the fields named, a refused 0 of a binary field left out, the values, the blanks, the attributes.
   void write(const KXBlockDataProc& proc, uint8_t* rec, const RecordValues& values, int64_t number,
              bool zeroBinary) {
-    fields.clear();
     std::fill(given.begin(), given.end(), uint8_t{0});
-    for (const auto& [name, text] : values.fields) {
-      const FieldInfo& field = fieldOf(proc, name);
-      fields.push_back(&field);
+    for (size_t k = 0; k < values.fields.size(); ++k) {
+      const FieldInfo& field = *slotOf(proc, k, values.fields[k].first).field;
       if (field.nIndex >= 0 && static_cast<size_t>(field.nIndex) < given.size())
         given[static_cast<size_t>(field.nIndex)] = 1;
     }
@@ -546,10 +562,11 @@ struct TransactionProc::RecordPlan {
       for (const auto& [field, why] : zeroRefusals)
         if (given[static_cast<size_t>(field->nIndex)] == 0)
           throw Refusal{placeOf(proc, number, field->szFieldName) + ": " + why};
-    for (size_t k = 0; k < fields.size(); ++k) put(proc, rec, *fields[k], number, values.fields[k].second);
+    for (size_t k = 0; k < values.fields.size(); ++k)
+      put(proc, rec, *byPosition[k].encoder, number, values.fields[k].second);
     for (const std::string& name : values.nulls) {
       const FieldInfo& field = fieldOf(proc, name);
-      if (!isBinary(field)) put(proc, rec, field, number, "");
+      if (!isBinary(field)) put(proc, rec, encoderOf(proc, field), number, "");
     }
     for (const auto& [name, attr] : values.attrs) {
       const FieldInfo& field = fieldOf(proc, name);
@@ -607,7 +624,7 @@ TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
     const FieldInfo& f = *block.getFieldInfoFromIndex(j);
     const int64_t end = int64_t{f.nDataPos} + f.nLength + (block.carriesAttr(f) ? 1 : 0);
     if (f.nIndex != j || f.nDataPos < 0 || f.nLength < 0 || end > size) return plan;
-    value::FieldEncoder& encoder = plan.encoders.try_emplace(&f, f, proc.getEncodingType()).first->second;
+    value::FieldEncoder& encoder = plan.encoderOf(proc, f);
     std::string why;
     if (isBinary(f) && !f.getKeyEncState() &&
         !encoder.encode("0", RecordPlan::bytesOf(plan.defaults) + f.nDataPos, why))

@@ -135,7 +135,18 @@ class Encoder {
     std::vector<int64_t> stamp;  // per field: the last record (counted over the input) that gave it
     int64_t records = 0, defaulted = 0;
     bool given = false, streams = false;
+    // The field of the k-th value of the last record: rows of the same columns find theirs at once.
+    std::vector<std::pair<std::string, const FieldInfo*>> byPosition = {};
   };
+
+  static const FieldInfo* fieldAt(Block& b, size_t k, const std::string& name) {
+    if (k < b.byPosition.size() && b.byPosition[k].first == name) return b.byPosition[k].second;
+    const FieldInfo* f = b.proc->findFieldInfo(name);
+    if (f == nullptr) return nullptr;
+    if (k >= b.byPosition.size()) b.byPosition.resize(k + 1);
+    b.byPosition[k] = {name, f};
+    return f;
+  }
 
   Block blockState(KXBlockDataProc* proc) {
     const auto fields = static_cast<size_t>(proc->getBlockInfo()->getFieldCount());
@@ -208,8 +219,9 @@ class Encoder {
   // Notes the fields the record gives, refusing a field given twice or, with --strict, one left out.
   void markGiven(const InputRecord& r, Block& b, int64_t number) {
     ++m_seen;
-    for (const auto& [name, value] : r.values.fields) {
-      const FieldInfo* f = b.proc->findFieldInfo(name);
+    for (size_t k = 0; k < r.values.fields.size(); ++k) {
+      const auto& [name, value] = r.values.fields[k];
+      const FieldInfo* f = fieldAt(b, k, name);
       if (f == nullptr)
         refuse(r, "block " + b.proc->getBlockName() + " has no field '" + printable(name) + "'");
       // decode shows a password as the mask unless --show-secrets; the mask written back would become the
