@@ -231,11 +231,16 @@ class JsonLexer {
   // -? (0 | [1-9][0-9]*) (. [0-9]+)? ([eE] [+-]? [0-9]+)?
   void readNumber(std::string& out) {
     out.clear();
-    for (int c = m_src.peek();
-         c >= 0 && (std::isdigit(c) || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E');
-         c = m_src.peek()) {
-      out += static_cast<char>(c);
-      m_src.take();
+    const auto numeric = [](char c) {
+      return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+    };
+    for (;;) {  // runs of held bytes copied at once; a number may go on past the bytes held
+      const std::string_view held = m_src.held();
+      size_t n = 0;
+      while (n < held.size() && numeric(held[n])) ++n;
+      out.append(held.data(), n);
+      m_src.skip(n);
+      if (n < held.size() || !m_src.refill()) break;
     }
     size_t i = out[0] == '-' ? 1 : 0;
     const auto digits = [&] {
