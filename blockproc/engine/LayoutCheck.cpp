@@ -95,8 +95,7 @@ bool plausibleBinary(const FieldInfo& field, std::string_view bytes) {
   const auto width = static_cast<size_t>(binaryWidth(field.nDataType));
   // Four or more bytes of digits, blanks, signs and points: numeric text read as a binary value (two such
   // bytes are an ordinary int16 now and then).
-  if (width >= 4 && bytes.substr(0, width).find_first_not_of("0123456789 +-.") == std::string_view::npos)
-    return false;
+  if (bytes.substr(0, width).find_first_not_of("0123456789 +-.") == std::string_view::npos) return false;
   const std::string_view extra = bytes.substr(width);
   switch (field.nDataType) {
     case kFieldInt16:
@@ -365,9 +364,9 @@ struct Tally {
 // What one explanation scores.
 struct Score {
   Tally all;
-  Tally focus;    // the changed field, or the first field after the change
-  Tally padding;  // of a longer field: values whose extra bytes are its own padding
-  double shape = 0;  // sum of the number fields' shapes (Fills::shape)
+  Tally focus;         // the changed field, or the first field after the change
+  Tally padding;       // of a longer field: values whose extra bytes are its own padding
+  double shape = 0;    // sum of the number fields' shapes (Fills::shape)
   int32_t shaped = 0;  // number fields in the sum
   double meanShape() const noexcept { return shaped > 0 ? shape / shaped : 0; }
   int64_t records = 0;
@@ -549,10 +548,12 @@ struct Candidate {
   int32_t recordSize = 0;
   double fit = 0.5;    // how well the extra bytes look like padding (longer fields), else a half
   int32_t agreed = 0;  // leading fields of the block's first record read as the definition reads them
+  int64_t cutAt =
+      -1;  // bytes of a last record the change leaves cut short, or -1 when it makes the data whole
 };
 
 bool ranksBefore(const Candidate& a, const Candidate& b) {
-  constexpr double kTie = 1e-9;
+  constexpr double kTie = 0.001;
   const double sa = a.score.all.share(), sb = b.score.all.share();
   if (std::fabs(sa - sb) > kTie) return sa > sb;
   if (std::fabs(a.fit - b.fit) > 0.05) return a.fit > b.fit;
@@ -656,7 +657,8 @@ std::string describe(const Finding& f) {
     case FindingKind::RecordsShorter:
       return "the records are " + internal::counted(f.delta, "byte") + " shorter";
     case FindingKind::CutShort:
-      return "the data is cut short " + internal::counted(f.delta, "byte") + " into a record";
+      return f.delta > 0 ? "the data is cut short " + internal::counted(f.delta, "byte") + " into a record"
+                         : "the data ends before the records its counts promise";
   }
   return {};
 }
@@ -791,7 +793,10 @@ void tryChanges(Context& ctx, std::vector<Candidate>& out, int64_t sample, bool 
     if (w.whole() || (cutToo && cut)) {
       Candidate c{change, score(ctx, w, layouts, change, where, sample, nullptr), layout.size};
       if (change.kind == FindingKind::FieldLonger) c.fit = c.score.padding.share();
-      if (!w.whole()) c.fit = 0;  // a change that also needs the data cut short ranks behind a whole one
+      if (!w.whole()) {
+        c.fit = 0;  // a change that also needs the data cut short ranks behind a whole one
+        c.cutAt = w.partial;
+      }
       c.agreed = agreement(ctx, w, layout, change);
       out.push_back(std::move(c));
     }
@@ -839,6 +844,7 @@ Finding findingOf(const Context& ctx, const Candidate& c, const FieldTally& fiel
   f.definedScore = before.share();
   f.sampled = c.score.all.sampled;
   f.ranges = c.score.ranges;
+  f.alsoCut = c.cutAt >= 0 && ch.kind != FindingKind::CutShort;
   const std::string shape =
       " (records of " + internal::counted(c.recordSize, "byte") + ": " + withThousands(c.score.records) + ")";
   const std::string all =
@@ -861,6 +867,8 @@ Finding findingOf(const Context& ctx, const Candidate& c, const FieldTally& fiel
       f.evidence += all + " read cleanly; as defined, " + percent(definedAll);
     }
   }
+  if (f.alsoCut)
+    f.evidence += ", if the data is also cut short " + internal::counted(c.cutAt, "byte") + " into a record";
   return f;
 }
 
