@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <bitset>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -368,6 +369,8 @@ struct Score {
   Tally padding;       // of a longer field: values whose extra bytes are its own padding
   double shape = 0;    // sum of the number fields' shapes (Fills::shape)
   int32_t shaped = 0;  // number fields in the sum
+  int64_t bytes = 0;   // bytes of the plausible values: how much of the data reads as its type
+  int32_t codes = 0;   // distinct values of the one-byte text fields, summed: codes are few
   double meanShape() const noexcept { return shaped > 0 ? shape / shaped : 0; }
   int64_t records = 0;
   std::vector<ByteRange> ranges;
@@ -448,6 +451,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
             const ByteRange& where, int64_t sample, FieldTally* fields) {
   Score s;
   std::vector<Fills> fills;
+  std::vector<std::bitset<256>> seen;
   for (const Placed& p : w.placed) {
     const BlockInfo& block = *ctx.blocks[static_cast<size_t>(p.block)];
     const Layout& layout = *layouts[static_cast<size_t>(p.block)];
@@ -455,6 +459,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
     const int32_t focus = changed ? focusSlot(change, layout) : -1;
     if (changed) s.records = p.records;
     fills.assign(layout.slots.size(), Fills{});
+    seen.assign(layout.slots.size(), std::bitset<256>{});
     forSample(p.records, sample, [&](int64_t r) {
       const int64_t base = p.offset + r * layout.size;
       if (changed && s.ranges.size() < kRangesShown && where.length > 0)
@@ -467,8 +472,10 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
             ctx.data.substr(static_cast<size_t>(base + slot.offset), static_cast<size_t>(slot.length));
         const bool ok = plausible(f, bytes, ctx.options.encoding, ctx.scratch);
         if (ok && isNumberField(f)) fills[k].add(bytes);
+        if (bytes.size() == 1 && f.nDataType == kFieldText) seen[k].set(static_cast<uint8_t>(bytes[0]));
         ++s.all.sampled;
         s.all.plausible += ok ? 1 : 0;
+        s.bytes += ok ? slot.length : 0;
         if (static_cast<int32_t>(k) == focus) {
           ++s.focus.sampled;
           s.focus.plausible += ok ? 1 : 0;
@@ -483,6 +490,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
     // A gateway pads a number field one way: the values padded the other way are misread.
     for (size_t k = 0; k < fills.size(); ++k) {
       const int64_t odd = std::min(fills[k].zeros, fills[k].blanks);
+      s.codes += static_cast<int32_t>(seen[k].count());
       if (fills[k].values > 0) {
         s.shape += fills[k].shape();
         ++s.shaped;
@@ -559,6 +567,8 @@ bool ranksBefore(const Candidate& a, const Candidate& b) {
   if (std::fabs(a.fit - b.fit) > 0.05) return a.fit > b.fit;
   if (std::fabs(a.score.meanShape() - b.score.meanShape()) > 0.01)
     return a.score.meanShape() > b.score.meanShape();
+  if (a.score.codes != b.score.codes) return a.score.codes < b.score.codes;
+  if (a.score.bytes != b.score.bytes) return a.score.bytes > b.score.bytes;
   if (a.agreed != b.agreed) return a.agreed > b.agreed;
   if (kindOrder(a.change.kind) != kindOrder(b.change.kind))
     return kindOrder(a.change.kind) < kindOrder(b.change.kind);
