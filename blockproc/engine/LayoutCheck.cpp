@@ -370,6 +370,7 @@ struct Score {
   double shape = 0;    // sum of the number fields' shapes (Fills::shape)
   int32_t shaped = 0;  // number fields in the sum
   int64_t bytes = 0;   // bytes of the plausible values: how much of the data reads as its type
+  double bits = 0;     // mean significant bits of the plausible binary integers: counts are small
   int32_t codes = 0;   // distinct values of the one-byte text fields, summed: codes are few
   double meanShape() const noexcept { return shaped > 0 ? shape / shaped : 0; }
   int64_t records = 0;
@@ -452,6 +453,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
   Score s;
   std::vector<Fills> fills;
   std::vector<std::bitset<256>> seen;
+  int64_t bitSum = 0, bitCount = 0;
   for (const Placed& p : w.placed) {
     const BlockInfo& block = *ctx.blocks[static_cast<size_t>(p.block)];
     const Layout& layout = *layouts[static_cast<size_t>(p.block)];
@@ -473,6 +475,11 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
         const bool ok = plausible(f, bytes, ctx.options.encoding, ctx.scratch);
         if (ok && isNumberField(f)) fills[k].add(bytes);
         if (bytes.size() == 1 && f.nDataType == kFieldText) seen[k].set(static_cast<uint8_t>(bytes[0]));
+        if (ok && (f.nDataType == kFieldInt64 || f.nDataType == kFieldSInt64)) {
+          const auto v = load<int64_t>(bytes);
+          bitSum += std::bit_width(static_cast<uint64_t>(v < 0 ? -(v + 1) : v));
+          ++bitCount;
+        }
         ++s.all.sampled;
         s.all.plausible += ok ? 1 : 0;
         s.bytes += ok ? slot.length : 0;
@@ -499,6 +506,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
       if (static_cast<int32_t>(k) == focus) s.focus.plausible -= odd;
     }
   }
+  s.bits = bitCount > 0 ? static_cast<double>(bitSum) / static_cast<double>(bitCount) : 0;
   return s;
 }
 
@@ -569,6 +577,7 @@ bool ranksBefore(const Candidate& a, const Candidate& b) {
     return a.score.meanShape() > b.score.meanShape();
   if (a.score.codes != b.score.codes) return a.score.codes < b.score.codes;
   if (a.score.bytes != b.score.bytes) return a.score.bytes > b.score.bytes;
+  if (std::fabs(a.score.bits - b.score.bits) > 1) return a.score.bits < b.score.bits;
   if (a.agreed != b.agreed) return a.agreed > b.agreed;
   if (kindOrder(a.change.kind) != kindOrder(b.change.kind))
     return kindOrder(a.change.kind) < kindOrder(b.change.kind);
