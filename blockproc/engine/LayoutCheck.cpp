@@ -721,7 +721,7 @@ std::string chooseBlocks(Context& ctx) {
 std::vector<SizeFinding::Fit> fitsOf(int64_t bytes, int32_t recordSize, int32_t reach) {
   std::vector<SizeFinding::Fit> fits;
   if (bytes <= 0) return fits;
-  for (int32_t d = 1; d <= reach && fits.size() < 5; ++d)
+  for (int32_t d = 1; d <= reach && fits.size() < 3; ++d)
     for (const int32_t size : {recordSize - d, recordSize + d})
       if (size > 0 && bytes % size == 0) fits.push_back({size, bytes / size});
   return fits;
@@ -740,7 +740,7 @@ SizeFinding sizeFinding(const Context& ctx, const Walk& w) {
   size.blockBytes = w.restBytes;
   size.records = size.recordSize > 0 ? w.restBytes / size.recordSize : 0;
   if (w.partial != 0)
-    size.fits = fitsOf(w.restBytes, size.recordSize, std::max(ctx.options.maxDelta, size.recordSize / 2));
+    size.fits = fitsOf(w.restBytes, size.recordSize, std::max(ctx.options.maxDelta, size.recordSize / 8));
   return size;
 }
 
@@ -750,11 +750,16 @@ std::vector<const Layout*> definedLayouts(const Context& ctx) {
   return layouts;
 }
 
+// The block whose records the size findings count: the rest block (or the stream's), else the last placed.
+int32_t mainBlock(const Walk& w) {
+  return w.restBlock >= 0 ? w.restBlock : (w.placed.empty() ? 0 : w.placed.back().block);
+}
+
 // The definition as it stands, scored: whole records (Fits) or data that ends inside a record (CutShort).
 Candidate definedCandidate(const Context& ctx, const Walk& w, Score scored) {
   Candidate c;
   c.change.kind = w.whole() ? FindingKind::Fits : FindingKind::CutShort;
-  c.change.block = w.restBlock >= 0 ? w.restBlock : (w.placed.empty() ? 0 : w.placed.back().block);
+  c.change.block = mainBlock(w);
   c.change.delta = static_cast<int32_t>(w.partial);
   c.recordSize = ctx.defined[static_cast<size_t>(c.change.block)].size;
   c.score = std::move(scored);
@@ -927,7 +932,7 @@ CheckResult checkLayout(const TransactionDefinition& definition, std::string_vie
   const Walk asDefined = walk(ctx, definedLayouts(ctx));
   result.size = sizeFinding(ctx, asDefined);
   Change none;
-  none.block = asDefined.restBlock >= 0 ? asDefined.restBlock : 0;
+  none.block = mainBlock(asDefined);
   Score scored = score(ctx, asDefined, definedLayouts(ctx), none, ByteRange{}, sample, &fields);
   const Tally definedAll = scored.all;
   std::vector<Candidate> candidates;
