@@ -279,6 +279,7 @@ int64_t countFromField(Context& ctx, const std::vector<const Layout*>& layouts, 
     for (const Slot& s : layouts[static_cast<size_t>(p.block)]->slots) {
       const FieldInfo& f = *source.getFieldInfoFromIndex(s.field);
       if (f.szFieldName != field) continue;
+      if (p.offset + s.offset + s.length > static_cast<int64_t>(ctx.data.size())) return -1;
       ctx.scratch.clear();
       value::appendValue(ctx.scratch, f, ctx.data.substr(static_cast<size_t>(p.offset + s.offset), s.length),
                          ctx.options.encoding, value::BadByteStyle::Escaped);
