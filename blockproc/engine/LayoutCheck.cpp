@@ -565,8 +565,8 @@ struct Candidate {
   int32_t recordSize = 0;
   double fit = 0.5;    // how well the extra bytes look like padding (longer fields), else a half
   int32_t agreed = 0;  // leading fields of the block's first record read as the definition reads them
-  int64_t cutAt =
-      -1;  // bytes of a last record the change leaves cut short, or -1 when it makes the data whole
+  // Bytes of a last record the change leaves cut short, or -1 when it makes the data whole.
+  int64_t cutAt = -1;
 };
 
 bool ranksBefore(const Candidate& a, const Candidate& b) {
@@ -587,14 +587,7 @@ bool ranksBefore(const Candidate& a, const Candidate& b) {
 }
 
 std::string percent(const Tally& t) {
-  if (t.sampled == 0) return "no";
-  if (t.plausible == t.sampled) return "100%";
-  const double p = 100.0 * static_cast<double>(t.plausible) / static_cast<double>(t.sampled);
-  char text[16];
-  const int decimals = p >= 99 || (p > 0 && p < 1) ? 1 : 0;
-  const double shown = std::floor(p * (decimals ? 10 : 1)) / (decimals ? 10 : 1);
-  std::snprintf(text, sizeof text, "%.*f%%", decimals, shown);
-  return text;
+  return t.sampled == 0 ? "no" : percentText(t.share());
 }
 
 std::string quoted(std::string_view name) {
@@ -635,6 +628,15 @@ std::string premise(const Context& ctx, const Change& c) {
 }
 
 }  // namespace
+
+std::string percentText(double share) {
+  if (share >= 1.0) return "100%";
+  const double p = std::max(share, 0.0) * 100.0;
+  const double scale = p >= 99 || (p > 0 && p < 1) ? 10.0 : 1.0;  // 99.9%, 0.3%: never 100% or 0% by rounding
+  std::string text = std::to_string(std::floor(p * scale) / scale);
+  text.erase(text.find('.') + (scale > 1 ? 2 : 0));
+  return text + "%";
+}
 
 const char* kindName(FindingKind kind) noexcept {
   switch (kind) {
@@ -682,10 +684,6 @@ std::string describe(const Finding& f) {
   }
   return {};
 }
-
-}  // namespace blockproc::check
-
-namespace blockproc::check {
 
 namespace {
 
