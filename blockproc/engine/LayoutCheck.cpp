@@ -272,7 +272,7 @@ int64_t countFromField(Context& ctx, const std::vector<const Layout*>& layouts, 
   const std::string& ref = block.m_strRecordLenSubInfo;
   const size_t dot = ref.find('.');
   if (dot == std::string::npos) return -1;
-  const std::string_view blockName = std::string_view(ref).substr(0, dot), field = ref.substr(dot + 1);
+  const std::string_view whole = ref, blockName = whole.substr(0, dot), field = whole.substr(dot + 1);
   for (const Placed& p : walk.placed) {
     const BlockInfo& source = *ctx.blocks[static_cast<size_t>(p.block)];
     if (source.m_szBlockName != blockName || p.records < 1) continue;
