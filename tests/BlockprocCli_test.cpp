@@ -477,7 +477,7 @@ TEST(BlockprocCli, MasksPasswordsUnlessAskedToShowThem) {
   const Outcome back = run("encode '" + def + "' - --reply", json.out);
   EXPECT_EQ(back.code, 1);
   EXPECT_EQ(back.err,
-            "blockproc: standard input, line 4: block Acct, record 0, field pwd: is the mask decode shows for a "
+            "blockproc: standard input, line 5: block Acct, record 0, field pwd: is the mask decode shows for a "
             "password, not the password; decode with --show-secrets to keep it\n");
   const Outcome secrets = run(decode + "--format json --show-secrets", clean);
   const Outcome same = run("encode '" + def + "' - --reply", secrets.out);

@@ -156,7 +156,7 @@ TEST(BlockprocEncode, TakesJsonNumbersAsWritten) {
                {"-" + nines, "0.5", "\"n\": -" + nines},
                {"12", "0.25", "\"n\": 12"},
                {"1" + nines + "99999999999", "0", "field n: '1" + nines},
-               {"1", "2.5E-3", "field d: '2.5E-3' has 4 decimal places"}};
+               {"1.5", "2.5E-3", "field n: '1.5' has 1 decimal place; the field holds whole numbers"}};
   for (const auto& c : cases) {
     const std::string values = "{\"Out\": {\"n\": " + c.n + ", \"d\": " + c.d + "}}";
     const Outcome built = run("encode '" + def + "' - --reply", values);
