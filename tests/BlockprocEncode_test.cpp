@@ -190,7 +190,8 @@ TEST(BlockprocEncode, NamesTheLineOfWhatItRefuses) {
       {rest, "w,f\n\"ab,1\n", "standard input, line 2: the input ends inside a quoted cell"},
       {rest, "", "standard input, line 1: the input is empty; a header row of field names must come first"},
       {reply + "csv", "w\n", "CSV holds the records of one block, and the reply has 4; name it with --block"},
-      {reply + "jsonl", "{\"@block\":\"Rest\",\"w\":\"a\"}\n{\"@block\":\"Rest\",\"@record\":5,\"w\":\"b\"}\n",
+      {reply + "jsonl",
+       "{\"@block\":\"Rest\",\"w\":\"a\"}\n{\"@block\":\"Rest\",\"@record\":5,\"w\":\"b\"}\n",
        "standard input, line 2: block Rest: record 5 stands where record 1 belongs; give a block's records "
        "in "
        "order"},
