@@ -298,6 +298,16 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
     ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
     EXPECT_EQ(rebuilt.bytes, c.rebuilt.empty() ? c.record : c.rebuilt) << c.values[0];
   }
+  // Fields the values leave out: a number whose point is left out gets its zeros without the point (a
+  // reader of twelve digits would not take "000000000.00"); text with decimals stays blank.
+  const auto leftOut = t.proc->buildReply({{"R", {RecordValues{}}}});
+  ASSERT_TRUE(leftOut.ok) << leftOut.message;
+  EXPECT_EQ(leftOut.bytes, "000000000000000000.00" + blank6 + dbl(0.0));
+  const auto leftOutRequest = load(R"(<transaction code='T'><input><block name='In'>
+<field name='imp' type='number' length='5' decimals='2' point='implied'/>
+<field name='tiny' type='number' length='3' decimals='2' point='implied'/></block></input></transaction>)");
+  ASSERT_TRUE(leftOutRequest.proc);
+  EXPECT_EQ(leftOutRequest.proc->buildRequest({}).bytes, "00000000");
   // The point left out takes one byte less: a value that needs it is refused with the room there is.
   const auto tooWide = t.proc->buildReply({{"R", {{{{"imp", "12345678901.5"}}, {}}}}});
   EXPECT_EQ(
