@@ -269,6 +269,10 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
        ""},
       {blank12 + blank9 + blank6 + dbl(1092378358114.84375), {"", "", "", "1092378358114.8438"}, ""},
       {"000000000000000000.00000000" + dbl(-41207.0 / 3), {"0.00", "0.00", "0.0", "-13735.666666666666"}, ""},
+      // Values that fill the field: an explicit point with only the places that are not zero.
+      {"9999999999999999999.9-99999" + dbl(1e300),
+       {"9999999999.99", "9999999.90", "-9999.9", "1" + std::string(300, '0') + ".00"},
+       ""},
       // Forms the writer does not use come back as the same values in its own.
       {"+00007125050   123.45   125" + dbl(-0.0),
        {"71250.50", "123.45", "12.5", "0.00"},
