@@ -135,23 +135,26 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "no output block named 'InBlock'; the reply has OutBlock, OutBlock1\n"},
       {kDecode + " --encoding klingon", "", 2,
        "unknown encoding 'klingon'; use cp949, euc-kr, utf-8, ascii or latin1\n"},
-      {encodeIn, "{\"InBlock\": ", 1, "blockproc: standard input: not valid JSON: ", true},
+      {encodeIn, "{\"InBlock\": ", 1,
+       "standard input, line 1: not valid JSON: the input ends before the value of 'InBlock'\n"},
       {encodeIn, R"({"InBlock": {"shcode": "1234567"}})", 1,
-       "standard input: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field holds 6 "
+       "standard input, line 1: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field "
+       "holds 6 "
        "bytes\n"},
       {encodeIn, R"({"OutBlock": {}})", 1,
-       "standard input: OutBlock is an output block; give --reply to build a reply, or name input blocks\n"},
+       "standard input, line 1: OutBlock is an output block; give --reply to build a reply, or name input "
+       "blocks\n"},
       {encodeIn, R"({"InBlock": [1]})", 1,
-       "standard input: block InBlock, record 0 must be an object of field values\n"},
+       "standard input, line 1: block InBlock, record 0 must be an object of field values\n"},
       {encodeIn, R"({"InBlock": [{}, {"shcode": true}]})", 1,
-       "standard input: block InBlock, record 1, field shcode: must be a string, a number or null\n"},
+       "standard input, line 1: block InBlock, record 1, field shcode: must be a string, a number or null\n"},
       // Nothing a values file says is dropped unwritten.
       {encodeIn, R"({"InBlock": {"shcode": "005930", "shcode": "000660"}})", 1,
-       "standard input: 'shcode' is given twice in one object\n"},
+       "standard input, line 1: 'shcode' is given twice in one record\n"},
       {encodeIn, R"({"blocks": {"InBlock": {}}, "OutBlock": {}})", 1,
-       "standard input: OutBlock stands beside \"blocks\"; give every block inside it\n"},
+       "standard input, line 1: OutBlock stands beside \"blocks\"; give every block inside it\n"},
       {encodeIn, R"({"code": "Q99999", "InBlock": {}})", 1,
-       "standard input: \"code\" is \"Q99999\"; the definition is for Q10100\n"},
+       "standard input, line 1: \"code\" is \"Q99999\"; the definition is for Q10100\n"},
       {"realtime " + kDef + " examples/current_price.stream", "", 2, "--block is required", true},
       {"realtime " + kDef + " examples/current_price.stream --block Ticks", "", 2,
        "no block named 'Ticks'; the definition has InBlock, OutBlock, OutBlock1\n"},
@@ -243,7 +246,8 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
     const Outcome built = run("encode '" + def + "' - --reply", values);
     if (c.decoded.starts_with("field")) {
       EXPECT_EQ(built.code, 1) << values;
-      EXPECT_EQ(built.err, "blockproc: standard input: block Out, record 0, " + c.decoded + "\n") << values;
+      EXPECT_EQ(built.err, "blockproc: standard input, line 1: block Out, record 0, " + c.decoded + "\n")
+          << values;
       continue;
     }
     ASSERT_EQ(built.code, 0) << values << built.err;
@@ -476,7 +480,7 @@ TEST(BlockprocCli, MasksPasswordsUnlessAskedToShowThem) {
   const Outcome back = run("encode '" + def + "' - --reply", json.out);
   EXPECT_EQ(back.code, 1);
   EXPECT_EQ(back.err,
-            "blockproc: standard input: block Acct, record 0, field pwd: is the mask decode shows for a "
+            "blockproc: standard input, line 4: block Acct, record 0, field pwd: is the mask decode shows for a "
             "password, not the password; decode with --show-secrets to keep it\n");
   const Outcome secrets = run(decode + "--format json --show-secrets", clean);
   const Outcome same = run("encode '" + def + "' - --reply", secrets.out);

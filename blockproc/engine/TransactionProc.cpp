@@ -506,6 +506,30 @@ void appendLaidOutRecords(std::string& out, KXBlockDataProc& proc, const BlockVa
 
 }  // namespace
 
+std::string TransactionProc::appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
+                                          int64_t record, bool input) noexcept {
+  const size_t size = out.size();
+  try {
+    layOutDefaults(proc, 1);
+    writeRecord(proc, values, 0, record, true);
+    if (input) {
+      out.resize(size + static_cast<size_t>(sendRecordSize(*proc.getBlockInfo())), ' ');
+      proc.getStructInputData(out.data() + size);
+    } else {
+      const int64_t length = proc.getBlockInfo()->getRecordMemSize();
+      if (length > proc.getBlockBuffSize()) return "block " + proc.getBlockName() + " was not laid out";
+      out.append(reinterpret_cast<const char*>(proc.getData()), static_cast<size_t>(length));
+    }
+    return {};
+  } catch (const Refusal& refusal) {
+    out.resize(size);
+    return refusal.message;
+  } catch (...) {
+    out.resize(size);
+    return "out of memory while building the data";
+  }
+}
+
 TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValues>& values,
                                                     bool input) noexcept {
   BuildResult result;

@@ -71,6 +71,10 @@ class Output {
   std::string& text() noexcept { return m_text; }
   // Writes the buffer out once it holds a chunk; called between records.
   void spill();
+  // Writes everything gathered now, whatever its size (a followed feed shows each record as it comes).
+  void flush() {
+    if (m_fd >= 0 && !m_text.empty()) writeAll();
+  }
   // Writes everything gathered and, for a file, closes it.
   void finish();
 
@@ -205,6 +209,10 @@ class InputStream {
   size_t read(std::string& buf, size_t n);
   // Copies standard input into an unnamed temporary file, so that it can be read at any offset.
   void makeSeekable();
+  // Appends what arrives within `waitMs` milliseconds, at most `n` bytes, from one read; returns how many (0
+  // when nothing came in time or a signal came). A pipe that closes ends the input; a regular file never
+  // does, for it may still be growing. Fails with kExitData.
+  size_t readArrived(std::string& buf, size_t n, int waitMs);
   // Reads `n` bytes at `offset` of a seekable input into `to`; fails with kExitData.
   void readAt(char* to, size_t n, int64_t offset);
   bool atEnd() const noexcept { return m_end; }
@@ -240,7 +248,14 @@ struct EncodeOptions {
   CommonOptions common;
   std::string values;
   std::string output;
+  std::string format = "json";
+  std::string
+      block;  // CSV's block; with stream, the stream's block; else the block of JSON lines without one
   bool reply = false;
+  bool stream = false;     // a real-time stream: the records of `block` back to back
+  bool quiet = false;      // no line naming the fields that took their defaults
+  bool strict = false;     // refuse a record or block that leaves a field out
+  int64_t chunkBytes = 0;  // bytes of input read at a time; 0: the default
 };
 struct HexdumpOptions {
   CommonOptions common;
@@ -255,7 +270,10 @@ struct RealtimeOptions {
   std::string format = "table";
   bool raw = false;
   bool showSecrets = false;
-  int32_t keep = 0;  // 0: every record of the stream
+  int32_t keep = 0;              // 0: every record of the stream
+  std::string order = "newest";  // or "arrival": the records in the order they were received
+  bool orderGiven = false;       // --order was given
+  bool follow = false;           // print each record as it arrives, until the feed closes or Ctrl-C
   bool quiet = false;
   int64_t chunkBytes = 0;
   int32_t jobs = 1;

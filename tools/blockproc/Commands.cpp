@@ -1,4 +1,4 @@
-// The inspect, decode and encode subcommands.
+// The inspect and decode subcommands.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,11 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include <nlohmann/json.hpp>
-
 #include "Cli.h"
 #include "blockproc/codec/TextCodec.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc::cli {
 
@@ -87,177 +84,6 @@ std::string linksLine(const KXBlockDataProc& proc) {
   if (real == 0 && field == 0) return {};
   return "links: " + std::to_string(real) + " real-time, " + std::to_string(field) + " field\n";
 }
-
-// ---- encode -----------------------------------------------------------------------------------------------
-
-constexpr std::string_view kAttrSuffix = "@attr";
-
-// Decimal digits, or one or two hexadecimal ones behind "0x": the value when it is a byte (0 to 255), else
-// -1.
-int byteFromText(std::string_view text) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  if (hex) text.remove_prefix(2);
-  if (text.empty() || (hex && text.size() > 2) || text.front() == '+' || text.front() == '-') return -1;
-  const num::WholeInt byte = num::parseWholeInt(text, 0, 255, hex ? 16 : 10);
-  return byte.isNumber && !byte.clamped ? static_cast<int>(byte.value) : -1;
-}
-
-uint8_t attrByte(const nlohmann::ordered_json& value, const std::string& where) {
-  if (value.is_number_unsigned() && value.get<uint64_t>() <= 255)
-    return static_cast<uint8_t>(value.get<uint64_t>());
-  if (value.is_string()) {
-    const int byte = byteFromText(value.get<std::string>());
-    if (byte >= 0) return static_cast<uint8_t>(byte);
-  }
-  throw Failure{kExitData,
-                where + ": must be an attribute byte: 0 to 255, or hexadecimal text such as \"0x35\""};
-}
-
-// The values of record `index` of a block, refusals placed as the engine places its own: "block In, record 0,
-// field qty".
-RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string& source,
-                        const std::string& block, size_t index) {
-  if (!record.is_object())
-    throw Failure{kExitData, source + ": block " + block + ", record " + std::to_string(index) +
-                                 " must be an object of field values"};
-  RecordValues values;
-  for (const auto& [key, value] : record.items()) {
-    std::string at = source + ": ";
-    value::appendWhere(at, block, static_cast<int64_t>(index), key);
-    if (key.ends_with("@hex"))
-      throw Failure{kExitData,
-                    at + ": decode shows bytes that are not text this way; they cannot be encoded back"};
-    if (key.size() > kAttrSuffix.size() && key.ends_with(kAttrSuffix)) {
-      values.attrs.emplace_back(key.substr(0, key.size() - kAttrSuffix.size()), attrByte(value, at));
-    } else if (value.is_string()) {
-      values.fields.emplace_back(key, value.get<std::string>());
-    } else if (value.is_number()) {
-      values.fields.emplace_back(key, value.dump());
-    } else if (value.is_null()) {
-      values.nulls.push_back(key);
-    } else {
-      throw Failure{kExitData, at + ": must be a string, a number or null"};
-    }
-  }
-  return values;
-}
-
-// The blocks of a values file: the blocks at the top, or under "blocks" as decode writes them, beside a
-// "code" that must be the definition's. Anything else at the top beside "blocks" is refused: it would be
-// left unwritten.
-std::vector<BlockValues> valuesFrom(const nlohmann::ordered_json& root, const std::string& file,
-                                    const std::string& trCode) {
-  const std::string where = sourceName(file) + ": ";
-  if (!root.is_object()) throw Failure{kExitData, where + "the values must be a JSON object of blocks"};
-  if (root.contains("code") && root["code"] != trCode)
-    throw Failure{kExitData,
-                  where + "\"code\" is " + root["code"].dump() + "; the definition is for " + trCode};
-  const bool nested = root.contains("blocks");
-  if (nested && !root["blocks"].is_object())
-    throw Failure{kExitData, where + "\"blocks\" must be an object of blocks"};
-  if (nested)
-    for (const auto& [name, value] : root.items())
-      if (name != "code" && name != "blocks")
-        throw Failure{kExitData, where + name + " stands beside \"blocks\"; give every block inside it"};
-  const nlohmann::ordered_json& blocks = nested ? root["blocks"] : root;
-  std::vector<BlockValues> values;
-  for (const auto& [name, block] : blocks.items()) {
-    if (!nested && name == "code") continue;
-    BlockValues entry{name, {}};
-    if (block.is_array()) {
-      for (size_t i = 0; i < block.size(); ++i)
-        entry.records.push_back(recordFrom(block[i], sourceName(file), name, i));
-    } else if (block.is_object()) {
-      entry.records.push_back(recordFrom(block, sourceName(file), name, 0));
-    } else {
-      throw Failure{kExitData, sourceName(file) + ": block " + name +
-                                   " must be an object (one record) or a list of objects (records)"};
-    }
-    values.push_back(std::move(entry));
-  }
-  return values;
-}
-
-// decode shows a password field as the mask unless --show-secrets; the mask encoded back would become the
-// password, so it is refused with the way out.
-void refuseMasks(const TransactionProc& proc, const std::vector<BlockValues>& values,
-                 const std::string& file) {
-  for (const BlockValues& block : values) {
-    const KXBlockDataProc* blockProc = proc.findBlockProc(block.block);
-    if (blockProc == nullptr) continue;
-    for (size_t i = 0; i < block.records.size(); ++i)
-      for (const auto& [name, text] : block.records[i].fields) {
-        const FieldInfo* field = blockProc->getBlockInfo()->getFieldInfoFromName(name);
-        if (field == nullptr || !field->bPassword || text != kSecretMask) continue;
-        std::string at = sourceName(file) + ": ";
-        value::appendWhere(at, block.block, static_cast<int64_t>(i), name);
-        throw Failure{kExitData, at + ": is the mask decode shows for a password, not the password; decode "
-                                      "with --show-secrets to keep it"};
-      }
-  }
-}
-
-// Builds the document of a values file with every number that is not a plain integer kept as its text
-// (a string), so that 0.1, 1e5 and 12345678901234567890123 reach the engine exactly as written.
-class ExactNumbers : public nlohmann::json_sax<nlohmann::ordered_json> {
- public:
-  using Json = nlohmann::ordered_json;
-  Json root;
-  std::string error;
-  bool repeatedKey = false;  // the error is a key given twice, in JSON that is otherwise well formed
-
-  bool null() override { return add(nullptr) != nullptr; }
-  bool boolean(bool value) override { return add(value) != nullptr; }
-  bool number_integer(number_integer_t value) override { return add(value) != nullptr; }
-  bool number_unsigned(number_unsigned_t value) override { return add(value) != nullptr; }
-  bool number_float(number_float_t, const string_t& text) override { return add(text) != nullptr; }
-  bool string(string_t& value) override { return add(value) != nullptr; }
-  bool binary(binary_t&) override { return add(nullptr) != nullptr; }
-  bool start_object(std::size_t) override { return open(Json::object()); }
-  bool key(string_t& name) override {
-    m_key = name;
-    return true;
-  }
-  bool end_object() override { return close(); }
-  bool start_array(std::size_t) override { return open(Json::array()); }
-  bool end_array() override { return close(); }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) override {
-    error = e.what();
-    return false;
-  }
-
- private:
-  Json* add(Json value) {
-    if (m_stack.empty()) {
-      root = std::move(value);
-      return &root;
-    }
-    Json& top = *m_stack.back();
-    if (top.is_array()) {
-      top.push_back(std::move(value));
-      return &top.back();
-    }
-    if (top.contains(m_key)) {  // a later value would silently replace the earlier one
-      error = "'" + m_key + "' is given twice in one object";
-      repeatedKey = true;
-      return nullptr;
-    }
-    top[m_key] = std::move(value);
-    return &top[m_key];
-  }
-  bool open(Json value) {
-    Json* opened = add(std::move(value));
-    if (opened == nullptr) return false;
-    m_stack.push_back(opened);
-    return true;
-  }
-  bool close() {
-    m_stack.pop_back();
-    return true;
-  }
-  std::vector<Json*> m_stack;
-  std::string m_key;
-};
 
 }  // namespace
 
@@ -522,37 +348,6 @@ int runDecode(const DecodeOptions& options) {
   sinks.finish();
   warnings.close();
   return warnings.count() > 0 ? kExitData : kExitOk;
-}
-
-int runEncode(const EncodeOptions& options) {
-  const Session session = openSession(options.common, options.values);
-  const std::string text = readInput(options.values);
-  ExactNumbers document;
-  if (!nlohmann::ordered_json::sax_parse(text, &document)) {
-    std::string what = document.error;
-    if (const size_t end = what.find("] "); end != std::string::npos) what = what.substr(end + 2);
-    throw Failure{kExitData, sourceName(options.values) + ": " +
-                                 (document.repeatedKey ? what : "not valid JSON: " + what)};
-  }
-  const std::vector<BlockValues> values =
-      valuesFrom(document.root, options.values, session.definition->tran.getTrCode());
-  refuseMasks(*session.proc, values, options.values);
-  if (!options.reply) {
-    for (const BlockValues& v : values) {
-      const auto& outputs = session.proc->outputProcs();
-      const KXBlockDataProc* proc = session.proc->findBlockProc(v.block);
-      if (proc != nullptr && std::find(outputs.begin(), outputs.end(), proc) != outputs.end())
-        throw Failure{kExitData,
-                      sourceName(options.values) + ": " + v.block +
-                          " is an output block; give --reply to build a reply, or name input blocks"};
-    }
-  }
-  const auto built = options.reply ? session.proc->buildReply(values) : session.proc->buildRequest(values);
-  if (!built.ok) throw Failure{kExitData, sourceName(options.values) + ": " + built.message};
-  Output out(options.output);
-  out.text() = built.bytes;
-  out.finish();
-  return kExitOk;
 }
 
 }  // namespace blockproc::cli
