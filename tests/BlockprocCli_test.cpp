@@ -479,9 +479,10 @@ TEST(BlockprocCli, MasksPasswordsUnlessAskedToShowThem) {
   const Outcome json = run(decode + "--format json", clean);
   const Outcome back = run("encode '" + def + "' - --reply", json.out);
   EXPECT_EQ(back.code, 1);
-  EXPECT_EQ(back.err,
-            "blockproc: standard input, line 4: block Acct, record 0, field pwd: is the mask decode shows for a "
-            "password, not the password; decode with --show-secrets to keep it\n");
+  EXPECT_EQ(
+      back.err,
+      "blockproc: standard input, line 5: block Acct, record 0, field pwd: is the mask decode shows for a "
+      "password, not the password; decode with --show-secrets to keep it\n");
   const Outcome secrets = run(decode + "--format json --show-secrets", clean);
   const Outcome same = run("encode '" + def + "' - --reply", secrets.out);
   EXPECT_EQ(same.code, 0) << same.err;
