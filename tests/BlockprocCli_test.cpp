@@ -136,6 +136,9 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {"", "", 2, "A subcommand is required", true},
       {kDecode + " --colour", "", 2, "--colour", true},
       {kDecode + " --format xml", "", 2, "xml", true},
+      // The words a usage message repeats are shown printable, as names and values are.
+      {kDecode + " --format \"$(printf 'x\\033[2J')\"", "", 2, "x\\x1B[2J not in", true},
+      {kDecode + " \"$(printf -- '--x\\033')\"", "", 2, "--x\\x1B", true},
       {kDecode + " --block InBlock", "", 2,
        "no output block named 'InBlock'; the reply has OutBlock, OutBlock1\n"},
       {kDecode + " --encoding klingon", "", 2,

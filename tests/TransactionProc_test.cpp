@@ -269,6 +269,10 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
        ""},
       {blank12 + blank9 + blank6 + dbl(1092378358114.84375), {"", "", "", "1092378358114.8438"}, ""},
       {"000000000000000000.00000000" + dbl(-41207.0 / 3), {"0.00", "0.00", "0.0", "-13735.666666666666"}, ""},
+      // Values that fill the field: an explicit point with only the places that are not zero.
+      {"9999999999999999999.9-99999" + dbl(1e300),
+       {"9999999999.99", "9999999.90", "-9999.9", "1" + std::string(300, '0') + ".00"},
+       ""},
       // Forms the writer does not use come back as the same values in its own.
       {"+00007125050   123.45   125" + dbl(-0.0),
        {"71250.50", "123.45", "12.5", "0.00"},
@@ -298,6 +302,16 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
     ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
     EXPECT_EQ(rebuilt.bytes, c.rebuilt.empty() ? c.record : c.rebuilt) << c.values[0];
   }
+  // Fields the values leave out: a number whose point is left out gets its zeros without the point (a
+  // reader of twelve digits would not take "000000000.00"); text with decimals stays blank.
+  const auto leftOut = t.proc->buildReply({{"R", {RecordValues{}}}});
+  ASSERT_TRUE(leftOut.ok) << leftOut.message;
+  EXPECT_EQ(leftOut.bytes, "000000000000000000.00" + blank6 + dbl(0.0));
+  const auto leftOutRequest = load(R"(<transaction code='T'><input><block name='In'>
+<field name='imp' type='number' length='5' decimals='2' point='implied'/>
+<field name='tiny' type='number' length='3' decimals='2' point='implied'/></block></input></transaction>)");
+  ASSERT_TRUE(leftOutRequest.proc);
+  EXPECT_EQ(leftOutRequest.proc->buildRequest({}).bytes, "00000000");
   // The point left out takes one byte less: a value that needs it is refused with the room there is.
   const auto tooWide = t.proc->buildReply({{"R", {{{{"imp", "12345678901.5"}}, {}}}}});
   EXPECT_EQ(

@@ -11,6 +11,7 @@
 
 #include <exception>
 #include <iostream>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -182,7 +183,12 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    // A usage message repeats the words it could not take: shown printable, as every other message.
+    std::ostringstream out, err;
+    const int code = app.exit(e, out, err);
+    std::cout << out.str();
+    std::cerr << printable(err.str(), true);
+    return code == 0 ? kExitOk : kExitUsage;
   }
 
   if (*hexdumpCmd && hexdump.stream && hexdump.block.empty()) {
