@@ -2,6 +2,7 @@
 // registration of the processor and the engine.
 
 #include <atomic>
+#include <unordered_set>
 #include <vector>
 
 #include "common.h"
@@ -22,11 +23,13 @@ thread_local CallState t_call;
 // Calls in progress on any thread: descriptors are frozen while one runs (an override may let other threads
 // in).
 std::atomic<int> g_activeCalls{0};
+// Descriptors of loaded definitions (read and changed with the GIL held).
+std::unordered_set<const void*> g_frozen;
 
 }  // namespace
 
-ByteView::ByteView(py::handle object, const char* what) {
-  if (object.is_none()) return;
+ByteView::ByteView(py::handle object, const char* what, bool noneAllowed) {
+  if (object.is_none() && noneAllowed) return;
   if (PyUnicode_Check(object.ptr()) || PyObject_GetBuffer(object.ptr(), &m_view, PyBUF_SIMPLE) != 0) {
     PyErr_Clear();
     throw py::type_error(std::string(what) + " must be bytes-like (bytes, bytearray, memoryview), not " +
@@ -96,9 +99,27 @@ void ProcessorCall::forgotten(PyBlockInfo* block) noexcept {
   std::erase(t_call.memoised, block);
 }
 
-void checkNotFrozen() {
+void checkChangeable(const void* descriptor) {
   if (g_activeCalls.load() > 0)
     throw py::type_error("a descriptor cannot change while a processor call is using it");
+  if (g_frozen.contains(descriptor))
+    throw py::type_error(
+        "a descriptor of a loaded Definition cannot change: a pickled Definition travels as the text it "
+        "was loaded from, so the change would be lost on other processes; change the XML and load it again");
+}
+
+void freeze(const void* descriptor) {
+  g_frozen.insert(descriptor);
+}
+
+void thaw(const void* descriptor) noexcept {
+  g_frozen.erase(descriptor);
+}
+
+void checkName(std::string_view name, const char* what) {
+  if (name.find('\0') != std::string_view::npos)
+    throw py::value_error(std::string("a ") + what + " name cannot hold a NUL character: " +
+                          py::repr(py::str(std::string(name))).cast<std::string>());
 }
 
 }  // namespace blockproc::python
