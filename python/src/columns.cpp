@@ -165,9 +165,8 @@ bool realValue(std::string_view bytes, bool isFloat, int32_t places, double& out
   char text[64];
   char* end = std::to_chars(text, text + 40, value, std::chars_format::scientific).ptr;
   const char* e = std::find(text, end, 'e');
-  const int64_t exponent = num::parseLeadingInt(std::string_view(e + 1, static_cast<size_t>(end - e - 1)),
-                                                -1000, 1000) -
-                           places;
+  const int64_t exponent =
+      num::parseLeadingInt(std::string_view(e + 1, static_cast<size_t>(end - e - 1)), -1000, 1000) - places;
   end = num::writeInt(const_cast<char*>(e) + 1, exponent);
   out = num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
   return true;
@@ -411,7 +410,8 @@ struct FloatSink {
     char* end = num::writeInt(text, v);
     *end++ = 'e';
     end = num::writeInt(end, -places);
-    values.mutable_data()[i] = num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
+    values.mutable_data()[i] =
+        num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
   }
   void none(int64_t i) { values.mutable_data()[i] = std::numeric_limits<double>::quiet_NaN(); }
   void text(const FieldAt&, int64_t i, const std::string& canonical) {
@@ -528,7 +528,8 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
                                                   : numberColumn<ScaledSink>(at, count, places, scratch);
         values = std::move(made.first);
         mask = std::move(made.second);
-        if (numbers != Numbers::Scaled) kind = numbers == Numbers::Float ? ColumnKind::Float : ColumnKind::Decimal;
+        if (numbers != Numbers::Scaled)
+          kind = numbers == Numbers::Float ? ColumnKind::Float : ColumnKind::Decimal;
         break;
       }
       case ColumnKind::Real:
@@ -551,13 +552,15 @@ py::dict scaledFields(const BlockInfo& block) {
   py::dict scales;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
-    if (kindOf(field) == ColumnKind::Scaled) scales[py::str(field.szFieldName)] = std::max(field.nDecimalLen, 0);
+    if (kindOf(field) == ColumnKind::Scaled)
+      scales[py::str(field.szFieldName)] = std::max(field.nDecimalLen, 0);
   }
   return scales;
 }
 
 py::array decimalsOfScaled(const py::array& values, const py::object& blank, int32_t places) {
-  if (places < 0 || places > 18) throw py::value_error("scale must be 0 to 18, not " + std::to_string(places));
+  if (places < 0 || places > 18)
+    throw py::value_error("scale must be 0 to 18, not " + std::to_string(places));
   const auto scaled = py::array_t<int64_t, py::array::c_style | py::array::forcecast>::ensure(values);
   if (!scaled || scaled.ndim() != 1) throw py::type_error("the values must be a one-dimensional int64 array");
   const int64_t count = scaled.shape(0);
@@ -578,6 +581,26 @@ py::array decimalsOfScaled(const py::array& values, const py::object& blank, int
   }
   return std::move(sink.values);
 }
+
+namespace {
+
+// The Python value of the record's field, the form decode gives.
+py::object recordValue(const FieldAt& at, int64_t record, std::string& text, const py::object& decimal) {
+  at.canonical(record, text);
+  py::object item;
+  if (value::valueKind(at.field) == value::ValueKind::Text)
+    item = py::reinterpret_steal<py::object>(newStr(text));
+  else if (text.empty())
+    item = py::none();
+  else if (at.field.nDecimalLen > 0)
+    item = decimal(py::str(text));
+  else
+    item = py::reinterpret_steal<py::object>(PyLong_FromString(text.c_str(), nullptr, 10));
+  if (!item) throw py::error_already_set();
+  return item;
+}
+
+}  // namespace
 
 py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
                        int64_t stride, const RecordSource& source, bool showSecrets) {
@@ -603,20 +626,8 @@ py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t*
   for (int64_t record = 0; record < count; ++record) {
     py::dict values;
     for (const Field& f : fields) {
-      py::object item;
-      if (f.secret) {
-        item = masked;  // not even read: a message about its bytes would show them
-      } else if (f.at.canonical(record, text), value::valueKind(f.at.field) == value::ValueKind::Text) {
-        item = py::reinterpret_steal<py::object>(newStr(text));
-      } else if (text.empty()) {
-        item = py::none();
-      } else if (f.at.field.nDecimalLen > 0) {
-        item = decimal(py::str(text));
-      } else {
-        item = py::reinterpret_steal<py::object>(PyLong_FromString(text.c_str(), nullptr, 10));
-      }
-      if (!item) throw py::error_already_set();
-      values[f.name] = item;
+      // A secret is not even read: a message about its bytes would show them.
+      values[f.name] = f.secret ? masked : recordValue(f.at, record, text, decimal);
       if (!f.attrName.is_none())
         values[f.attrName] = py::int_(records[record * stride + f.at.field.nDataPos + f.at.field.nLength]);
     }

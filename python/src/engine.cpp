@@ -227,7 +227,8 @@ RecordValues recordFrom(py::handle record, const std::string& block, size_t inde
       int overflow = 0;
       const long long byte = PyLong_AsLongLongAndOverflow(value.ptr(), &overflow);
       if (overflow != 0 || byte < 0 || byte > 255)
-        throw py::value_error(at + " must be an attribute byte, 0 to 255, not " + py::str(value).cast<std::string>());
+        throw py::value_error(at + " must be an attribute byte, 0 to 255, not " +
+                              py::str(value).cast<std::string>());
       values.attrs.emplace_back(name.substr(0, name.size() - kAttr.size()), static_cast<uint8_t>(byte));
     } else if (!value.is_none()) {
       values.fields.emplace_back(name, valueText(value, where(block, index, name)));

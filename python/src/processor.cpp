@@ -489,7 +489,8 @@ void bindProcessor(py::module_& m) {
       .def("getFieldInfoFromName", inCall(&BlockInfo::getFieldInfoFromName),
            py::return_value_policy::reference_internal)
       .def("getKeyEncValue", inCall(&BlockInfo::getKeyEncValue), py::return_value_policy::reference_internal)
-      .def("findKeyEncValue", inCall(&BlockInfo::findKeyEncValue), py::return_value_policy::reference_internal)
+      .def("findKeyEncValue", inCall(&BlockInfo::findKeyEncValue),
+           py::return_value_policy::reference_internal)
       .def("getAttrRefSourceFieldInfo", inCall(&BlockInfo::getAttrRefSourceFieldInfo),
            py::return_value_policy::reference_internal)
       .def("isOccursBlock", inCall(&BlockInfo::isOccursBlock))
