@@ -604,7 +604,7 @@ py::object recordValue(const FieldAt& at, int64_t record, std::string& text, con
 
 py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
                        int64_t stride, const RecordSource& source, bool showSecrets) {
-  const py::str masked("********");
+  const py::object masked = py::str("********");
   const py::object decimal = py::module_::import("decimal").attr("Decimal");
   struct Field {
     FieldAt at;
