@@ -13,6 +13,6 @@ compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$build/CMakeCache.txt")
 # The runtime maps its shadow at fixed addresses, which a randomised layout may already hold: run without
 # address randomisation. A report fails the run.
 setarch "$(uname -m)" -R env LD_PRELOAD="$("$compiler" -print-file-name=libtsan.so)" \
-  TSAN_OPTIONS="halt_on_error=1:exitcode=66:report_signal_unsafe=0" \
+  TSAN_OPTIONS="halt_on_error=1:exitcode=66:report_signal_unsafe=0:suppressions=$PWD/scripts/tsan.supp" \
   PYTHONPATH="$built/python" PYTHONDONTWRITEBYTECODE=1 \
   /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests/test_threads.py

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "blockproc/data/BlockInfo.h"
 
@@ -62,6 +63,10 @@ class ProcessorCall {
   static void memoised(PyBlockInfo* block);
   // Forgets a block that is going away.
   static void forgotten(PyBlockInfo* block) noexcept;
+
+ private:
+  // The blocks memoised during this call when it is the outermost one of its thread.
+  std::vector<PyBlockInfo*> m_memoised;
 };
 
 // Drops what a Python block remembered during a processor call (processor.cpp).

@@ -11,13 +11,15 @@ namespace blockproc::python {
 
 namespace {
 
-// Errors and memoised blocks of the processor calls of this thread.
+// Errors and memoised blocks of the processor calls of this thread. Nothing here needs destroying when the
+// thread ends (the memoised blocks are listed by the outermost call, on its stack): a thread_local destructor
+// runs after Python has let go of the thread, where no lock orders it before the thread's memory is reused.
 struct CallState {
   int depth = 0;
   PyObject* type = nullptr;
   PyObject* value = nullptr;
   PyObject* trace = nullptr;
-  std::vector<PyBlockInfo*> memoised;
+  std::vector<PyBlockInfo*>* memoised = nullptr;
 };
 thread_local CallState t_call;
 // Calls in progress on any thread: descriptors are frozen while one runs (an override may let other threads
@@ -43,15 +45,15 @@ ByteView::~ByteView() {
 }
 
 ProcessorCall::ProcessorCall() noexcept {
-  ++t_call.depth;
+  if (t_call.depth++ == 0) t_call.memoised = &m_memoised;
   ++g_activeCalls;
 }
 
 ProcessorCall::~ProcessorCall() {
   --g_activeCalls;
   if (--t_call.depth > 0) return;
-  for (PyBlockInfo* block : t_call.memoised) forgetMemo(block);
-  t_call.memoised.clear();
+  for (PyBlockInfo* block : m_memoised) forgetMemo(block);
+  t_call.memoised = nullptr;
   // An error not raised by finish (the call ended by another exception) is dropped.
   Py_CLEAR(t_call.type);
   Py_CLEAR(t_call.value);
@@ -90,13 +92,14 @@ void ProcessorCall::deferCurrentError() noexcept {
 }
 
 void ProcessorCall::memoised(PyBlockInfo* block) {
-  for (PyBlockInfo* b : t_call.memoised)
+  if (t_call.memoised == nullptr) return;
+  for (PyBlockInfo* b : *t_call.memoised)
     if (b == block) return;
-  t_call.memoised.push_back(block);
+  t_call.memoised->push_back(block);
 }
 
 void ProcessorCall::forgotten(PyBlockInfo* block) noexcept {
-  std::erase(t_call.memoised, block);
+  if (t_call.memoised != nullptr) std::erase(*t_call.memoised, block);
 }
 
 void checkChangeable(const void* descriptor) {
