@@ -321,13 +321,19 @@ py::array textColumn(const FieldAt& at, int64_t count, std::string& scratch) {
 }
 
 // decimal.Decimal objects of scaled values. A column's values come back often (prices, rates), and a Decimal
-// is immutable, so each one made is kept in a direct-mapped table of kSlots by its scaled value and handed
-// out again: a value seen before costs a lookup, a new one its text and one call of decimal.Decimal.
+// is immutable, so each one made is kept in a direct-mapped table by its scaled value and handed out again: a
+// value seen before costs a lookup (about 6 ns), a new one a call of decimal.Decimal, given the int itself
+// when there are no places (about 110 ns) or else the text "<int>E-<places>" (about 160 ns). The table takes
+// twice the column's records in slots, up to kSlots (64 KiB).
 class DecimalMaker {
  public:
   static constexpr size_t kSlots = 4096;
-  explicit DecimalMaker(int32_t places)
-      : m_type(py::module_::import("decimal").attr("Decimal")), m_places(places), m_slots(kSlots) {}
+  DecimalMaker(int32_t places, int64_t records)
+      : m_type(py::module_::import("decimal").attr("Decimal")),
+        m_places(places),
+        m_slots(
+            std::min<size_t>(kSlots, std::bit_ceil(static_cast<size_t>(std::max<int64_t>(records, 8)) * 2))),
+        m_shift(64 - std::countr_zero(m_slots.size())) {}
   ~DecimalMaker() {
     for (Slot& s : m_slots) Py_XDECREF(s.value);
   }
@@ -336,13 +342,9 @@ class DecimalMaker {
 
   // A new reference to the Decimal of scaled * 10^-places.
   PyObject* scaled(int64_t value) {
-    Slot& slot = m_slots[(static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL) >> 52];
+    Slot& slot = m_slots[(static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL) >> m_shift];
     if (slot.value != nullptr && slot.key == value) return newRef(slot.value);
-    char text[num::kIntRoom + 24];
-    char* end = num::writeInt(text, value);
-    *end++ = 'E';
-    end = num::writeInt(end, -m_places);
-    PyObject* made = fromText(std::string_view(text, static_cast<size_t>(end - text)));
+    PyObject* made = m_places == 0 ? fromInt(value) : fromText(scaledText(value));
     Py_XDECREF(slot.value);
     slot.value = newRef(made);
     slot.key = value;
@@ -351,12 +353,7 @@ class DecimalMaker {
   // A new reference to the Decimal of a number's text (any size; the decimal context never rounds a
   // conversion from text).
   PyObject* fromText(std::string_view text) {
-    PyObject* s = PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size()));
-    if (s == nullptr) throw py::error_already_set();
-    PyObject* made = PyObject_CallOneArg(m_type.ptr(), s);
-    Py_DECREF(s);
-    if (made == nullptr) throw py::error_already_set();
-    return made;
+    return fromObject(PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
   }
 
  private:
@@ -368,9 +365,26 @@ class DecimalMaker {
     Py_INCREF(value);
     return value;
   }
+  std::string_view scaledText(int64_t value) {
+    char* end = num::writeInt(m_text, value);
+    *end++ = 'E';
+    end = num::writeInt(end, -m_places);
+    return {m_text, static_cast<size_t>(end - m_text)};
+  }
+  PyObject* fromInt(int64_t value) { return fromObject(PyLong_FromLongLong(value)); }
+  // Decimal(argument), the argument's reference taken.
+  PyObject* fromObject(PyObject* argument) {
+    if (argument == nullptr) throw py::error_already_set();
+    PyObject* made = PyObject_CallOneArg(m_type.ptr(), argument);
+    Py_DECREF(argument);
+    if (made == nullptr) throw py::error_already_set();
+    return made;
+  }
   py::object m_type;
   int32_t m_places;
   std::vector<Slot> m_slots;
+  int m_shift;
+  char m_text[2 * num::kIntRoom + 1];
 };
 
 // Where a number column's values go, one of three forms: the scaled int64 with a mask, float64 (NaN for a
@@ -427,7 +441,7 @@ struct DecimalSink {
   DecimalSink(int64_t count, int32_t places)
       : values(py::dtype("O"), std::vector<py::ssize_t>{static_cast<py::ssize_t>(count)}),
         out(static_cast<PyObject**>(values.mutable_data())),
-        maker(places) {}
+        maker(places, count) {}
   void scaled(int64_t i, int64_t v) { out[i] = maker.scaled(v); }
   void none(int64_t i) { out[i] = newRef(Py_None); }
   void text(const FieldAt&, int64_t i, const std::string& canonical) { out[i] = maker.fromText(canonical); }
