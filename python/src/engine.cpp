@@ -96,10 +96,9 @@ std::vector<Slice> split(const Definition& def, const ByteView& reply, const std
   const bool restOpen = received.ok && !received.slices.empty() && received.slices.back().open;
   if (head < reply.size() && !restOpen)
     throw py::value_error(source + ": a reply of " + internal::withThousands(reply.size()) +
-                          " bytes is more than its blocks take (" +
-                          (received.ok ? internal::withThousands(received.used) + " bytes"
-                                       : "no count=\"rest\" block; " + received.message) +
-                          ")");
+                          " bytes is more than the " + internal::withThousands(head) +
+                          " a reply takes unless a count=\"rest\" block takes what follows" +
+                          (received.ok ? "" : " (" + received.message + ")"));
   if (!received.ok) throw py::value_error(source + ": " + received.message);
   std::vector<Slice> slices;
   for (const auto& slice : received.slices) {

@@ -179,11 +179,11 @@ def test_a_reply_beyond_2_gib_is_read_when_its_last_block_takes_the_rest():
         assert len(frame) == records and frame["t"].iloc[0] == "first" and frame["t"].iloc[-1] == "last"
         assert blockproc.to_pandas(definition, reply, "H")["n"].tolist() == [42]
         del frame
-        # Without a rest block a reply that long is more than its blocks take.
+        # Without a rest block a reply that long is refused.
         fixed = blockproc.load_definition(
             "<transaction code='T'><output><block name='H'><field name='n' type='number' length='6'/></block>"
             "</output></transaction>")
-        with pytest.raises(ValueError, match="a reply of 2,148,000,006 bytes is more than its blocks take"):
+        with pytest.raises(ValueError, match="a reply of 2,148,000,006 bytes is more than the 2,147,483,647 a reply takes unless"):
             blockproc.to_pandas(fixed, reply, "H")
     finally:
         reply.close()
