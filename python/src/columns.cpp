@@ -322,20 +322,34 @@ py::array textColumn(const FieldAt& at, int64_t count, std::string& scratch) {
 
 // decimal.Decimal objects of scaled values. A column's values come back often (prices, rates), and a Decimal
 // is immutable, so each one made is kept in a direct-mapped table by its scaled value and handed out again: a
-// value seen before costs a lookup (about 6 ns), a new one a call of decimal.Decimal, given the int itself
-// when there are no places (about 110 ns) or else the text "<int>E-<places>" (about 160 ns). The table takes
-// twice the column's records in slots, up to kSlots (64 KiB).
+// value seen before costs a lookup (about 6 ns), a new one the product of Decimal("1E-<places>") and the int
+// (about 110 ns; a Decimal made from its text takes twice that). A product is rounded to the thread's decimal
+// context, so while the maker lives the thread has its own context, with room for every 64-bit integer; the
+// caller's comes back when it goes. The table takes twice the column's records in slots, up to kSlots (64
+// KiB).
 class DecimalMaker {
  public:
   static constexpr size_t kSlots = 4096;
   DecimalMaker(int32_t places, int64_t records)
-      : m_type(py::module_::import("decimal").attr("Decimal")),
-        m_places(places),
+      : m_module(py::module_::import("decimal")),
+        m_type(m_module.attr("Decimal")),
+        m_unit(m_type("1E" + std::to_string(-places))),
+        m_saved(m_module.attr("getcontext")()),
         m_slots(
             std::min<size_t>(kSlots, std::bit_ceil(static_cast<size_t>(std::max<int64_t>(records, 8)) * 2))),
-        m_shift(64 - std::countr_zero(m_slots.size())) {}
+        m_shift(64 - std::countr_zero(m_slots.size())) {
+    m_module.attr("setcontext")(
+        m_module.attr("Context")(py::arg("prec") = 40, py::arg("traps") = py::list()));
+  }
   ~DecimalMaker() {
     for (Slot& s : m_slots) Py_XDECREF(s.value);
+    // Put back with any error being raised kept aside.
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    PyObject* done = PyObject_CallOneArg(m_module.attr("setcontext").ptr(), m_saved.ptr());
+    if (done == nullptr) PyErr_WriteUnraisable(nullptr);
+    Py_XDECREF(done);
+    PyErr_Restore(type, value, trace);
   }
   DecimalMaker(const DecimalMaker&) = delete;
   DecimalMaker& operator=(const DecimalMaker&) = delete;
@@ -344,7 +358,11 @@ class DecimalMaker {
   PyObject* scaled(int64_t value) {
     Slot& slot = m_slots[(static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL) >> m_shift];
     if (slot.value != nullptr && slot.key == value) return newRef(slot.value);
-    PyObject* made = m_places == 0 ? fromInt(value) : fromText(scaledText(value));
+    PyObject* number = PyLong_FromLongLong(value);
+    if (number == nullptr) throw py::error_already_set();
+    PyObject* made = PyNumber_Multiply(m_unit.ptr(), number);
+    Py_DECREF(number);
+    if (made == nullptr) throw py::error_already_set();
     Py_XDECREF(slot.value);
     slot.value = newRef(made);
     slot.key = value;
@@ -365,13 +383,6 @@ class DecimalMaker {
     Py_INCREF(value);
     return value;
   }
-  std::string_view scaledText(int64_t value) {
-    char* end = num::writeInt(m_text, value);
-    *end++ = 'E';
-    end = num::writeInt(end, -m_places);
-    return {m_text, static_cast<size_t>(end - m_text)};
-  }
-  PyObject* fromInt(int64_t value) { return fromObject(PyLong_FromLongLong(value)); }
   // Decimal(argument), the argument's reference taken.
   PyObject* fromObject(PyObject* argument) {
     if (argument == nullptr) throw py::error_already_set();
@@ -380,11 +391,10 @@ class DecimalMaker {
     if (made == nullptr) throw py::error_already_set();
     return made;
   }
-  py::object m_type;
-  int32_t m_places;
+  py::module_ m_module;
+  py::object m_type, m_unit, m_saved;
   std::vector<Slot> m_slots;
   int m_shift;
-  char m_text[2 * num::kIntRoom + 1];
 };
 
 // Where a number column's values go, one of three forms: the scaled int64 with a mask, float64 (NaN for a

@@ -116,8 +116,9 @@ def test_as_decimal_is_exact_at_every_scale_and_sign():
     values = [0, 1, -1, 5, -5, 10**17, -(10**17), 2**63 - 1, -(2**63), 123456789]
     frame = pd.DataFrame({"v": pd.array(values + [None], dtype="Int64")})
     for scale in (0, 1, 2, 9, 18):
-        with decimal.localcontext(prec=3):
+        with decimal.localcontext(prec=3) as caller:
             got = blockproc.as_decimal(frame, "v", scale).tolist()
+            assert decimal.getcontext() is caller and caller.prec == 3  # the caller's context is back
         assert got == [D(v).scaleb(-scale, decimal.Context(prec=40)) for v in values] + [None]
         assert str(got[2]) == str(D("-1").scaleb(-scale))  # the exponent the scale gives: -0.01, not -1E-2
 
