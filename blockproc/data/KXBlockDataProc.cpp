@@ -208,7 +208,12 @@ int32_t KXBlockDataProc::calcPacketSize() const noexcept {
 void KXBlockDataProc::DefaultMemory() noexcept {
   if (m_oBlockInfo == nullptr) return;
   const BlockInfo& block = *m_oBlockInfo;
-  const int32_t count = (block.m_nBlockType & kBlockTypeRepeat) != 0 ? block.m_nRepeatCount : 1;
+  layOutDefaults((block.m_nBlockType & kBlockTypeRepeat) != 0 ? block.m_nRepeatCount : 1);
+}
+
+void KXBlockDataProc::layOutDefaults(int32_t count) noexcept {
+  if (m_oBlockInfo == nullptr) return;
+  const BlockInfo& block = *m_oBlockInfo;
   const int32_t r = recordSize();
   const int64_t size = int64_t{count} * r;
   if (count <= 0 || r <= 0 || size > kInt32Max) {

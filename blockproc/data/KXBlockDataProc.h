@@ -110,6 +110,9 @@ class KXBlockDataProc {
   // holds C records already. C of 0 or below, R of 0 or below, or C * R beyond 32 bits lays out nothing
   // (an existing buffer stays) and sets both counts to 0.
   void DefaultMemory() noexcept;
+  // As DefaultMemory with C = `count` whatever the block's repeat: lays out exactly the records a caller is
+  // about to fill, leaving the block definition (which other processors and threads may share) untouched.
+  void layOutDefaults(int32_t count) noexcept;
   // Same as wipeBuffer().
   void clearData() noexcept;
   // Blanks every byte of the buffer to spaces, empties the dynamic input list, valid record count 0.

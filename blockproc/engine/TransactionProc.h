@@ -63,9 +63,9 @@ class TransactionProc : public BaseDataProc {
   // One processor per block of the definition (not owned; it must outlive this parent), in the
   // definition's encoding, laid out with one record of default contents (a repeated block's repeat caps
   // the records it takes; they are laid out as they are received or built), linked to this parent, with
-  // the block's link element loaded. Throws only std::bad_alloc. Making a parent and building set a
-  // repeated block's repeat to the records being laid out and put it back before returning, so threads
-  // sharing a definition do neither while another reads it.
+  // the block's link element loaded. Throws only std::bad_alloc. Neither making a parent nor using it
+  // changes the definition (a key-encrypted value, which would go into it, is refused): parents on many
+  // threads may share one definition.
   explicit TransactionProc(TransactionDefinition& definition);
   ~TransactionProc() override;
   TransactionProc(const TransactionProc&) = delete;
