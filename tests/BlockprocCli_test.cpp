@@ -297,6 +297,32 @@ TEST(BlockprocCli, ChecksWhatItReadsAndWrites) {
       readFile(dir + "/Out.csv").starts_with("txt,num,wide,small,whole,i16,totvol,f0,f2,d0\nABC,0.00,"));
 }
 
+// A stream of a one-record block's records is shown as records, newest first, in every format, with the
+// same output from threads side by side (the definition itself is not made a repeated block for it).
+TEST(BlockprocCli, ShowsTheStreamOfAOneRecordBlockAsRecords) {
+  const std::string def = allTypesPath();
+  const auto record = [](const std::string& txt) {
+    return txt + "0000000.00" + std::string(21 + 3 + 8, '0') + std::string(2 + 8 + 4 + 4 + 8, '\0');
+  };
+  const std::string stream = tempPath("out_stream");
+  writeFile(stream, record("ABC") + record("XYZ"));
+  const std::string realtime = "realtime '" + def + "' '" + stream + "' --block Out --format ";
+  const std::string rest = R"(,"num":0.00,"wide":0.00,"small":0.0,"whole":0,"i16":0,"totvol":0,"f0":0,)"
+                           R"("f2":0.00,"d0":0})";
+  const struct {
+    std::string format, part;
+  } cases[] = {{"jsonl", R"({"block":"Out","record":0,"txt":"XYZ")" + rest + "\n" +
+                             R"({"block":"Out","record":1,"txt":"ABC")" + rest + "\n"},
+               {"json", "\"Out\": [\n      {\n        \"txt\": \"XYZ\""},
+               {"table", "Out: 2 records\n#  txt"}};
+  for (const auto& c : cases) {
+    const Outcome r = run(realtime + c.format);
+    EXPECT_EQ(r.code, 0) << c.format << r.err;
+    EXPECT_NE(r.out.find(c.part), std::string::npos) << c.format << "\n" << r.out;
+    EXPECT_EQ(run(realtime + c.format + " --jobs 2 --chunk-bytes 71").out, r.out) << c.format;
+  }
+}
+
 // A request built by encode is read back by decode and hexdump with --request.
 TEST(BlockprocCli, ReadsRequestsBack) {
   const std::string def = allTypesPath();

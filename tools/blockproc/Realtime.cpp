@@ -28,7 +28,7 @@ int runRealtime(const RealtimeOptions& options) {
   if (proc == nullptr)
     throw Failure{kExitUsage,
                   "no block named '" + options.block + "'; the definition has " + blockNames(*session.proc)};
-  BlockInfo& block = *proc->getBlockInfo();
+  const BlockInfo& block = *proc->getBlockInfo();
   const int64_t recordSize = block.getRecordMemSize();
   if (recordSize <= 0) throw Failure{kExitData, "block " + block.m_szBlockName + " has no bytes to a record"};
 
@@ -38,9 +38,6 @@ int runRealtime(const RealtimeOptions& options) {
   const int64_t shown = options.keep > 0 ? std::min<int64_t>(options.keep, records) : records;
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
   const int64_t pieceRecords = std::max<int64_t>(chunk / options.jobs / recordSize, 1);  // one thread's
-  // The block is laid out as repeated, one piece of records at most.
-  block.setRepeat(static_cast<int32_t>(std::clamp<int64_t>(std::min(shown, pieceRecords), 1, INT32_MAX)));
-  proc->DefaultMemory();
 
   Output out("");
   if (render.format == Format::Table)
@@ -48,7 +45,7 @@ int runRealtime(const RealtimeOptions& options) {
                  withThousands(records) + " in the stream)\n\n";
   Warnings warnings;
   RecordWriter writer(out, session.definition->tran.getTrCode(), render, warnings);
-  writer.beginBlock(*proc, shown);
+  writer.beginBlock(*proc, shown, true);  // a stream of records, whatever the block's repeat
   Progress progress(!options.quiet, shown * recordSize);
   // With --jobs, each round reads one piece per thread, the newest piece first.
   std::string batch;
