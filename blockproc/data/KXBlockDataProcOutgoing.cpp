@@ -14,8 +14,8 @@ namespace {
 using internal::kSpace;
 
 // memcpy for the short runs that fields mostly are: fixed-size, possibly overlapping moves the compiler
-// inlines, instead of a library call per field. Packing a 20-field record takes 58 ns with it and 84 ns
-// with a plain std::memcpy per field (BM_PackRequestRecord20Fields, Release, one pinned core).
+// inlines, instead of a library call per field, which packing a record otherwise spends most of its time
+// in (BM_PackRequestRecord20Fields).
 void copyField(uint8_t* to, const uint8_t* from, size_t n) noexcept {
   if (n >= 8 && n <= 16) {
     std::memcpy(to, from, 8);
