@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "blockproc/util/Internal.h"
+
 namespace blockproc {
 namespace {
 

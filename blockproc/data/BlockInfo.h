@@ -11,11 +11,11 @@
 #include <vector>
 
 #include "blockproc/data/FieldInfo.h"
-#include "blockproc/data/FieldNameIndex.h"
 
 namespace blockproc {
 
 class TranInfo;
+class FieldNameIndex;  // the library's own name index
 
 enum RCL_TYPE : int32_t { RCL_OCCURSLEN = 0, RCL_RESTDATA = 1, RCL_BLOCKFIELD_ID = 2 };
 using KeyEncDict = std::map<std::string, std::string>;  // the key-encryption dictionary
@@ -37,7 +37,7 @@ class BlockInfo {
   RCL_TYPE m_nRecordLenApplyType = RCL_OCCURSLEN;
   TranInfo* m_oTranInfo = nullptr;                          // the transaction it belongs to; not owned
   std::vector<std::unique_ptr<FieldInfo>> m_FieldInfoList;  // block order
-  FieldNameIndex m_FieldMap;                                // first field of each name
+  std::unique_ptr<FieldNameIndex> m_FieldMap;               // first field of each name (made by addField)
   int32_t m_nRecordIOSize = -1;     // record field size when 0 or more; below 0 it is worked out
   int32_t m_nRecordIOMemSize = -1;  // record memory size when 0 or more; below 0 it is worked out
   int32_t m_nRecordSendSize = 0;    // unused by the processor
@@ -46,7 +46,7 @@ class BlockInfo {
   std::map<std::string, const FieldInfo*, std::less<>> m_dicAttrFieldInfo;  // attribute-source key → field
   std::string m_strRecordLenSubInfo;  // RCL_BLOCKFIELD_ID: "Block.Field" whose value is the record count
 
-  BlockInfo() = default;
+  BlockInfo();
   // An empty one-record block of that name.
   explicit BlockInfo(std::string name);
   BlockInfo(const BlockInfo&) = delete;

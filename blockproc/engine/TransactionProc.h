@@ -19,7 +19,6 @@
 #include "blockproc/data/BaseDataProc.h"
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/engine/DefinitionLoader.h"
-#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 
