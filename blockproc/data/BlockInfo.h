@@ -1,5 +1,14 @@
 #pragma once
 // The block definition: the fields of one block's record in block order, and how many records it holds.
+//
+// Usage:
+//
+//   BlockInfo block("OutBlock1");
+//   block.setRepeat(20);                                     // up to 20 records; one without it
+//   block.addField("time", kFieldText, 6);                   // at byte 0
+//   block.addField("price", kFieldNumText, 10, 2);           // right behind it, at byte 6
+//   int32_t recordBytes = block.getRecordMemSize();          // 16
+//   const FieldInfo* price = block.getFieldInfoFromName("price");
 
 #include <atomic>
 #include <cstdint>

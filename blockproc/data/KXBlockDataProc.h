@@ -9,6 +9,16 @@
 // whose bytes would fall outside reads as the empty string and is not written. Nothing is thrown and
 // nothing is logged. A processor is used by one thread at a time; a write or a receive may replace the
 // record buffer, so no pointer into it may outlive such a call.
+//
+// Usage:
+//
+//   BlockInfo block("OutBlock1");
+//   block.setRepeat(20);
+//   block.addField("price", kFieldNumText, 8);
+//   KXBlockDataProc proc(&block);
+//   proc.setData(reply, 0, replySize);                  // the reply's records
+//   for (int32_t i = 0; i < proc.getValidCount(); ++i)
+//     show(proc.getFieldDataFromName("price", i));      // "" when it cannot be read
 
 #include <cstdint>
 #include <memory>

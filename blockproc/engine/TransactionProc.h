@@ -7,6 +7,14 @@
 //   RCL_RESTDATA       the block takes the rest of the data (whole records only);
 //   RCL_BLOCKFIELD_ID  the count is the value of a field of an earlier one-record block ("Block.field").
 // A one-record block always takes exactly one record. Nothing is read past the end of the given bytes.
+//
+// Usage:
+//
+//   TransactionProc parent(definition);                      // one processor per block
+//   auto reply = parent.receiveReply(bytes, size);
+//   if (!reply.ok) return fail(reply.message);               // names the block and the byte counts
+//   KXBlockDataProc* ticks = parent.findBlockProc("OutBlock1");
+//   auto request = parent.buildRequest({{"InBlock", {{{{"shcode", "005930"}}, {}}}}});
 
 #include <cstdint>
 #include <map>
