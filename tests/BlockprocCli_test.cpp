@@ -11,6 +11,8 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "../bench/QuoteLayout.h"
 
@@ -183,14 +185,27 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
   }
 }
 
+// Each command's help lists the options it takes (the tuning --chunk-bytes left out) and exits 0; the
+// version is the project's, not a placeholder.
 TEST(BlockprocCli, AnswersHelpAndVersion) {
   const Outcome version = run("--version");
   EXPECT_EQ(version.code, 0);
-  EXPECT_EQ(version.out, "blockproc 0.1.0\n");
-  for (const char* command : {"", "inspect", "decode", "encode", "hexdump", "realtime", "check"}) {
-    const Outcome help = run(std::string(command) + " --help");
+  EXPECT_TRUE(version.out.starts_with("blockproc ") && version.out.ends_with("\n")) << version.out;
+  EXPECT_EQ(version.out.find_first_not_of("0123456789.\n", 10), std::string::npos) << version.out;
+  const std::pair<std::string, std::vector<std::string>> commands[] = {
+      {"", {"inspect", "decode", "encode", "hexdump", "realtime", "check", "--version"}},
+      {"decode",
+       {"--format", "--block", "--output-dir", "--request", "--raw", "--encoding", "--jobs", "--quiet"}},
+      {"encode", {"--output", "--reply", "--format", "--stream", "--strict", "--quiet"}},
+       {"check", {"--block", "--request", "--stream", "--format"}},
+      {"hexdump", {"--request", "--records", "--show-secrets"}},
+      {"realtime", {"--block", "--keep", "--format", "--jobs", "--order", "--follow", "--show-secrets"}}};
+  for (const auto& [command, options] : commands) {
+    const Outcome help = run(command + " --help");
     EXPECT_EQ(help.code, 0) << command;
-    EXPECT_NE(help.out.find("Usage:"), std::string::npos) << command;
+    for (const std::string& option : options)
+      EXPECT_NE(help.out.find(option), std::string::npos) << command << " --help lacks " << option;
+    EXPECT_EQ(help.out.find("--chunk-bytes"), std::string::npos) << command;
   }
 }
 
@@ -361,6 +376,32 @@ TEST(BlockprocCli, ChecksWhatItReadsAndWrites) {
   EXPECT_EQ(readFile(dir + "/Rows.csv"), "v\nx\ny\n");
   EXPECT_TRUE(
       readFile(dir + "/Out.csv").starts_with("txt,num,wide,small,whole,i16,totvol,f0,f2,d0\nABC,0.00,"));
+}
+
+// A stream of a one-record block's records is shown as records, newest first, in every format, with the
+// same output from threads side by side (the definition itself is not made a repeated block for it).
+TEST(BlockprocCli, ShowsTheStreamOfAOneRecordBlockAsRecords) {
+  const std::string def = allTypesPath();
+  const auto record = [](const std::string& txt) {
+    return txt + "0000000.00" + std::string(21 + 3 + 8, '0') + std::string(2 + 8 + 4 + 4 + 8, '\0');
+  };
+  const std::string stream = tempPath("out_stream");
+  writeFile(stream, record("ABC") + record("XYZ"));
+  const std::string realtime = "realtime '" + def + "' '" + stream + "' --block Out --format ";
+  const std::string rest = R"(,"num":0.00,"wide":0.00,"small":0.0,"whole":0,"i16":0,"totvol":0,"f0":0,)"
+                           R"("f2":0.00,"d0":0})";
+  const struct {
+    std::string format, part;
+  } cases[] = {{"jsonl", R"({"block":"Out","record":0,"txt":"XYZ")" + rest + "\n" +
+                             R"({"block":"Out","record":1,"txt":"ABC")" + rest + "\n"},
+               {"json", "\"Out\": [\n      {\n        \"txt\": \"XYZ\""},
+               {"table", "Out: 2 records\n#  txt"}};
+  for (const auto& c : cases) {
+    const Outcome r = run(realtime + c.format);
+    EXPECT_EQ(r.code, 0) << c.format << r.err;
+    EXPECT_NE(r.out.find(c.part), std::string::npos) << c.format << "\n" << r.out;
+    EXPECT_EQ(run(realtime + c.format + " --jobs 2 --chunk-bytes 71").out, r.out) << c.format;
+  }
 }
 
 // A request built by encode is read back by decode and hexdump with --request.

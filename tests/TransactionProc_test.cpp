@@ -11,6 +11,10 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 namespace {
@@ -232,6 +236,7 @@ TEST(TransactionProc, LaysOutTheRecordsGivenNotTheRepeat) {
   ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
   EXPECT_EQ(rebuilt.bytes, reply);
   EXPECT_EQ(rows.getBufCount(), 3);
+  EXPECT_EQ(rows.getBlockInfo()->m_nRepeatCount, 500000);  // the definition is left as loaded
 
   const auto request = t.proc->buildRequest({{"Keys", {{{{"k", "x"}}, {}}, {{{"k", "y"}}, {}}}}});
   ASSERT_TRUE(request.ok) << request.message;
@@ -318,6 +323,61 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
       tooWide.message,
       "block R, record 0, field imp: '12345678901.5' has 11 digits before the point; the field has room "
       "for 10");
+}
+
+// One definition shared by parents on 8 threads: each builds replies and requests of its own record
+// counts, splits them again and reads every value back, while the definition stays as loaded (run under
+// ThreadSanitizer by scripts/tsan.sh).
+TEST(TransactionProc, ParentsOnManyThreadsShareOneDefinition) {
+  const auto loaded = DefinitionLoader::loadString(R"(<transaction code='T'>
+<input><block name='Key'><field name='acct' type='text' length='8'/><field name='pin' type='text' length='4'
+  keyenc='true'/></block></input>
+<output><block name='Head'><field name='n' type='int16'/></block>
+<block name='Rows' repeat='400' count='Head.n'><field name='name' type='text' length='6'/>
+  <field name='px' type='number' length='9' decimals='2'/><field name='vol' type='int64'/></block></output>
+</transaction>)",
+                                                   "shared.xml");
+  ASSERT_TRUE(loaded) << loaded.description();
+  TransactionDefinition& def = *loaded.definition;
+  const BlockInfo& rowsDef = *def.tran.findBlock("Rows");
+  // Values as the fields show them: text filling its field, numbers zero-padded.
+  const auto padded = [](int value, size_t digits) {
+    const std::string text = std::to_string(value);
+    return std::string(digits - text.size(), '0') + text;
+  };
+  const auto row = [&](int thread, int i) {
+    return RecordValues{{{"name", "t" + std::to_string(thread) + "r" + padded(i, 3)},
+                         {"px", padded(thread * 100 + i % 50, 6) + ".25"},
+                         {"vol", std::to_string(-int64_t{thread} * 1'000'000'007 - i)}},
+                        {}};
+  };
+  std::vector<std::string> failures(8);
+  const auto work = [&](int thread) {
+    std::string& failure = failures[static_cast<size_t>(thread)];
+    for (int round = 0; round < 6 && failure.empty(); ++round) {
+      const int count = 1 + (thread * 37 + round * 61) % 400;
+      BlockValues rows{"Rows", {}};
+      for (int i = 0; i < count; ++i) rows.records.push_back(row(thread, i));
+      TransactionProc builder(def);
+      const auto reply = builder.buildReply({rows});
+      const auto request = builder.buildRequest({{"Key", {{{{"acct", "A" + std::to_string(thread)}}, {}}}}});
+      if (!reply.ok || !request.ok) failure = reply.message + request.message;
+      TransactionProc reader(def);
+      const auto split = reader.receiveReply(reply.bytes.data(), static_cast<int64_t>(reply.bytes.size()));
+      const KXBlockDataProc& got = *reader.findBlockProc("Rows");
+      if (!split.ok || got.getValidCount() != count) failure = "split: " + split.message;
+      for (int i = 0; i < count && failure.empty(); ++i)
+        for (const auto& [field, value] : row(thread, i).fields)
+          if (got.getFieldDataFromName(field, i) != value)
+            failure = field + " of record " + std::to_string(i) + ": " + got.getFieldDataFromName(field, i);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int k = 0; k < 8; ++k) threads.emplace_back(work, k);
+  for (std::thread& t : threads) t.join();
+  for (size_t k = 0; k < failures.size(); ++k) EXPECT_EQ(failures[k], "") << "thread " << k;
+  EXPECT_TRUE(rowsDef.isOccursBlock());
+  EXPECT_EQ(rowsDef.m_nRepeatCount, 400);
 }
 
 TEST(TransactionProc, WritesThousandsSeparators) {

@@ -66,19 +66,11 @@ int64_t sendRecordSize(const BlockInfo& block) {
 }
 
 // Blanks every byte of the block's buffer, then lays out exactly `records` records of defaults (one for a
-// one-record block). A repeated block's repeat caps the records it takes, not the memory it starts with, so
-// the definition's repeat stands in for `records` only while the processor lays them out, and is restored
-// on leaving.
+// one-record block). A repeated block's repeat caps the records it takes, not the memory it starts with; the
+// definition is only read, so parents on many threads may share it.
 void layOutDefaults(KXBlockDataProc& proc, int32_t records) noexcept {
-  BlockInfo& block = *proc.getBlockInfo();
-  struct RepeatOverride {
-    BlockInfo& block;
-    int32_t cap;
-    ~RepeatOverride() { block.m_nRepeatCount = cap; }
-  } restore{block, block.m_nRepeatCount};
-  if (block.isOccursBlock()) block.m_nRepeatCount = records;
   proc.wipeBuffer();
-  proc.DefaultMemory();
+  proc.layOutDefaults(proc.isOccursBlock() ? records : 1);
 }
 
 }  // namespace

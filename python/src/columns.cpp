@@ -114,8 +114,8 @@ enum class Plain { Value, Blank, Other };
 // Numeric text of the wire as value * 10^places, when it is in the form replies carry: spaces, an optional
 // sign, at most 18 digits with none or at most `places` after a point (without one the last `places` digits
 // are the decimals), then spaces or NULs. The engine reads these bytes as the same value; Other for anything
-// else, which the caller hands to the engine. Kept for speed: about 5 ns a field against 25 for rendering the
-// canonical text and reading it back (each of the five number fields of the benchmark's quote capture).
+// else, which the caller hands to the engine. Kept for speed: several times faster than rendering the
+// canonical text and reading it back (the number fields of the quote capture, bench/python_bench.py).
 Plain plainScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept {
   size_t end = bytes.size(), i = 0;
   while (end > 0 && (bytes[end - 1] == ' ' || bytes[end - 1] == '\0')) --end;
@@ -179,15 +179,15 @@ bool realValue(std::string_view bytes, bool isFloat, int32_t places, double& out
 // (times): each field content is compared with the previous record's, then looked up in a table of the strs
 // made so far (four slots a key may take), so a value is decoded once while it keeps coming back. A slot
 // keeps its key's hash and a copy of its first kKeyBytes bytes: comparing against an earlier record's bytes
-// instead would read a random place of the input (30 ns more per field on the quote capture). A 40-byte cp949
-// name seen before costs about 15 ns, one seen for the first time about 250 ns (decoding and a new str). When
+// instead would read a random place of the input (a cache miss per field on the quote capture). A name seen
+// before costs a lookup, one seen for the first time a decode and a new str (bench/python_bench.py). When
 // the four slots are taken, a new value replaces one of them.
 class TextCache {
  public:
   static constexpr size_t kSlots = 4096, kWays = 4, kKeyBytes = 48;
   // A table of `records` records has at most that many values: it takes twice their slots, up to kSlots
-  // (about 295 KB), so that a small frame does not make and clear the whole table per text column (one record
-  // and ten text columns: 35 us with the full table).
+  // (about 295 KB), so that a small frame does not make and clear the whole table per text column (a frame of
+  // one record would spend nearly all its time clearing it).
   explicit TextCache(int64_t records)
       : m_slots(
             std::min<size_t>(kSlots, std::bit_ceil(static_cast<size_t>(std::max<int64_t>(records, 8)) * 2))),

@@ -83,9 +83,8 @@ struct Slice {
 // Splits the reply among the output blocks as the tool does; a reply that does not fit raises ValueError.
 // The columns read the caller's bytes, so no block needs its records copied: the rest block (always the last)
 // is only measured, and the splitting parent goes with the copies the other blocks took once the slices are
-// known. Kept with the definition, it held a copy of every reply: to_pandas of a 200 MB reply peaked at 709
-// MB RSS and kept 200 MB after `del`; now 513 MB and nothing kept, and 0.19 s instead of 0.21 s. The parent
-// is made with the GIL held throughout: making one briefly sets the definition's repeats.
+// known: kept with the definition, it would hold a copy of every reply (docs/benchmarks.md). Making the
+// parent leaves the definition untouched, so threads may share it.
 // The splitter takes at most 2 GiB; a longer reply hands it the first 2 GiB, which hold every block before a
 // count="rest" block (a rest block is measured here, whatever its size). A longer reply without one is
 // refused.

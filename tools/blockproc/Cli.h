@@ -171,6 +171,9 @@ class RecordWriter {
   // Starts a block of `count` records, or of records up to the end of the input when `count` is -1 (a table
   // then gives the count after them).
   void beginBlock(const KXBlockDataProc& proc, int64_t count);
+  // As beginBlock, the records shown as a repeated block's when `repeated` (a real-time stream's records,
+  // say), one record's fields otherwise, whatever the block definition says.
+  void beginBlock(const KXBlockDataProc& proc, int64_t count, bool repeated);
   // The processor's valid records, numbered from `first`.
   void records(const KXBlockDataProc& proc, int64_t first);
   // Records of the block begun, read from pieces of received bytes, each decoded on a thread of its own by

@@ -110,12 +110,11 @@ std::vector<Range> rangesOf(const TransactionProc::ReplyResult& received, std::s
 std::vector<Range> streamRanges(KXBlockDataProc& proc, std::string_view data, int64_t limit,
                                 bool showSecrets) {
   std::vector<Range> out;
-  BlockInfo& block = *proc.getBlockInfo();
+  const BlockInfo& block = *proc.getBlockInfo();
   const int64_t recordSize = block.getRecordMemSize(), size = static_cast<int64_t>(data.size());
   if (recordSize <= 0) throw Failure{kExitData, "block " + block.m_szBlockName + " has no bytes to a record"};
   const int64_t whole = size / recordSize, shown = std::min(whole, limit);
-  block.setRepeat(static_cast<int32_t>(std::max<int64_t>(shown, 1)));
-  proc.DefaultMemory();
+  proc.layOutDefaults(static_cast<int32_t>(std::max<int64_t>(shown, 1)));  // the definition stays as loaded
   proc.setData(data.data(), 0, static_cast<int32_t>(shown * recordSize));
   addRecords(out, proc, 0, recordSize, shown, whole, false, showSecrets);
   addLeftOver(out, whole * recordSize, size,
