@@ -60,27 +60,6 @@ TEST(BlockInfo, LookupsAreExactAndKeepTheFirstOfAName) {
   EXPECT_EQ(wide.getFieldInfoFromName("a0 "), nullptr);
 }
 
-TEST(BlockInfo, RepeatBitDecidesOccurs) {
-  struct Case {
-    int8_t type;
-    bool occurs;
-  } cases[] = {{4, true}, {3, false}, {5, true}, {0, false}};
-  for (const auto& c : cases) {
-    BlockInfo block("A");
-    block.m_nBlockType = c.type;
-    block.m_nRepeatCount = 5;
-    EXPECT_EQ(block.isOccursBlock(), c.occurs) << int{c.type};
-  }
-}
-
-TEST(BlockInfo, AttributeFunctionIndexes) {
-  const char* names[] = {"compare", "compareto", "fluctbit",  "timevolume", "unitvolume",
-                         "trdbit",  "zero",      "makecolor", "usepclose"};
-  for (int i = 0; i < 9; ++i) EXPECT_EQ(BlockInfo::getAttrFunctionIndex(names[i]), i);
-  EXPECT_EQ(BlockInfo::getAttrFunctionIndex("Compare"), FUNC_BASE_INDEX);
-  EXPECT_EQ(BlockInfo::getAttrFunctionIndex(""), FUNC_BASE_INDEX);
-}
-
 TEST(BlockInfo, KeyEncryptionDictionaryOnlyForKeyEncryptedFields) {
   BlockInfo block("A");
   block.addField("pwd", kFieldText, 8).bKeyEnc = true;

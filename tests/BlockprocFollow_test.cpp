@@ -134,7 +134,8 @@ std::vector<int64_t> feed(Tool& tool, const std::function<void(const std::string
                                   : std::chrono::duration_cast<std::chrono::milliseconds>(
                                         std::chrono::steady_clock::now() - start)
                                         .count());
-    EXPECT_TRUE(line.starts_with("{\"@block\":\"OutBlock1\",\"@record\":" + std::to_string(at / kRecord) + ","))
+    EXPECT_TRUE(
+        line.starts_with("{\"@block\":\"OutBlock1\",\"@record\":" + std::to_string(at / kRecord) + ","))
         << line;
   }
   return delays;

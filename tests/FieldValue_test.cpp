@@ -116,7 +116,13 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 21, 2), "+0.580", "0.58", "0.58"},
       {fieldOf(kFieldNumText, 10, 2), " -12.3 ", "-12.30", "-12.30"},
       {fieldOf(kFieldNumText, 10, 2), "1e3", "1000.00", "1000.00"},
-      {fieldOf(kFieldNumText, 6, 2), "1234.5", "123450", "1234.50"},  // the implied point's extra digit
+      // Short of room for all its places, a point with the places that are not zero, as a reply carries
+      // a value that fills the field; without the point only when even that has no room.
+      {fieldOf(kFieldNumText, 6, 2), "1234.5", "1234.5", "1234.50"},
+      {fieldOf(kFieldNumText, 10, 2), "99999999.9", "99999999.9", "99999999.90"},
+      {fieldOf(kFieldNumText, 10, 2), "-9999999.9", "-9999999.9", "-9999999.90"},
+      {fieldOf(kFieldNumText, 6, 2), "9999.99", "999999", "9999.99"},  // the implied point's extra digit
+      {fieldOf(kFieldText, 6, 2), "1234.5", "1234.5", "1234.50"},
       {fieldOf(kFieldNumText, 10, 2), "900400000.00", "900400000.", "900400000.00"},  // decimals not written
       {fieldOf(kFieldNumText, 10, 3), "-1234567.5", "-1234567.5", "-1234567.500"},
       // A field whose point is implied is written without it: sign, zero fill, digits.

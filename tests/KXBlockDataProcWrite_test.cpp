@@ -78,15 +78,12 @@ std::string written(int32_t type, int32_t length, int32_t decimals, const char* 
   return record.substr(0, static_cast<size_t>(length));
 }
 
-TEST(KXBlockDataProcWrite, NumericTextGoesThroughTheLayout) {
-  // The layout's own table is in NumericText_test; here, that a type-1 field gets it, places and all,
-  // within its own bytes.
+TEST(KXBlockDataProcWrite, TextBinaryAndOtherTypesLayout) {
+  // Numeric text: zero-filled, sign first, the point at the field's places, cut at the field's end (the
+  // layout's own table is in NumericText_test).
   EXPECT_EQ(written(kFieldNumText, 10, 2, "-12.3"), "-000012.30");
   EXPECT_EQ(written(kFieldNumText, 8, 2, "12345.678"), "12345.67");
   EXPECT_EQ(written(kFieldNumText, 10, 2, ""), "0000000.00");
-}
-
-TEST(KXBlockDataProcWrite, TextBinaryAndOtherTypesLayout) {
   // Text is left-aligned and cut, inside a double-byte character too.
   EXPECT_EQ(written(kFieldText, 5, 0, "ABC"), "ABC  ");
   EXPECT_EQ(written(kFieldText, 5, 0, "ABCDEFG"), "ABCDE");
@@ -286,8 +283,18 @@ TEST(KXBlockDataProcWrite, ADescriptorWritingElsewhereCannotChangeTheValueWritte
   }
 }
 
-TEST(KXBlockDataProcWrite, FindIndexCountsUtf16Units) {  // the search's own table is in NumericText_test
-  EXPECT_EQ(KXBlockDataProc::findIndex(kGaNaDa + "+"s, "+"), 3);
+// Where a sign or point stands, in the UTF-16 units a caller's string length counts.
+TEST(KXBlockDataProcWrite, FindIndexCountsUtf16Units) {
+  const struct {
+    std::string text, find;
+    int32_t at;
+  } rows[] = {{"12.34", ".", 2},
+              {"1234", ".", -1},
+              {kGaNaDa + "+"s, "+", 3},       // three Hangul syllables, one unit each
+              {"\xF0\x9F\x98\x80-", "-", 2},  // a character above U+FFFF takes two
+              {"abc", "", 0},
+              {"", ".", -1}};
+  for (const auto& r : rows) EXPECT_EQ(KXBlockDataProc::findIndex(r.text, r.find), r.at) << r.text;
 }
 
 // ---- positional writer ------------------------------------------------------------------------------------

@@ -111,6 +111,9 @@ TEST(KXBlockDataProcXml, AttributeFunction) {
       {"attr_zero()", "attr_zero()", false, FUNC_BASE_INDEX, std::nullopt},
       {"x.attr_fluctbit(c)", "x.attr_fluctbit(c)", true, FUNC_FLUCTBIT_INDEX, "c"},
       {"attr_unknown(p)", "attr_unknown(p)", true, FUNC_BASE_INDEX, "p"},
+      {"attr_Compare(p)", "attr_Compare(p)", true, FUNC_BASE_INDEX, "p"},  // function names are exact
+      {"attr_compareto(a)", "attr_compareto(a)", true, FUNC_COMPARETO_INDEX, "a"},
+      {"attr_timevolume(v)", "attr_timevolume(v)", true, FUNC_TIMEVOLUME_INDEX, "v"},
       {"attr_(p)", "attr_(p)", false, FUNC_BASE_INDEX, "p"},  // parameters without a name
       {"attr_compare)x(", "attr_compare)x(", false, FUNC_BASE_INDEX, std::nullopt},
       {"attr_makecolor(a)(b)", "attr_makecolor(a)(b)", true, FUNC_MAKECOLOR_INDEX, "a"},

@@ -73,6 +73,17 @@ TEST(KXBlockDataProcBuffer, PacketSizeAndLaidOutRecords) {
     EXPECT_EQ(laidOut(*block), c.layout) << int{c.type} << "/" << c.repeat;
   }
   EXPECT_EQ(KXBlockDataProc(nullptr).calcPacketSize(), 0);
+
+  // Laying out a given number of records: that many whatever the repeat, the definition left as it was.
+  for (const auto& c : cases) {
+    auto block = tenByteBlock(c.type, c.repeat);
+    KXBlockDataProc proc(block.get());
+    proc.layOutDefaults(2);
+    EXPECT_EQ(state(proc), "   0000.00   0000.00|20/2/2") << int{c.type} << "/" << c.repeat;
+    proc.layOutDefaults(0);
+    EXPECT_EQ(state(proc), "   0000.00   0000.00|20/0/0");  // nothing laid out; the buffer stays
+    EXPECT_EQ(block->m_nRepeatCount, c.repeat);
+  }
 }
 
 TEST(KXBlockDataProcBuffer, DefaultContentsByTypeAndDecimalShape) {

@@ -1,5 +1,6 @@
-// The numeric-text layout of written values, the rounded text of the positional writer and the UTF-16
-// position search (the readers' decimal insertion is pinned through the readers, in the read tests).
+// The numeric-text layout of written values and the rounded text of the positional writer (the readers'
+// decimal insertion is pinned through the readers, in the read tests; the UTF-16 position search through
+// KXBlockDataProc::findIndex, in the write tests).
 
 #include "blockproc/util/NumericText.h"
 
@@ -117,15 +118,6 @@ TEST(NumericTextRounding, ExtremesPrintWithoutFailing) {
   EXPECT_EQ(roundedFixedText(-1e300, 0), "-inf");
   EXPECT_EQ(roundedFixedText(-0.001, 2), "0.00");  // floor(-0.1 + 0.5) is +0
   EXPECT_EQ(roundedFixedText(0.5, 6), "0.500000");
-}
-
-TEST(NumericTextSearch, PositionsCountUtf16Units) {
-  EXPECT_EQ(findUtf16Index("12.34", "."), 2);
-  EXPECT_EQ(findUtf16Index("1234", "."), -1);
-  EXPECT_EQ(findUtf16Index("\xEA\xB0\x80\xEA\xB0\x80.", "."), 2);  // two Hangul syllables, one unit each
-  EXPECT_EQ(findUtf16Index("\xF0\x9F\x98\x80-", "-"), 2);          // a character above U+FFFF takes two
-  EXPECT_EQ(findUtf16Index("abc", ""), 0);
-  EXPECT_EQ(findUtf16Index("", "."), -1);
 }
 
 }  // namespace

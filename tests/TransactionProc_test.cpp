@@ -11,6 +11,10 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <thread>
+#include <vector>
+
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 namespace {
@@ -232,6 +236,7 @@ TEST(TransactionProc, LaysOutTheRecordsGivenNotTheRepeat) {
   ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
   EXPECT_EQ(rebuilt.bytes, reply);
   EXPECT_LE(rows.getBufCount(), 1);  // built straight into the bytes: the processor lays out no records
+  EXPECT_EQ(rows.getBlockInfo()->m_nRepeatCount, 500000);  // the definition is left as loaded
 
   const auto request = t.proc->buildRequest({{"Keys", {{{{"k", "x"}}, {}}, {{{"k", "y"}}, {}}}}});
   ASSERT_TRUE(request.ok) << request.message;
@@ -269,6 +274,10 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
        ""},
       {blank12 + blank9 + blank6 + dbl(1092378358114.84375), {"", "", "", "1092378358114.8438"}, ""},
       {"000000000000000000.00000000" + dbl(-41207.0 / 3), {"0.00", "0.00", "0.0", "-13735.666666666666"}, ""},
+      // Values that fill the field: an explicit point with only the places that are not zero.
+      {"9999999999999999999.9-99999" + dbl(1e300),
+       {"9999999999.99", "9999999.90", "-9999.9", "1" + std::string(300, '0') + ".00"},
+       ""},
       // Forms the writer does not use come back as the same values in its own.
       {"+00007125050   123.45   125" + dbl(-0.0),
        {"71250.50", "123.45", "12.5", "0.00"},
@@ -298,12 +307,77 @@ TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
     ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
     EXPECT_EQ(rebuilt.bytes, c.rebuilt.empty() ? c.record : c.rebuilt) << c.values[0];
   }
+  // Fields the values leave out: a number whose point is left out gets its zeros without the point (a
+  // reader of twelve digits would not take "000000000.00"); text with decimals stays blank.
+  const auto leftOut = t.proc->buildReply({{"R", {RecordValues{}}}});
+  ASSERT_TRUE(leftOut.ok) << leftOut.message;
+  EXPECT_EQ(leftOut.bytes, "000000000000000000.00" + blank6 + dbl(0.0));
+  const auto leftOutRequest = load(R"(<transaction code='T'><input><block name='In'>
+<field name='imp' type='number' length='5' decimals='2' point='implied'/>
+<field name='tiny' type='number' length='3' decimals='2' point='implied'/></block></input></transaction>)");
+  ASSERT_TRUE(leftOutRequest.proc);
+  EXPECT_EQ(leftOutRequest.proc->buildRequest({}).bytes, "00000000");
   // The point left out takes one byte less: a value that needs it is refused with the room there is.
   const auto tooWide = t.proc->buildReply({{"R", {{{{"imp", "12345678901.5"}}, {}}}}});
   EXPECT_EQ(
       tooWide.message,
       "block R, record 0, field imp: '12345678901.5' has 11 digits before the point; the field has room "
       "for 10");
+}
+
+// One definition shared by parents on 8 threads: each builds replies and requests of its own record
+// counts, splits them again and reads every value back, while the definition stays as loaded (run under
+// ThreadSanitizer by scripts/tsan.sh).
+TEST(TransactionProc, ParentsOnManyThreadsShareOneDefinition) {
+  const auto loaded = DefinitionLoader::loadString(R"(<transaction code='T'>
+<input><block name='Key'><field name='acct' type='text' length='8'/><field name='pin' type='text' length='4'
+  keyenc='true'/></block></input>
+<output><block name='Head'><field name='n' type='int16'/></block>
+<block name='Rows' repeat='400' count='Head.n'><field name='name' type='text' length='6'/>
+  <field name='px' type='number' length='9' decimals='2'/><field name='vol' type='int64'/></block></output>
+</transaction>)",
+                                                   "shared.xml");
+  ASSERT_TRUE(loaded) << loaded.description();
+  TransactionDefinition& def = *loaded.definition;
+  const BlockInfo& rowsDef = *def.tran.findBlock("Rows");
+  // Values as the fields show them: text filling its field, numbers zero-padded.
+  const auto padded = [](int value, size_t digits) {
+    const std::string text = std::to_string(value);
+    return std::string(digits - text.size(), '0') + text;
+  };
+  const auto row = [&](int thread, int i) {
+    return RecordValues{{{"name", "t" + std::to_string(thread) + "r" + padded(i, 3)},
+                         {"px", padded(thread * 100 + i % 50, 6) + ".25"},
+                         {"vol", std::to_string(-int64_t{thread} * 1'000'000'007 - i)}},
+                        {}};
+  };
+  std::vector<std::string> failures(8);
+  const auto work = [&](int thread) {
+    std::string& failure = failures[static_cast<size_t>(thread)];
+    for (int round = 0; round < 6 && failure.empty(); ++round) {
+      const int count = 1 + (thread * 37 + round * 61) % 400;
+      BlockValues rows{"Rows", {}};
+      for (int i = 0; i < count; ++i) rows.records.push_back(row(thread, i));
+      TransactionProc builder(def);
+      const auto reply = builder.buildReply({rows});
+      const auto request = builder.buildRequest({{"Key", {{{{"acct", "A" + std::to_string(thread)}}, {}}}}});
+      if (!reply.ok || !request.ok) failure = reply.message + request.message;
+      TransactionProc reader(def);
+      const auto split = reader.receiveReply(reply.bytes.data(), static_cast<int64_t>(reply.bytes.size()));
+      const KXBlockDataProc& got = *reader.findBlockProc("Rows");
+      if (!split.ok || got.getValidCount() != count) failure = "split: " + split.message;
+      for (int i = 0; i < count && failure.empty(); ++i)
+        for (const auto& [field, value] : row(thread, i).fields)
+          if (got.getFieldDataFromName(field, i) != value)
+            failure = field + " of record " + std::to_string(i) + ": " + got.getFieldDataFromName(field, i);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int k = 0; k < 8; ++k) threads.emplace_back(work, k);
+  for (std::thread& t : threads) t.join();
+  for (size_t k = 0; k < failures.size(); ++k) EXPECT_EQ(failures[k], "") << "thread " << k;
+  EXPECT_TRUE(rowsDef.isOccursBlock());
+  EXPECT_EQ(rowsDef.m_nRepeatCount, 400);
 }
 
 TEST(TransactionProc, WritesThousandsSeparators) {

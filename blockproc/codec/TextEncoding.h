@@ -1,6 +1,10 @@
 #pragma once
 // Text encoding identifiers. They are passed through the processor unchanged; the codec decides what each
 // means.
+//
+// Usage:
+//
+//   proc.setEncodingType(kTextEncodingUTF8);  // text fields hold UTF-8 instead of code page 949
 
 #include <cstdint>
 

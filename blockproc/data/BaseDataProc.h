@@ -1,5 +1,11 @@
 #pragma once
 // The parent data processor: holds the block data processors of one transaction.
+//
+// Usage:
+//
+//   TranInfo tran;
+//   BaseDataProc parent(&tran);
+//   proc.setDataProc(&parent);  // the processor asks the parent's transaction for its data mode
 
 #include <cstdint>
 #include <string>

@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "blockproc/data/FieldNameIndex.h"
 #include "blockproc/util/Internal.h"
 
 namespace blockproc {
@@ -13,6 +14,7 @@ namespace {
 using internal::kInt32Max;
 }
 
+BlockInfo::BlockInfo() = default;
 BlockInfo::BlockInfo(std::string name) : m_szBlockName(std::move(name)) {}
 
 BlockInfo::~BlockInfo() = default;
@@ -33,7 +35,8 @@ FieldInfo& BlockInfo::addField(std::string name, int32_t dataType, int32_t lengt
 
 FieldInfo& BlockInfo::addField(std::unique_ptr<FieldInfo> field) {
   field->nIndex = static_cast<int32_t>(m_FieldInfoList.size());
-  m_FieldMap.insert(field->szFieldName, field.get());  // keeps the first field of a name
+  if (!m_FieldMap) m_FieldMap = std::make_unique<FieldNameIndex>();
+  m_FieldMap->insert(field->szFieldName, field.get());  // keeps the first field of a name
   m_FieldInfoList.push_back(std::move(field));
   m_nFieldCount = static_cast<int32_t>(m_FieldInfoList.size());
   return *m_FieldInfoList.back();
@@ -89,7 +92,7 @@ const FieldInfo* BlockInfo::getFieldInfoFromIndex(int32_t position) const {
 }
 
 const FieldInfo* BlockInfo::getFieldInfoFromName(std::string_view name) const {
-  return m_FieldMap.find(name);
+  return m_FieldMap ? m_FieldMap->find(name) : nullptr;
 }
 
 KeyEncDict* BlockInfo::getKeyEncValue(std::string_view fieldName) {

@@ -1,5 +1,10 @@
 #pragma once
 // A value-and-attribute record: a field's display value with its attribute bytes.
+//
+// Usage:
+//
+//   FieldData data;
+//   if (proc.getFieldDataFromInfo(field, 0, data)) show(data.strData);
 
 #include <cstdint>
 #include <string>

@@ -1,5 +1,11 @@
 #pragma once
 // The field definition: one field of a block's record, as the block definition lays it out.
+//
+// Usage:
+//
+//   FieldInfo& qty = block.addField("qty", kFieldNumText, 10, 2);  // owned by the block
+//   qty.bKeyEnc = false;                                            // the flags the virtuals read
+//   proc.getFieldDataFromInfo(&qty, 0);
 
 #include <cstdint>
 #include <string>

@@ -1,5 +1,9 @@
 #pragma once
 // A field link record from the block's XML definition: where a field's default value comes from.
+//
+// Usage (the processor makes these from a block's XML element; see KXBlockDataProc::setXmlInfo):
+//
+//   for (int32_t k = 0; k < proc.getLinkCount(); ++k) use(proc.getLinkInfo(k)->szDefaultValue);
 
 #include <array>
 #include <cstdint>

@@ -1,8 +1,7 @@
 #pragma once
 // A block's field names → field definitions: open addressing over a power-of-two table, so a by-name read
-// costs one inline hash, one mask and usually one comparison. Against a std::unordered_map with the same
-// hash, a by-name read takes 23 ns instead of 28 and a by-name write 34 ns instead of 37
-// (BM_ReadNumericTextByName, BM_WriteNumericTextByName, Release, one pinned core).
+// costs one inline hash, one mask and usually one comparison, less than a std::unordered_map with the same
+// hash (BM_ReadNumericTextByName, BM_WriteNumericTextByName).
 
 #include <cstdint>
 #include <cstring>

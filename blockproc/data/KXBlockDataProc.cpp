@@ -2,6 +2,7 @@
 // and the helpers every family of operations shares.
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/util/Internal.h"
 
 #include <algorithm>
@@ -24,7 +25,7 @@ KXBlockDataProc::KXBlockDataProc(BlockInfo* blockInfo) : m_oBlockInfo(blockInfo)
 // The members free themselves; the record bytes are blanked first, so that no value (a password field
 // included) stays behind in freed memory.
 KXBlockDataProc::~KXBlockDataProc() {
-  m_buffer.wipe();
+  buffer().wipe();
 }
 
 // ---- accessors and lists ------------------------------------------------------------------------------
@@ -54,13 +55,13 @@ const std::string& KXBlockDataProc::getBlockName() const noexcept {
   return m_szBlockName;
 }
 int32_t KXBlockDataProc::getValidCount() const noexcept {
-  return m_buffer.validCount();
+  return buffer().validCount();
 }
 void KXBlockDataProc::setValidCount(int32_t count) noexcept {
-  m_buffer.setValidCount(count);
+  buffer().setValidCount(count);
 }
 const uint8_t* KXBlockDataProc::getData() const noexcept {
-  return m_buffer.data();
+  return buffer().data();
 }
 int32_t KXBlockDataProc::getBlockRepCount() const noexcept {
   return m_oBlockInfo != nullptr ? m_oBlockInfo->m_nRepeatCount : 0;
@@ -137,28 +138,29 @@ int32_t KXBlockDataProc::getRealAPLinkCount() const noexcept {
 }
 
 void KXBlockDataProc::initRealBufferIndex() noexcept {
-  m_buffer.setStartIndex(std::max(m_buffer.bufCount(), 0));
-  m_buffer.setValidCount(0);
+  buffer().setStartIndex(std::max(buffer().bufCount(), 0));
+  buffer().setValidCount(0);
 }
 
 uint32_t KXBlockDataProc::getEncodingType() const noexcept {
   return m_nEncodingType;
 }
 int32_t KXBlockDataProc::getBufCount() const noexcept {
-  return m_buffer.bufCount();
+  return buffer().bufCount();
 }
 int32_t KXBlockDataProc::getStartIndex() const noexcept {
-  return m_buffer.startIndex();
+  return buffer().startIndex();
 }
 int32_t KXBlockDataProc::getBlockBuffSize() const noexcept {
-  return m_buffer.size();
+  return buffer().size();
 }
 int64_t KXBlockDataProc::getBlockDataLen() const noexcept {
-  return m_buffer.dataLen();
+  return buffer().dataLen();
 }
 
 // ---- shared helpers -------------------------------------------------------------------------------------
 
+// The record size R, or 0 without block definition or when the definition cannot give it.
 int32_t KXBlockDataProc::recordSize() const noexcept {
   try {
     return m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordMemSize() : 0;
@@ -167,29 +169,37 @@ int32_t KXBlockDataProc::recordSize() const noexcept {
   }
 }
 
+// Byte offset (start index + index) * R + pos in 64 bits (the caller bounds-checks it). Throws what
+// getRecordMemSize throws, so that the operation's catch gives its no-value result.
 int64_t KXBlockDataProc::recordOffset(int32_t index, int64_t pos) const {
   // The definition is asked directly: a record size it cannot give must end the operation, not make
   // every record record 0.
   const int64_t r = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordMemSize() : 0;
-  return m_buffer.recordOffset(index, pos, r);
+  return buffer().recordOffset(index, pos, r);
 }
 
+// The buffer bytes [offset, offset + length), or nullptr when any of them lies outside the buffer.
 const uint8_t* KXBlockDataProc::span(int64_t offset, int64_t length) const noexcept {
-  return m_buffer.span(offset, length);
+  return buffer().span(offset, length);
 }
 
 uint8_t* KXBlockDataProc::span(int64_t offset, int64_t length) noexcept {
-  return m_buffer.span(offset, length);
+  return buffer().span(offset, length);
 }
 
+// The `length` received bytes at recvData + startPos, through which every receive takes its bytes: when
+// they lie in the record buffer itself (a caller handing a block its own bytes) they are copied into
+// `aside` first, since the receive may replace, blank or overwrite that buffer. Throws bad_alloc.
 const uint8_t* KXBlockDataProc::receivedBytes(const void* recvData, int64_t startPos, int64_t length,
                                               std::string& aside) const {
-  return m_buffer.received(recvData, startPos, length, aside);
+  return buffer().received(recvData, startPos, length, aside);
 }
 
+// Wipes (wipeBuffer) and frees the current buffer, then installs `records` records of R spaces.
+// False, changing nothing, when the size does not fit 32 bits or allocation fails.
 bool KXBlockDataProc::replaceWithSpaces(int32_t records, int32_t recordLen) noexcept {
-  const bool wipes = m_buffer.data() != nullptr;
-  if (!m_buffer.replaceWithRecords(records, recordLen)) return false;
+  const bool wipes = buffer().data() != nullptr;
+  if (!buffer().replaceWithRecords(records, recordLen)) return false;
   if (wipes) m_arrDynamicInput.clear();  // wiping the old buffer empties the dynamic input list too
   return true;
 }
@@ -208,22 +218,27 @@ int32_t KXBlockDataProc::calcPacketSize() const noexcept {
 void KXBlockDataProc::DefaultMemory() noexcept {
   if (m_oBlockInfo == nullptr) return;
   const BlockInfo& block = *m_oBlockInfo;
-  const int32_t count = (block.m_nBlockType & kBlockTypeRepeat) != 0 ? block.m_nRepeatCount : 1;
+  layOutDefaults((block.m_nBlockType & kBlockTypeRepeat) != 0 ? block.m_nRepeatCount : 1);
+}
+
+void KXBlockDataProc::layOutDefaults(int32_t count) noexcept {
+  if (m_oBlockInfo == nullptr) return;
+  const BlockInfo& block = *m_oBlockInfo;
   const int32_t r = recordSize();
   const int64_t size = int64_t{count} * r;
   if (count <= 0 || r <= 0 || size > kInt32Max) {
     // Nothing to lay out: no record is readable, an existing buffer stays.
-    m_buffer.setBufCount(0);
-    m_buffer.setValidCount(0);
+    buffer().setBufCount(0);
+    buffer().setValidCount(0);
     return;
   }
-  if (!m_buffer.holds(count, r) && !replaceWithSpaces(count, r)) {
-    m_buffer.setBufCount(0);
-    m_buffer.setValidCount(0);
+  if (!buffer().holds(count, r) && !replaceWithSpaces(count, r)) {
+    buffer().setBufCount(0);
+    buffer().setValidCount(0);
     return;
   }
-  m_buffer.setBufCount(count);
-  m_buffer.setValidCount(count);
+  buffer().setBufCount(count);
+  buffer().setValidCount(count);
   try {
     const int32_t fields = block.getFieldCount();
     for (int32_t j = 0; j < fields; ++j) {
@@ -249,18 +264,18 @@ void KXBlockDataProc::clearData() noexcept {
 }
 
 void KXBlockDataProc::wipeBuffer() noexcept {
-  m_buffer.wipe();
+  buffer().wipe();
   m_arrDynamicInput.clear();
 }
 
 void KXBlockDataProc::wipeBuffer(int32_t length) noexcept {
-  m_buffer.wipe(length, recordSize());
+  buffer().wipe(length, recordSize());
   m_arrDynamicInput.clear();
 }
 
 std::unique_ptr<uint8_t[]> KXBlockDataProc::reSizeBytes(const uint8_t* oldBytes,
                                                         int32_t newLength) const noexcept {
-  return m_buffer.resized(oldBytes, newLength, recordSize());
+  return buffer().resized(oldBytes, newLength, recordSize());
 }
 
 // ---- field lookup and classification ----------------------------------------------------------------------

@@ -9,6 +9,16 @@
 // whose bytes would fall outside reads as the empty string and is not written. Nothing is thrown and
 // nothing is logged. A processor is used by one thread at a time; a write or a receive may replace the
 // record buffer, so no pointer into it may outlive such a call.
+//
+// Usage:
+//
+//   BlockInfo block("OutBlock1");
+//   block.setRepeat(20);
+//   block.addField("price", kFieldNumText, 8);
+//   KXBlockDataProc proc(&block);
+//   proc.setData(reply, 0, replySize);                  // the reply's records
+//   for (int32_t i = 0; i < proc.getValidCount(); ++i)
+//     show(proc.getFieldDataFromName("price", i));      // "" when it cannot be read
 
 #include <cstdint>
 #include <memory>
@@ -26,12 +36,25 @@
 #include "blockproc/data/FieldInfo.h"
 #include "blockproc/data/FieldLinkInfo.h"
 #include "blockproc/data/RealAPLinkInfo.h"
-#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/data/TranInfo.h"
 
 namespace blockproc {
 
 struct TBXMLElement;
+
+namespace detail {
+class RecordBuffer;
+// A processor's record buffer: its bytes and the counters that describe them, reached only through the
+// library's detail::RecordBuffer view.
+struct RecordBufferState {
+  std::unique_ptr<uint8_t[]> bytes;
+  int32_t size = 0;
+  int32_t bufCount = 0;
+  int32_t validCount = 0;
+  int32_t startIndex = 0;
+  int64_t dataLen = 0;
+};
+}  // namespace detail
 
 class KXBlockDataProc {
  public:
@@ -110,6 +133,9 @@ class KXBlockDataProc {
   // holds C records already. C of 0 or below, R of 0 or below, or C * R beyond 32 bits lays out nothing
   // (an existing buffer stays) and sets both counts to 0.
   void DefaultMemory() noexcept;
+  // As DefaultMemory with C = `count` whatever the block's repeat: lays out exactly the records a caller is
+  // about to fill, leaving the block definition (which other processors and threads may share) untouched.
+  void layOutDefaults(int32_t count) noexcept;
   // Same as wipeBuffer().
   void clearData() noexcept;
   // Blanks every byte of the buffer to spaces, empties the dynamic input list, valid record count 0.
@@ -287,55 +313,36 @@ class KXBlockDataProc {
   std::string getFieldEnableFromName(std::string_view name, int32_t index) const noexcept;
 
  private:
+  // Helpers of the operations, each described where it is defined (the file named in its group).
   // -- shared helpers (KXBlockDataProc.cpp) --
-  // The record size R, or 0 without block definition or when the definition cannot give it.
+  // The record buffer's operations (defined with detail::RecordBuffer).
+  detail::RecordBuffer buffer() noexcept;
+  const detail::RecordBuffer buffer() const noexcept;
   int32_t recordSize() const noexcept;
-  // Byte offset (start index + index) * R + pos in 64 bits (the caller bounds-checks it). Throws what
-  // getRecordMemSize throws, so that the operation's catch gives its no-value result.
   int64_t recordOffset(int32_t index, int64_t pos) const;
-  // The buffer bytes [offset, offset + length), or nullptr when any of them lies outside the buffer.
   const uint8_t* span(int64_t offset, int64_t length) const noexcept;
   uint8_t* span(int64_t offset, int64_t length) noexcept;
-  // The `length` received bytes at recvData + startPos, through which every receive takes its bytes: when
-  // they lie in the record buffer itself (a caller handing a block its own bytes) they are copied into
-  // `aside` first, since the receive may replace, blank or overwrite that buffer. Throws bad_alloc.
   const uint8_t* receivedBytes(const void* recvData, int64_t startPos, int64_t length,
                                std::string& aside) const;
-  // Wipes (wipeBuffer) and frees the current buffer, then installs `records` records of R spaces.
-  // False, changing nothing, when the size does not fit 32 bits or allocation fails.
   bool replaceWithSpaces(int32_t records, int32_t recordLen) noexcept;
 
   // -- receiving (KXBlockDataProcReceive.cpp) --
-  // The steps a normal and a reverse receive share: split the size into records, set the received bytes
-  // aside when they lie in this buffer, keep or replace the buffer, then copy(from, N, bytes, R); the valid
-  // count becomes N when the copy succeeds, else 0.
   template <typename Copy>
   void receiveRecords(const void* recvData, int32_t startPos, int32_t recvSize, Copy copy) noexcept;
 
   // -- reading (KXBlockDataProcRead.cpp) --
-  // Whether the parent's transaction is in the web-socket JSON data mode.
   bool isWebSocketJsonMode() const noexcept;
-  // The read of getFieldDataFromInfo appended to `out` (left as it was on failure); `askMode` false reads as
-  // getFieldDataFromInfoEX, never in the web-socket JSON data mode.
   bool appendField(const FieldInfo* info, int32_t index, bool askMode, std::string& out) const noexcept;
 
   // -- writing (KXBlockDataProcWrite.cpp) --
   // How a growing write treats the old buffer before releasing it.
   enum class GrowWipe { None, Wipe, WipeLengthThenWipe };
-  // Grows the buffer to exactly index + 1 records of `stride` bytes (old bytes kept by reSizeBytes, new
-  // records spaces). False, changing nothing, for a negative index, a stride of 0 or below or a size beyond
-  // 32 bits.
   bool growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept;
-  // Converts a value to the processor's encoding; false when it cannot be represented.
   bool encodeValue(std::string_view value, std::string& bytes) const noexcept;
-  // Stores "size" and "data" of a key-encrypted value in the block definition's dictionary, if it has one.
   void routeKeyEncrypted(const FieldInfo& info, std::string_view value) noexcept;
-  // Writes the binary form of the value's leading number for types 2 to 5 into the field bytes (low-order
-  // bytes when the field is shorter than the width). False for any other type.
   static bool writeBinary(uint8_t* field, int32_t length, int32_t dataType, std::string_view value) noexcept;
 
   // -- attributes (KXBlockDataProcAttr.cpp) --
-  // Whether the field carries an attribute byte (the block's m_bAttribute or the field's nAttr).
   bool carriesAttr(const FieldInfo& info) const noexcept;
 
   std::string m_szBlockName;
@@ -344,7 +351,7 @@ class KXBlockDataProc {
   std::vector<std::unique_ptr<FieldLinkInfo>> m_FieldLinkInfoList;
   std::vector<std::shared_ptr<void>> m_ConnCtlList;
   std::vector<std::unique_ptr<RealAPLinkInfo>> m_RealAPLinkInfoList;
-  RecordBuffer m_buffer;  // the bytes and their counters
+  detail::RecordBufferState m_bufferState;  // the bytes and their counters, through buffer()
   uint32_t m_nEncodingType = kTextEncodingCP949;
   std::vector<std::unordered_map<uint64_t, std::string>> m_arrDynamicInput;
   BaseDataProc* m_pParentDP = nullptr;

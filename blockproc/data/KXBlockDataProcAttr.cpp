@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
 
@@ -20,6 +21,7 @@ uint8_t attrFromText(std::optional<std::string_view> text) noexcept {
 
 }  // namespace
 
+// Whether the field carries an attribute byte (the block's m_bAttribute or the field's nAttr).
 bool KXBlockDataProc::carriesAttr(const FieldInfo& info) const noexcept {
   return info.nAttr != 0 || (m_oBlockInfo != nullptr && m_oBlockInfo->m_bAttribute);
 }
@@ -27,7 +29,7 @@ bool KXBlockDataProc::carriesAttr(const FieldInfo& info) const noexcept {
 // ---- stored attribute bytes -----------------------------------------------------------------------------
 
 uint8_t KXBlockDataProc::getFieldAttrFromInfo(const FieldInfo* info, int32_t index) const noexcept {
-  if (info == nullptr || !m_buffer.data() || index < 0 || index >= m_buffer.validCount()) return 0;
+  if (info == nullptr || !buffer().data() || index < 0 || index >= buffer().validCount()) return 0;
   try {
     if (!carriesAttr(*info)) return 0;
     const uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
@@ -38,7 +40,7 @@ uint8_t KXBlockDataProc::getFieldAttrFromInfo(const FieldInfo* info, int32_t ind
 }
 
 void KXBlockDataProc::setFieldAttrFromInfo(const FieldInfo* info, int32_t index, uint8_t value) noexcept {
-  if (info == nullptr || index < 0 || index >= m_buffer.validCount()) return;
+  if (info == nullptr || index < 0 || index >= buffer().validCount()) return;
   // Without an attribute byte the position would be the next field's first byte: leave it alone.
   if (!carriesAttr(*info)) return;
   try {
@@ -55,7 +57,7 @@ void KXBlockDataProc::setFieldAttrFromName(std::string_view name, int32_t index,
 void KXBlockDataProc::setFieldAttrHexa(const FieldInfo* info, int32_t index,
                                        std::optional<std::string_view> attrHex) noexcept {
   // Any laid-out record, valid or not.
-  if (info == nullptr || index < 0 || index >= m_buffer.bufCount()) return;
+  if (info == nullptr || index < 0 || index >= buffer().bufCount()) return;
   if (!carriesAttr(*info)) return;
   try {
     uint8_t* attr = span(recordOffset(index, int64_t{info->nDataPos} + info->nLength), 1);
@@ -85,7 +87,7 @@ uint8_t KXBlockDataProc::getAttrValueFromData(char byte) noexcept {
 
 bool KXBlockDataProc::getFieldAttrFromInfo(const FieldInfo* info, int32_t index,
                                            FieldData& data) const noexcept {
-  if (info == nullptr || !m_buffer.data() || index < 0 || index >= m_buffer.validCount()) return false;
+  if (info == nullptr || !buffer().data() || index < 0 || index >= buffer().validCount()) return false;
   data.setData(getFieldDataFromInfo(info, index));
   try {
     const FieldInfo* source = info->isUseAttr() && m_oBlockInfo != nullptr

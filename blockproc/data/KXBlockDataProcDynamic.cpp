@@ -6,6 +6,7 @@
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/util/Internal.h"
 
 namespace blockproc {
@@ -28,7 +29,7 @@ void KXBlockDataProc::setFieldDataDynamicLen(const FieldInfo* info, int32_t nInd
     m_arrDynamicInput.push_back(std::move(record));
     // index + 1, held at the 32-bit limit for the largest index.
     if (nIndex >= 0)
-      m_buffer.setValidCount(std::max(m_buffer.validCount(), nIndex < INT32_MAX ? nIndex + 1 : nIndex));
+      buffer().setValidCount(std::max(buffer().validCount(), nIndex < INT32_MAX ? nIndex + 1 : nIndex));
   } catch (...) {
   }
 }
@@ -46,7 +47,7 @@ std::string KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo* info, int32
 
 bool KXBlockDataProc::getFieldDataDynamicLen(const FieldInfo* info, int32_t nIndex,
                                              FieldData& data) const noexcept {
-  if (info == nullptr || !m_buffer.data() || nIndex < 0 || nIndex >= m_buffer.validCount()) return false;
+  if (info == nullptr || !buffer().data() || nIndex < 0 || nIndex >= buffer().validCount()) return false;
   data.setData(getFieldDataDynamicLen(info, nIndex));
   data.setAttr(getFieldAttrFromInfo(info, nIndex));
   return true;
@@ -57,14 +58,14 @@ int64_t KXBlockDataProc::getDynamicInputCnt() const noexcept {
 }
 
 void KXBlockDataProc::initDynamicRealBufferIndex() noexcept {
-  m_buffer.setStartIndex(0);
-  m_buffer.setValidCount(0);
+  buffer().setStartIndex(0);
+  buffer().setValidCount(0);
 }
 
 // ---- dynamic receives -----------------------------------------------------------------------------------
 
 bool KXBlockDataProc::setDataDynamic(const void* recvData, int32_t startPos, int32_t recvSize) noexcept {
-  m_buffer.setValidCount(0);
+  buffer().setValidCount(0);
   if (recvData == nullptr || recvSize <= 0) return true;
   const int64_t r = recordSize();
   int64_t records = r > 0 ? recvSize / r : 0;
@@ -77,27 +78,27 @@ bool KXBlockDataProc::setDataDynamic(const void* recvData, int32_t startPos, int
   try {
     std::string aside;
     const uint8_t* from = receivedBytes(recvData, startPos, size, aside);
-    const bool replace = !m_buffer.data() || m_buffer.bufCount() < records || size > m_buffer.dataLen() ||
+    const bool replace = !buffer().data() || buffer().bufCount() < records || size > buffer().dataLen() ||
                          span(0, size) == nullptr;
     if (replace) {
       // The old area goes without a wipe: the dynamic input list and the counts stay.
-      if (!m_buffer.replace(size)) return true;
-      m_buffer.setDataLen(size);
-      m_buffer.setBufCount(static_cast<int32_t>(records));
+      if (!buffer().replace(size)) return true;
+      buffer().setDataLen(size);
+      buffer().setBufCount(static_cast<int32_t>(records));
     }
     // size never exceeds the received size: a remainder after whole records is dropped.
     std::memcpy(span(0, size), from, static_cast<size_t>(size));
-    m_buffer.setValidCount(static_cast<int32_t>(records));
+    buffer().setValidCount(static_cast<int32_t>(records));
   } catch (...) {
-    m_buffer.setValidCount(0);
+    buffer().setValidCount(0);
   }
   return true;
 }
 
 bool KXBlockDataProc::resetDataDynamic(const void* data, int32_t nRecvSize) noexcept {
-  m_buffer.setValidCount(0);
+  buffer().setValidCount(0);
   if (data == nullptr || nRecvSize <= 0) {
-    m_buffer.setDataLen(0);
+    buffer().setDataLen(0);
     return true;
   }
   try {
@@ -105,18 +106,18 @@ bool KXBlockDataProc::resetDataDynamic(const void* data, int32_t nRecvSize) noex
     const uint8_t* from = receivedBytes(data, 0, nRecvSize, aside);
     // Another operation may have put a different area in place since the last dynamic receive: reuse only
     // what both the block data length and the area itself cover (the buffer keeps the one inside the other).
-    const int64_t reusable = m_buffer.dataLen();
+    const int64_t reusable = buffer().dataLen();
     if (reusable >= nRecvSize) {
       std::memset(span(0, reusable), internal::kSpace, static_cast<size_t>(reusable));
     } else {
-      if (!m_buffer.replace(nRecvSize)) return true;  // the old area goes without a wipe
-      m_buffer.setDataLen(nRecvSize);
+      if (!buffer().replace(nRecvSize)) return true;  // the old area goes without a wipe
+      buffer().setDataLen(nRecvSize);
     }
     std::memcpy(span(0, nRecvSize), from, static_cast<size_t>(nRecvSize));
-    m_buffer.setBufCount(1);
-    m_buffer.setValidCount(1);
+    buffer().setBufCount(1);
+    buffer().setValidCount(1);
   } catch (...) {
-    m_buffer.setValidCount(0);
+    buffer().setValidCount(0);
   }
   return true;
 }

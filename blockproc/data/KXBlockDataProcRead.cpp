@@ -14,6 +14,7 @@
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumericText.h"
@@ -36,10 +37,10 @@ std::string_view asText(const uint8_t* bytes, int64_t length) noexcept {
 //
 // A plain BlockInfo is asked inline, without the virtual call; a subclass is asked through its override.
 // The quote record's 14 reads spent 12% of their time locating the field through out-of-line calls and
-// the virtual call: inline, a record read in 242 ns instead of 295.
+// the virtual call; inline, they spend next to none (BM_RecordByAppend).
 int64_t readRecordSize(const BlockInfo* block) {
   if (block == nullptr) return 0;
-  // The type_info objects compared by address (two loads; by name, three: 231 against 244 ns a record).
+  // The type_info objects compared by address (two loads; by name, three, and slower: BM_RecordByAppend).
   // Two copies of BlockInfo's type_info (from two shared libraries) compare unequal and take the virtual
   // call, which gives the same size.
   if (&typeid(*block) == &typeid(BlockInfo)) return block->baseRecordMemSize();
@@ -123,8 +124,8 @@ void trimIdeographicPadding(std::string& out, size_t from) {
 //
 // The encoding is asked for only when the text needs decoding: the implied point and ASCII text in an
 // encoding the library knows give the same bytes in every encoding, so those reads skip the parent's
-// data-mode question (a virtual call and two string compares) and the decoder's dispatch: the quote
-// layout's 12-byte code, 6-byte time and 1-byte sign read in 12, 12 and 10.5 ns instead of 16, 16 and 14.5.
+// data-mode question (a virtual call and two string compares) and the decoder's dispatch, about a quarter
+// of a short ASCII field's read (BM_ReadAsciiText).
 template <typename TextEncoding>
 bool appendFieldText(std::string& out, std::string_view field, int32_t places, TextEncoding textEncoding,
                      uint32_t ownEncoding) {
@@ -163,9 +164,9 @@ bool appendJoinedText(std::string& out, std::string_view joined, uint32_t encodi
 // is located once, each usual field is written straight into the area by the number and text writers, and
 // the area goes to the string in one append. Anything unusual (text the table does not decode, an
 // ideographic space at the end, numbers of unusual places, text over 64 bytes or in the last bytes of the
-// buffer) is left to the one-field read, so the record read never decides a value of its own. The quote
-// layout's 14 fields read in 15.6 ns each through the one-field appending read, in 9.8 this way (12.2 with
-// the writers alone; short text by 16-byte blocks 11.0, long text by blocks 9.8).
+// buffer) is left to the one-field read, so the record read never decides a value of its own. A record
+// read this way is the fastest of the three ways to read one (BM_RecordByRecordRead against
+// BM_RecordByAppend and BM_RecordByGet).
 
 // Bytes writeUsualField may write, whatever the field: a number's text, a short field's 16-byte copy, a long
 // one's 64-byte copy, its point put in, or its decoded text.
@@ -243,6 +244,7 @@ char* writeUsualField(char* dst, const FieldInfo& info, const uint8_t* field, in
 
 }  // namespace
 
+// Whether the parent's transaction is in the web-socket JSON data mode.
 bool KXBlockDataProc::isWebSocketJsonMode() const noexcept {
   try {
     if (m_pParentDP == nullptr) return false;
@@ -255,21 +257,23 @@ bool KXBlockDataProc::isWebSocketJsonMode() const noexcept {
 
 // ---- one field of one record ----------------------------------------------------------------------------
 
+// The read of getFieldDataFromInfo appended to `out` (left as it was on failure); `askMode` false reads as
+// getFieldDataFromInfoEX, never in the web-socket JSON data mode.
 bool KXBlockDataProc::appendField(const FieldInfo* info, int32_t index, bool askMode,
                                   std::string& out) const noexcept {
-  if (info == nullptr || !m_buffer.data() || index < 0 || index >= m_buffer.validCount()) return false;
+  if (info == nullptr || !buffer().data() || index < 0 || index >= buffer().validCount()) return false;
   const int32_t length = info->nLength;
   const int32_t type = info->nDataType;
   if (length <= 0 || type < kFieldText || type > kFieldSInt64) return false;
   const size_t oldSize = out.size();
   try {
-    const int64_t offset = m_buffer.recordOffset(index, info->nDataPos, readRecordSize(m_oBlockInfo));
-    const uint8_t* field = m_buffer.span(offset, length);
+    const int64_t offset = buffer().recordOffset(index, info->nDataPos, readRecordSize(m_oBlockInfo));
+    const uint8_t* field = buffer().span(offset, length);
     if (field == nullptr) return false;
     bool shown;
     if (isBinaryType(type)) {
       // Type 5 always takes 8 bytes from the field's start, as many as the buffer holds.
-      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, m_buffer.size() - offset)
+      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, buffer().size() - offset)
                                                 : std::min<int64_t>(length, binaryWidth(type));
       shown = appendBinary(out, type, info->nDecimalLen, RawValue(asText(field, take)), 0);
     } else {
@@ -298,10 +302,10 @@ bool KXBlockDataProc::appendRecordDataFromInfo(int32_t index, std::span<const Fi
     std::fill(ends.begin(), ends.end(), oldSize);
     return false;
   };
-  if (ends.size() < fields.size() || !m_buffer.data() || index < 0 || index >= m_buffer.validCount())
+  if (ends.size() < fields.size() || !buffer().data() || index < 0 || index >= buffer().validCount())
     return refuse();
   try {
-    const int64_t record = m_buffer.recordOffset(index, 0, readRecordSize(m_oBlockInfo));
+    const int64_t record = buffer().recordOffset(index, 0, readRecordSize(m_oBlockInfo));
     const bool ownKnown = codec::isKnownEncoding(m_nEncodingType);
     int64_t asked = -1;  // the text encoding, asked of the parent once, when text first needs decoding
     const auto textEncoding = [this, &asked] {
@@ -319,7 +323,7 @@ bool KXBlockDataProc::appendRecordDataFromInfo(int32_t index, std::span<const Fi
       cursor = area.data();
       handed = out.size();
     };
-    const RecordBuffer::View bytes = m_buffer.view();
+    const detail::RecordBuffer::View bytes = buffer().view();
     bool every = true;
     for (size_t i = 0; i < fields.size(); ++i) {
       const FieldInfo* info = fields[i];
@@ -381,7 +385,7 @@ std::string KXBlockDataProc::getFieldDataFromNameEX(std::string_view name, int32
 
 std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) const noexcept {
   std::string out;
-  if (info == nullptr || !m_buffer.data() || m_buffer.validCount() <= 0) return out;
+  if (info == nullptr || !buffer().data() || buffer().validCount() <= 0) return out;
   const int64_t length = info->nLength;
   const int32_t type = info->nDataType;
   if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
@@ -390,14 +394,14 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
   try {
     const int64_t first = recordOffset(0, info->nDataPos);
     const int64_t stride = recordOffset(1, info->nDataPos) - first;
-    const int64_t last = m_buffer.validCount() - 1;
+    const int64_t last = buffer().validCount() - 1;
     if (span(first, length) == nullptr || span(first + last * stride, length) == nullptr) return out;
     // Joined text longer than the whole buffer means the field overlaps the next record (or records have
     // no size at all), and the same bytes would be repeated, up to billions of times: refused.
-    if (!isBinaryType(type) && m_buffer.validCount() > m_buffer.size() / length) [[unlikely]]
+    if (!isBinaryType(type) && buffer().validCount() > buffer().size() / length) [[unlikely]]
       return out;
     // Binary types need only the first value's bytes of the joined run; text needs all of it.
-    const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * m_buffer.validCount();
+    const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * buffer().validCount();
     std::string joined;
     joined.reserve(static_cast<size_t>(wanted));
     for (int64_t i = 0; i <= last && static_cast<int64_t>(joined.size()) < wanted; ++i) {

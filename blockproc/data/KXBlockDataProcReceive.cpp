@@ -9,6 +9,7 @@
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/util/Internal.h"
 
 namespace blockproc {
@@ -31,20 +32,23 @@ RecordSplit splitRecords(int32_t size, int32_t recordLen) noexcept {
 
 }  // namespace
 
+// The steps a normal and a reverse receive share: split the size into records, set the received bytes
+// aside when they lie in this buffer, keep or replace the buffer, then copy(from, N, bytes, R); the valid
+// count becomes N when the copy succeeds, else 0.
 template <typename Copy>
 void KXBlockDataProc::receiveRecords(const void* recvData, int32_t startPos, int32_t recvSize,
                                      Copy copy) noexcept {
-  m_buffer.setValidCount(0);
+  buffer().setValidCount(0);
   const int32_t r = recordSize();
   if (recvData == nullptr || recvSize <= 0 || r <= 0) return;
   const RecordSplit split = splitRecords(recvSize, r);
   try {
     std::string aside;
     const uint8_t* from = receivedBytes(recvData, startPos, split.copied, aside);
-    if (!m_buffer.holds(split.records, r) && !replaceWithSpaces(split.records, r)) return;
-    if (copy(from, split.records, split.copied, r)) m_buffer.setValidCount(split.records);
+    if (!buffer().holds(split.records, r) && !replaceWithSpaces(split.records, r)) return;
+    if (copy(from, split.records, split.copied, r)) buffer().setValidCount(split.records);
   } catch (...) {
-    m_buffer.setValidCount(0);
+    buffer().setValidCount(0);
   }
 }
 
@@ -78,7 +82,7 @@ bool KXBlockDataProc::setDataReverse(const void* recvData, int32_t startPos, int
 
 bool KXBlockDataProc::insertRealData(const void* recvData, int32_t starPos, int32_t recvSize) noexcept {
   if (recvSize == 0) {
-    m_buffer.setValidCount(0);  // as every receive: an empty one hides the records and keeps everything else
+    buffer().setValidCount(0);  // as every receive: an empty one hides the records and keeps everything else
     return true;
   }
   const int32_t r = recordSize();
@@ -89,21 +93,21 @@ bool KXBlockDataProc::insertRealData(const void* recvData, int32_t starPos, int3
     const uint8_t* from = receivedBytes(recvData, starPos, split.copied, aside);
     // A block without a buffer makes its own, with the start index at its end as initRealBufferIndex
     // leaves it, and takes the record whatever valid count it held; a refused insert keeps the new buffer.
-    const bool made = m_buffer.data() == nullptr;
+    const bool made = buffer().data() == nullptr;
     if (made) {
       if (!replaceWithSpaces(kRealBufferRecords, r)) return false;
-      m_buffer.setStartIndex(kRealBufferRecords);
+      buffer().setStartIndex(kRealBufferRecords);
     }
     // No record is free before the first valid one: refused rather than writing before the buffer.
-    if (m_buffer.startIndex() <= 0) return false;
-    const int32_t start = m_buffer.startIndex() - 1;
-    const int64_t held = m_buffer.validCount();
-    if (!made && int64_t{m_buffer.bufCount()} < start + held + split.records) return false;
+    if (buffer().startIndex() <= 0) return false;
+    const int32_t start = buffer().startIndex() - 1;
+    const int64_t held = buffer().validCount();
+    if (!made && int64_t{buffer().bufCount()} < start + held + split.records) return false;
     uint8_t* to = span(int64_t{start} * r, split.copied);
     if (to == nullptr) return false;
     std::memcpy(to, from, static_cast<size_t>(split.copied));
-    m_buffer.setStartIndex(start);
-    m_buffer.setValidCount(static_cast<int32_t>(std::min<int64_t>(held + split.records, INT32_MAX)));
+    buffer().setStartIndex(start);
+    buffer().setValidCount(static_cast<int32_t>(std::min<int64_t>(held + split.records, INT32_MAX)));
   } catch (...) {
     return false;
   }

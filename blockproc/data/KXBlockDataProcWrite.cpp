@@ -9,6 +9,7 @@
 #include "blockproc/codec/TextCodec.h"
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/data/RecordBuffer.h"
 #include "blockproc/util/Internal.h"
 #include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
@@ -25,9 +26,8 @@ using internal::kSpace;
 // one level deeper than the write it runs inside, so no nested write can change its bytes. The strings
 // are kept and reused, so that a write allocates only for a value longer than the ones before it (an
 // unusually long value's storage is let go afterwards); writes nested deeper than the kept levels use a
-// string of their own. Kept strings save an allocation per converted value: a 40-character Hangul text
-// write takes 121 ns with them and 128 ns with a fresh string each time (BM_WriteHangulText40Cp949,
-// Release, one pinned core); values that fit a short string gain nothing.
+// string of their own. Kept strings save an allocation per converted value, a few percent of a converted
+// text write (BM_WriteHangulText40Cp949); values that fit a short string gain nothing.
 class ScratchBytes {
  public:
   ScratchBytes() noexcept : bytes_(depth() < kLevels ? levels()[depth()] : own_) { ++depth(); }
@@ -63,24 +63,29 @@ int32_t positionAfter(int32_t nPos, int32_t length) noexcept {
 
 // ---- helpers -------------------------------------------------------------------------------------------
 
+// Grows the buffer to exactly index + 1 records of `stride` bytes (old bytes kept by reSizeBytes, new
+// records spaces). False, changing nothing, for a negative index, a stride of 0 or below or a size beyond
+// 32 bits.
 bool KXBlockDataProc::growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept {
   if (index < 0) return false;
-  const bool had = m_buffer.data() != nullptr;
-  if (!m_buffer.grow(int64_t{index} + 1, stride, recordSize())) return false;
+  const bool had = buffer().data() != nullptr;
+  if (!buffer().grow(int64_t{index} + 1, stride, recordSize())) return false;
   // The old buffer's wipe leaves, of all it does, an empty dynamic input list and a valid count of 0; the
   // raw-text writer's length wipe does so even without an old buffer.
   if (wipe == GrowWipe::WipeLengthThenWipe || (wipe == GrowWipe::Wipe && had)) {
-    m_buffer.setValidCount(0);
+    buffer().setValidCount(0);
     m_arrDynamicInput.clear();
   }
   return true;
 }
 
+// Converts a value to the processor's encoding; false when it cannot be represented.
 bool KXBlockDataProc::encodeValue(std::string_view value, std::string& bytes) const noexcept {
   bytes.clear();
   return codec::encodeAppend(m_nEncodingType, value, bytes);
 }
 
+// Stores "size" and "data" of a key-encrypted value in the block definition's dictionary, if it has one.
 void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view value) noexcept {
   try {
     KeyEncDict* dict = m_oBlockInfo != nullptr ? m_oBlockInfo->getKeyEncValue(info.szFieldName) : nullptr;
@@ -96,6 +101,8 @@ void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view 
   }
 }
 
+// Writes the binary form of the value's leading number for types 2 to 5 into the field bytes (low-order
+// bytes when the field is shorter than the width). False for any other type.
 bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataType,
                                   std::string_view value) noexcept {
   uint8_t bytes[8];
@@ -143,13 +150,13 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
   try {
     const int32_t r = recordSize();
     if (r <= 0) return false;
-    if (index >= m_buffer.bufCount() && !growRecords(index, r, GrowWipe::None)) return false;
+    if (index >= buffer().bufCount() && !growRecords(index, r, GrowWipe::None)) return false;
     const int32_t length = std::max(info->nLength, 0);
     const int64_t offset = recordOffset(index, info->nDataPos);
     uint8_t* field = span(offset, length);
     if (field == nullptr) return false;  // the record lies past the buffer (a start index beyond it)
     std::memset(field, kSpace, static_cast<size_t>(length));
-    m_buffer.setValidCount(std::max(m_buffer.validCount(), index + 1));
+    buffer().setValidCount(std::max(buffer().validCount(), index + 1));
     if (!value) return false;
     ScratchBytes scratch;
     std::string& bytes = scratch.get();
@@ -197,7 +204,7 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
   const int32_t next = positionAfter(nPos, length);
   try {
     // Growth looks at the record index alone; a negative one is below every count and grows nothing.
-    if (index >= 0 && index >= m_buffer.bufCount()) {
+    if (index >= 0 && index >= buffer().bufCount()) {
       const int32_t stride = m_oBlockInfo != nullptr ? m_oBlockInfo->getRecordFieldSize() : 0;
       if (!growRecords(index, stride, GrowWipe::Wipe)) return next;
     }
@@ -240,12 +247,12 @@ bool KXBlockDataProc::setFieldDataFromInfoEX(const FieldInfo* info, int32_t inde
   try {
     const int32_t r = recordSize();
     if (r <= 0) return false;
-    if (index >= m_buffer.bufCount() && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
+    if (index >= buffer().bufCount() && !growRecords(index, r, GrowWipe::WipeLengthThenWipe)) return false;
     const int32_t length = std::max(info->nLength, 0);
     uint8_t* field = span(recordOffset(index, info->nDataPos), length);
     if (field == nullptr) return false;
     std::memset(field, kSpace, static_cast<size_t>(length));
-    m_buffer.setValidCount(index + 1);
+    buffer().setValidCount(index + 1);
     if (value == nullptr || info->nDataType != kFieldText) return false;
     std::memcpy(field, value, strnlen(value, static_cast<size_t>(length)));
   } catch (...) {

@@ -1,6 +1,10 @@
 #pragma once
 // A real-time link record from the block's XML definition: where a real-time value goes and how its
 // attribute is worked out.
+//
+// Usage (the processor makes these from a block's XML element; see KXBlockDataProc::setXmlInfo):
+//
+//   for (int32_t k = 0; k < proc.getRealAPLinkCount(); ++k) use(proc.getRealAPLinkInfo(k)->sJsonPath());
 
 #include <array>
 #include <cstdint>

@@ -1,6 +1,7 @@
 #pragma once
 // The record buffer of one block processor: its bytes and the counters that describe them (recorded size,
-// buffer record count, valid record count, start index, block data length). Private to the processor.
+// buffer record count, valid record count, start index, block data length). Private to the processor: the
+// processor holds the state (RecordBufferState, declared with it) and reaches it only through this view.
 //
 // Record i lies at buffer record (start index + i). The counters may say anything a caller set them to;
 // the bytes are only ever reached through span(), which refuses whatever lies outside the recorded size.
@@ -10,22 +11,28 @@
 #include <memory>
 #include <string>
 
-namespace blockproc {
+#include "blockproc/data/KXBlockDataProc.h"
 
+namespace blockproc::detail {
+
+// The operations on a processor's record buffer state; a view holding a reference to it, made for each use
+// and costing nothing once inlined.
 class RecordBuffer {
  public:
+  explicit RecordBuffer(RecordBufferState& state) noexcept : s_(state) {}
+
   // The bytes, or nullptr when there is no buffer.
-  const uint8_t* data() const noexcept { return bytes_.get(); }
+  const uint8_t* data() const noexcept { return s_.bytes.get(); }
   // Recorded size: the bytes of the buffer, 0 without one.
-  int32_t size() const noexcept { return size_; }
-  int32_t bufCount() const noexcept { return bufCount_; }
-  void setBufCount(int32_t count) noexcept { bufCount_ = count; }
-  int32_t validCount() const noexcept { return validCount_; }
-  void setValidCount(int32_t count) noexcept { validCount_ = count; }
-  int32_t startIndex() const noexcept { return startIndex_; }
-  void setStartIndex(int32_t index) noexcept { startIndex_ = index; }
+  int32_t size() const noexcept { return s_.size; }
+  int32_t bufCount() const noexcept { return s_.bufCount; }
+  void setBufCount(int32_t count) noexcept { s_.bufCount = count; }
+  int32_t validCount() const noexcept { return s_.validCount; }
+  void setValidCount(int32_t count) noexcept { s_.validCount = count; }
+  int32_t startIndex() const noexcept { return s_.startIndex; }
+  void setStartIndex(int32_t index) noexcept { s_.startIndex = index; }
   // Block data length: bytes a dynamic receive put in; never below 0 nor above the recorded size.
-  int64_t dataLen() const noexcept { return dataLen_; }
+  int64_t dataLen() const noexcept { return s_.dataLen; }
   void setDataLen(int64_t length) noexcept;
 
   // The bytes and their size as plain values, for a loop of many reads: its span() is the buffer's, with
@@ -40,7 +47,7 @@ class RecordBuffer {
       return data + offset;
     }
   };
-  View view() const noexcept { return {bytes_.get(), size_}; }
+  View view() const noexcept { return {s_.bytes.get(), s_.size}; }
 
   // The bytes [offset, offset + length), or nullptr when any of them lies outside the buffer. Inline: every
   // field read and write passes here.
@@ -50,7 +57,7 @@ class RecordBuffer {
   }
   // Byte offset (start index + index) * recordLen + pos in 64 bits (span() bounds-checks it).
   int64_t recordOffset(int32_t index, int64_t pos, int64_t recordLen) const noexcept {
-    return (int64_t{startIndex_} + index) * recordLen + pos;
+    return (int64_t{s_.startIndex} + index) * recordLen + pos;
   }
   // Whether the buffer exists and holds `records` records of recordLen bytes inside its recorded size.
   bool holds(int32_t records, int64_t recordLen) const noexcept;
@@ -90,12 +97,20 @@ class RecordBuffer {
   // Installs the area as the bytes and records its size; the block data length is kept inside it.
   void install(std::unique_ptr<uint8_t[]> area, int32_t size) noexcept;
 
-  std::unique_ptr<uint8_t[]> bytes_;
-  int32_t size_ = 0;
-  int32_t bufCount_ = 0;
-  int32_t validCount_ = 0;
-  int32_t startIndex_ = 0;
-  int64_t dataLen_ = 0;
+  RecordBufferState& s_;
 };
+
+}  // namespace blockproc::detail
+
+namespace blockproc {
+
+inline detail::RecordBuffer KXBlockDataProc::buffer() noexcept {
+  return detail::RecordBuffer(m_bufferState);
+}
+
+// Only the const operations of the view are reachable through the const view.
+inline const detail::RecordBuffer KXBlockDataProc::buffer() const noexcept {
+  return detail::RecordBuffer(const_cast<detail::RecordBufferState&>(m_bufferState));
+}
 
 }  // namespace blockproc

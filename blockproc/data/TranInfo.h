@@ -1,5 +1,11 @@
 #pragma once
 // The transaction definition: the blocks of one request and its reply.
+//
+// Usage:
+//
+//   const TranInfo& tran = definition.tran;                  // as a loader made it
+//   for (const BlockInfo* block : tran.m_OutBlockList) show(block->m_szBlockName);
+//   const BlockInfo* ticks = tran.findBlock("OutBlock1");    // nullptr when there is none
 
 #include <cstdint>
 #include <map>

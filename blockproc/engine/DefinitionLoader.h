@@ -5,6 +5,12 @@
 //
 // Loading never throws. A file that is not well-formed XML or that breaks a rule of the format is refused as
 // a whole, with the file, the line and what is wrong; nothing half-loaded is handed out.
+//
+// Usage:
+//
+//   DefinitionResult loaded = DefinitionLoader::loadFile("current_price.xml");
+//   if (!loaded) return fail(loaded.description());  // "current_price.xml:5: field ..., and why"
+//   TransactionDefinition& definition = *loaded.definition;
 
 #include <cstdint>
 #include <memory>

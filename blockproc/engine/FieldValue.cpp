@@ -380,39 +380,56 @@ bool prepareText(const FieldInfo& field, std::string_view value, uint32_t encodi
   return true;
 }
 
+// The decimals of `d` up to its last one that is not zero.
+std::string_view significantFraction(const Decimal& d) {
+  std::string_view fraction = d.fraction;
+  while (!fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1);
+  return fraction;
+}
+
+// Numeric text without its point: sign, zero fill, the digits, the last `places` of them the fraction.
+void writeWithoutPoint(const Decimal& d, int32_t places, int64_t room, PreparedValue& p) {
+  p.write.assign(d.negative ? "-" : "");
+  p.write.append(static_cast<size_t>(room - static_cast<int64_t>(d.integer.size())), '0');
+  p.write += d.integer;
+  p.write += d.fraction;
+  p.write.append(static_cast<size_t>(places) - d.fraction.size(), '0');
+  p.writeType = kFieldText;
+}
+
+// Numeric text with its point and only the decimals that are not zero ("900400000." or "99999999.9" in ten
+// bytes with 2 places), as a writer that cuts the decimal zeros it has no room for writes it; false when even
+// that has no room.
+bool writeCompact(const FieldInfo& field, const Decimal& d, PreparedValue& p) {
+  const std::string_view fraction = significantFraction(d);
+  const int64_t digits = std::max<int64_t>(static_cast<int64_t>(d.integer.size()), 1);
+  const int64_t compact = (d.negative ? 1 : 0) + digits + 1 + static_cast<int64_t>(fraction.size());
+  if (compact > field.nLength) return false;
+  p.write.assign(d.negative ? "-" : "");
+  p.write.append(static_cast<size_t>(field.nLength - compact), '0');
+  p.write += d.integer.empty() ? std::string_view("0") : std::string_view(d.integer);
+  p.write += '.';
+  p.write += fraction;
+  p.writeType = kFieldText;
+  return true;
+}
+
+// A number field is written with its point unless it is declared without it (point="implied"): with all its
+// places when they fit, else with the places that are not zero (the form a reply carries when the value
+// fills the field, so it goes back the same way), and without the point only when neither fits. The
+// reader takes every one of these forms.
 bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
   const int32_t places = field.nDecimalLen > 0 && field.nLength > field.nDecimalLen ? field.nDecimalLen : 0;
   if (!withPlaces(d, places, p.write, why)) return false;
   p.expected = p.write;
   const int64_t sign = d.negative ? 1 : 0, digits = static_cast<int64_t>(d.integer.size());
-  // The writer's layout always writes the point; with an implied point the digits take one byte more. A
-  // field whose point is implied is always written so: sign, zero fill, the digits, the last `places` of
-  // them the fraction.
   const bool pointWritten = !(field.bImpliedPoint && places > 0);
   const int64_t withPoint = (places > 0 ? field.nLength - places - 1 : field.nLength) - sign;
   const int64_t implied = field.nLength - places - sign;
   if (pointWritten && std::max<int64_t>(digits, 1) <= withPoint) return true;
+  if (pointWritten && places > 0 && writeCompact(field, d, p)) return true;
   if (places > 0 && digits <= implied) {
-    p.write.assign(d.negative ? "-" : "");
-    p.write.append(static_cast<size_t>(implied - digits), '0');
-    p.write += d.integer;
-    p.write += d.fraction;
-    p.write.append(static_cast<size_t>(places) - d.fraction.size(), '0');
-    p.writeType = kFieldText;
-    return true;
-  }
-  // A point with only the decimals that are not zero ("900400000." in ten bytes): the field reads it back
-  // with its own places, so a value a reply carried this way goes back the same way.
-  std::string_view fraction = d.fraction;
-  while (!fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1);
-  const int64_t compact = sign + std::max<int64_t>(digits, 1) + 1 + static_cast<int64_t>(fraction.size());
-  if (pointWritten && places > 0 && compact <= field.nLength) {
-    p.write.assign(d.negative ? "-" : "");
-    p.write.append(static_cast<size_t>(field.nLength - compact), '0');
-    p.write += d.integer.empty() ? std::string_view("0") : std::string_view(d.integer);
-    p.write += '.';
-    p.write += fraction;
-    p.writeType = kFieldText;
+    writeWithoutPoint(d, places, implied, p);
     return true;
   }
   why += "has ";
@@ -421,7 +438,9 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
       places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
   // Room for digits: with the implied point, or with a point and the decimals that are not zero.
   const int64_t roomWithPoint =
-      pointWritten && places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(fraction.size()) : 0;
+      pointWritten && places > 0
+          ? field.nLength - sign - 1 - static_cast<int64_t>(significantFraction(d).size())
+          : 0;
   why += internal::withThousands(std::max<int64_t>({implied, roomWithPoint, 0}));
   if (d.negative) why += " beside the sign";
   return false;

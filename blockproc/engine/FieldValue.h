@@ -13,6 +13,15 @@
 //                      decimal text that reads back as the same binary value, with at least the field's
 //                      decimal places: decimals pad, never cap (10300.921 in a double with 2 is 10300.921).
 // The renderers append to a caller's string and allocate nothing else; they throw only std::bad_alloc.
+//
+// Usage:
+//
+//   std::string text;
+//   value::RenderResult r = value::appendValue(text, field, value::fieldBytes(proc, field, i),
+//                                              proc.getEncodingType(), value::BadByteStyle::Escaped);
+//   value::PreparedValue prepared;
+//   std::string why;
+//   if (!value::prepareValue(field, "12.50", proc.getEncodingType(), prepared, why)) return fail(why);
 
 #include <cstdint>
 #include <string>

@@ -67,19 +67,11 @@ int64_t sendRecordSize(const BlockInfo& block) {
 }
 
 // Blanks every byte of the block's buffer, then lays out exactly `records` records of defaults (one for a
-// one-record block). A repeated block's repeat caps the records it takes, not the memory it starts with, so
-// the definition's repeat stands in for `records` only while the processor lays them out, and is restored
-// on leaving.
+// one-record block). A repeated block's repeat caps the records it takes, not the memory it starts with; the
+// definition is only read, so parents on many threads may share it.
 void layOutDefaults(KXBlockDataProc& proc, int32_t records) noexcept {
-  BlockInfo& block = *proc.getBlockInfo();
-  struct RepeatOverride {
-    BlockInfo& block;
-    int32_t cap;
-    ~RepeatOverride() { block.m_nRepeatCount = cap; }
-  } restore{block, block.m_nRepeatCount};
-  if (block.isOccursBlock()) block.m_nRepeatCount = records;
   proc.wipeBuffer();
-  proc.DefaultMemory();
+  proc.layOutDefaults(proc.isOccursBlock() ? records : 1);
 }
 
 }  // namespace
@@ -412,16 +404,25 @@ bool isBinary(const FieldInfo& field) {
   return field.nDataType >= kFieldInt16 && field.nDataType <= kFieldSInt64;
 }
 
+// Whether a field the values leave out must be written 0 over its laid-out default: a binary field's
+// default, spaces, is no number, and a number field's zeros are laid out with a point, which a field that
+// leaves its point out must not carry ("000000000.00" where a reader takes twelve digits).
+bool zeroOverDefault(const FieldInfo& field) {
+  if (field.getKeyEncState()) return false;
+  return isBinary(field) || (field.nDataType == kFieldNumText && field.bImpliedPoint &&
+                             field.nDecimalLen > 0 && field.nLength > field.nDecimalLen);
+}
+
 // Writes the values of record `record` of the caller's values into buffer record `index`, each once. With
-// `zeroBinary`, a binary field the values leave out holds 0 (its laid-out default, spaces, is no number);
+// `zeroLeftOut`, a field the values leave out whose default is not its zero (zeroOverDefault) is written 0;
 // the zeros go first, so a field the values do give is never overwritten by them.
 void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t index, int64_t record,
-                 bool zeroBinary) {
+                 bool zeroLeftOut) {
   const std::string& block = proc.getBlockName();
   const BlockInfo& info = *proc.getBlockInfo();
   std::vector<const FieldInfo*> fields;
   fields.reserve(values.fields.size());
-  std::vector<bool> given(zeroBinary ? static_cast<size_t>(info.getFieldCount()) : 0);
+  std::vector<bool> given(zeroLeftOut ? static_cast<size_t>(info.getFieldCount()) : 0);
   for (const auto& [name, text] : values.fields) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
@@ -431,7 +432,7 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
   }
   for (size_t j = 0; j < given.size(); ++j) {
     const FieldInfo& field = *info.getFieldInfoFromIndex(static_cast<int32_t>(j));
-    if (!given[j] && isBinary(field) && !field.getKeyEncState()) writeValue(proc, field, index, record, "0");
+    if (!given[j] && zeroOverDefault(field)) writeValue(proc, field, index, record, "0");
   }
   for (size_t k = 0; k < fields.size(); ++k)
     writeValue(proc, *fields[k], index, record, values.fields[k].second);

@@ -7,6 +7,14 @@
 //   RCL_RESTDATA       the block takes the rest of the data (whole records only);
 //   RCL_BLOCKFIELD_ID  the count is the value of a field of an earlier one-record block ("Block.field").
 // A one-record block always takes exactly one record. Nothing is read past the end of the given bytes.
+//
+// Usage:
+//
+//   TransactionProc parent(definition);                      // one processor per block
+//   auto reply = parent.receiveReply(bytes, size);
+//   if (!reply.ok) return fail(reply.message);               // names the block and the byte counts
+//   KXBlockDataProc* ticks = parent.findBlockProc("OutBlock1");
+//   auto request = parent.buildRequest({{"InBlock", {{{{"shcode", "005930"}}, {}}}}});
 
 #include <cstdint>
 #include <map>
@@ -20,7 +28,6 @@
 #include "blockproc/data/BaseDataProc.h"
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/engine/DefinitionLoader.h"
-#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 
@@ -67,9 +74,9 @@ class TransactionProc : public BaseDataProc {
   // One processor per block of the definition (not owned; it must outlive this parent), in the
   // definition's encoding, laid out with one record of default contents (a repeated block's repeat caps
   // the records it takes; they are laid out as they are received or built), linked to this parent, with
-  // the block's link element loaded. Throws only std::bad_alloc. Making a parent and building set a
-  // repeated block's repeat to the records being laid out and put it back before returning, so threads
-  // sharing a definition do neither while another reads it.
+  // the block's link element loaded. Throws only std::bad_alloc. Neither making a parent nor using it
+  // changes the definition (a key-encrypted value, which would go into it, is refused): parents on many
+  // threads may share one definition.
   explicit TransactionProc(TransactionDefinition& definition);
   ~TransactionProc() override;
   TransactionProc(const TransactionProc&) = delete;

@@ -7,6 +7,12 @@
 // and attribute values reach the caller exactly as written: entity and character references stay in them,
 // line ends and tabs are kept. Building the tree never recurses, so any nesting depth is accepted.
 // Nothing is thrown except std::bad_alloc when a returned string cannot be allocated.
+//
+// Usage:
+//
+//   std::string error;
+//   std::unique_ptr<TBXML> doc = TBXML::newTBXMLWithXMLString(xml, &error);  // nullptr, and why, if broken
+//   if (doc) proc.setXmlInfo(doc->rootXMLElement());
 
 #include <memory>
 #include <string>

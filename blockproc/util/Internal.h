@@ -75,8 +75,8 @@ inline std::string counted(int64_t count, std::string_view unit) {
 
 // The bytes less their trailing spaces and NULs.
 //
-// Eight bytes at a time: a byte OR 0x20 is 0x20 only for a space or a NUL. The quote layout's 40-byte name
-// field (padded names of 8 to 30 bytes) read in 43 ns trimmed byte by byte, 38.5 ns this way.
+// Eight bytes at a time: a byte OR 0x20 is 0x20 only for a space or a NUL. The quote layout's padded 40-byte
+// names trim faster this way than byte by byte (BM_RecordByAppend).
 [[gnu::always_inline]] inline std::string_view trimTrailing(std::string_view bytes) noexcept {
   constexpr uint64_t kPads = 0x2020202020202020ull;
   size_t n = bytes.size();

@@ -46,8 +46,8 @@ int decimalLength(uint64_t v) noexcept {
 // multiply carries into the lane below lands above the mask. One 8-byte store then writes the digits.
 //
 // Digits written a pair at a time from a table into a stack buffer and then appended came back through a
-// load that could not be forwarded from the small stores before it: an int64 field read in 12.6 ns that
-// way, and the quote record's four binary numbers spent a quarter of the record there.
+// load that could not be forwarded from the small stores before it, where the quote record's four binary
+// numbers spent a quarter of the record (BM_ReadInt64, BM_RecordByRecordRead).
 uint64_t eightDigits(uint64_t v) noexcept {
   const auto v32 = static_cast<uint32_t>(v);  // below 10^8: a 32-bit division is one multiply
   uint64_t x = (v32 / 10000) | (uint64_t{v32 % 10000} << 32);
@@ -123,9 +123,8 @@ void appendZeroPadded(std::string& out, int64_t value, int32_t width) {
 // integer part is m >> k, and its decimals are the fraction bits f times 10^places over 2^k, rounded half to
 // even as printf and std::to_chars round; a carry out of the decimals adds one to the integer part. Covers
 // normal values below 2^52 with up to 18 places; nullptr for the rest. std::to_chars (fixed) was the largest
-// item of a quote record's profile: its float and double fields (2 places) read in 58 and 54 ns through it,
-// 32 and 28 ns this way; dividing one scaled integer by 10^places for the point cost another 3 to 4 ns a
-// value.
+// item of a quote record's profile, and dividing one scaled integer by 10^places for the point is slower
+// than this as well (the quote record's float and double fields with 2 places: BM_RecordByRecordRead).
 char* writeFixed(char* dst, double value, int32_t places) noexcept {
   if (places < 0 || places > 18) return nullptr;
   uint64_t bits;

@@ -10,8 +10,8 @@
 // with one 16-byte store (the bytes after it are the caller's slack), and the implied decimal point goes in
 // by shifting the bytes after it one byte up in two 64-bit halves.
 //
-// The quote record's nine short text fields: trimmed by a word loop and given their point by a byte loop, a
-// record read in 170 ns; by 128-bit integer masks (no SIMD), 171; by these masks, 154.
+// The quote record's nine short text fields read faster by these masks than by a word loop and a byte loop
+// or by 128-bit integer masks without SIMD (BM_RecordByRecordRead).
 
 #include <bit>
 #include <cstdint>

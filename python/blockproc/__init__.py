@@ -8,20 +8,29 @@ pandas frames:
     frame = blockproc.to_pandas(definition, open("examples/current_price.reply", "rb").read(), "OutBlock1")
 
 Values are the tool's canonical values (blockproc decode --format json), exactly. Text fields are str.
-int16/int64/sint64 fields are integers. A number field, and a float or double field, is a scaled integer in a
-frame: the value times 10**decimals, with the scale in frame.attrs["scales"] (blockproc.as_decimal gives
-decimal.Decimal values); a blank number field is <NA>. decode gives the same values as Python objects: int,
-decimal.Decimal for a field with decimals, str, None for a blank number. Bytes that have no exact value raise
-ValueError naming the block, the record, the field and the byte offset.
+int16/int64/sint64 fields are integers. A number field is, in a frame, by numbers=:
+  "scaled" (the default)  an exact Int64 column of the value times 10**decimals, <NA> for a blank; the scales
+                          are blockproc.scales(definition, block) (also frame.attrs["scales"], which pandas
+                          drops in groupby and merge); blockproc.as_decimal gives decimal.Decimal values
+  "float"                 float64 in the field's units (the nearest double), NaN for a blank
+  "decimal"               decimal.Decimal objects, exact, None for a blank
+A float or double field is a float64 column: the double itself, or the value a float shows. decode gives the
+values as Python objects: int, decimal.Decimal for a field with decimals (a float or double: the tool's text),
+str, None for a blank number; a field flagged as a password is "********" unless show_secrets=True. Bytes that
+have no exact value raise ValueError naming the block, the record, the field and the byte offset.
+
+A loaded Definition does not change: setting a member of its blocks or fields raises TypeError. It is pickled
+(to Dask workers) as the text it was loaded from, so every process uses the same definition; to change one,
+change its XML and load it again.
 """
 
-import decimal as _decimal
 import os as _os
 
 from ._blockproc import *  # noqa: F401,F403  (the processor, the descriptors, encode)
-from ._blockproc import Definition, encode, _decode, _load, _reply_columns, _stream_columns
+from ._blockproc import Definition, encode, _decimals, _decode, _load, _reply_columns, _scales, _stream_columns
 
-_TEXT, _INT16, _INT64, _SCALED, _REAL, _ATTR = range(6)
+_TEXT, _INT16, _INT64, _SCALED, _REAL, _ATTR, _FLOAT, _DECIMAL = range(8)
+_NUMBERS = ("scaled", "float", "decimal")
 
 
 def load_definition(source):
@@ -54,6 +63,15 @@ def _check_definition(definition):
 def _check_block(block):
     if not isinstance(block, str):
         raise TypeError("block must be a block name (str), not " + type(block).__name__)
+    if "\0" in block:
+        raise ValueError("block must be a block name; %r holds a NUL character" % block)
+
+
+def _check_numbers(numbers):
+    if not isinstance(numbers, str):
+        raise TypeError('numbers must be "scaled", "float" or "decimal", not ' + type(numbers).__name__)
+    if numbers not in _NUMBERS:
+        raise ValueError('numbers must be "scaled", "float" or "decimal", not %r' % numbers)
 
 
 def _frame(columns, block):
@@ -63,7 +81,6 @@ def _frame(columns, block):
     for name, kind, scale, values, mask in columns:
         if kind == _SCALED:
             values = pd.arrays.IntegerArray(values, mask)
-        if kind in (_SCALED, _REAL):
             scales[name] = scale
         data[name] = values
     frame = pd.DataFrame(data, copy=False)
@@ -72,40 +89,72 @@ def _frame(columns, block):
     return frame
 
 
-def to_pandas(definition, reply, block):
-    """A pandas.DataFrame of one output block of a reply: one row per record, one column per field (and one
-    "<field>@attr" uint8 column per attribute byte). Decoded in C++ in one call."""
+def to_pandas(definition, reply, block, *, numbers="scaled"):
+    """A pandas.DataFrame of one output block of a reply (bytes-like, any size): one row per record, one column
+    per field (and one "<field>@attr" uint8 column per attribute byte). Decoded in C++ in one call. numbers:
+    "scaled", "float" or "decimal", the form of the number columns (see the module's help)."""
     _check_definition(definition)
     _check_block(block)
-    return _frame(_reply_columns(definition, reply, block, "the reply"), block)
+    _check_numbers(numbers)
+    return _frame(_reply_columns(definition, reply, block, "the reply", numbers), block)
 
 
-def realtime_frame(definition, stream, block):
+def realtime_frame(definition, stream, block, *, numbers="scaled"):
     """A pandas.DataFrame of a captured real-time stream: the block's records back to back, one row per record
     in the order received (the processor's newest record, its record 0, is the last row)."""
     _check_definition(definition)
     _check_block(block)
-    return _frame(_stream_columns(definition, stream, block, "the stream"), block)
+    _check_numbers(numbers)
+    return _frame(_stream_columns(definition, stream, block, "the stream", 0, numbers), block)
 
 
-def decode(definition, reply):
+def decode(definition, reply, *, show_secrets=False):
     """The records of every output block of a reply: {block name: [record, ...]}, each record a dict of field
     name to value: str, int, decimal.Decimal for a field with decimals, None for a blank number field, and an
-    int for each "<field>@attr". The values of `blockproc decode --format json`."""
+    int for each "<field>@attr". The values of `blockproc decode --format json`; a field flagged as a password
+    is "********" unless show_secrets=True."""
     _check_definition(definition)
-    return _decode(definition, reply, "the reply")
+    if not isinstance(show_secrets, bool):
+        raise TypeError("show_secrets must be True or False, not " + type(show_secrets).__name__)
+    return _decode(definition, reply, "the reply", show_secrets)
 
 
-def scales(frame):
-    """The scale of each scaled column of a frame made by to_pandas or realtime_frame: {column: decimals}."""
-    return dict(frame.attrs.get("scales", {}))
+def scales(definition, block=None):
+    """The scale of each scaled column: {column: decimals}. From the definition and a block name (what pandas
+    does to a frame cannot lose it), or from a frame made by to_pandas or realtime_frame (its attrs)."""
+    if isinstance(definition, Definition):
+        _check_block(block)
+        return _scales(definition, block)
+    if block is not None:
+        raise TypeError("scales takes a Definition and a block name, or a frame alone")
+    attrs = getattr(definition, "attrs", None)
+    if not isinstance(attrs, dict):
+        raise TypeError("scales takes a Definition and a block name, or a frame, not "
+                        + type(definition).__name__)
+    return dict(attrs.get("scales", {}))
 
 
-def as_decimal(frame, column):
-    """A scaled column as a pandas Series of decimal.Decimal (None where the field was blank)."""
+def as_decimal(frame, column, scale=None):
+    """A scaled column as a pandas Series of decimal.Decimal (None where the field was blank), exact at any
+    decimal precision. The scale is `scale` when given (say blockproc.scales(definition, block)[column]), else
+    the frame's attrs; ValueError when neither has one or the column is not a scaled integer column."""
     import pandas as pd
 
-    scale = frame.attrs["scales"][column]
-    # Built from its text, which the decimal context (precision, rounding) never touches: exact at any precision.
-    values = [None if v is pd.NA else _decimal.Decimal("%de-%d" % (v, scale)) for v in frame[column]]
-    return pd.Series(values, index=frame.index, name=column, dtype=object)
+    if column not in frame.columns:
+        raise KeyError("the frame has no column %r" % (column,))
+    if scale is None:
+        known = frame.attrs.get("scales", {})
+        if column not in known:
+            raise ValueError(
+                "column %r has no scale: it is not a scaled column of this frame, or pandas dropped the frame's "
+                "attrs (groupby, merge); give scale=blockproc.scales(definition, block)[%r]" % (column, column))
+        scale = known[column]
+    if isinstance(scale, bool) or not isinstance(scale, int):
+        raise TypeError("scale must be an int, not " + type(scale).__name__)
+    series = frame[column]
+    if not pd.api.types.is_integer_dtype(series.dtype):
+        raise ValueError("column %r is %s, not a scaled integer column (an Int64 column of to_pandas with "
+                         "numbers=\"scaled\")" % (column, series.dtype))
+    blank = series.isna().to_numpy() if series.hasnans else None
+    values = series.to_numpy(dtype="int64", na_value=0)
+    return pd.Series(_decimals(values, blank, scale), index=frame.index, name=column, dtype=object)

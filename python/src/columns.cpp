@@ -9,22 +9,22 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <vector>
 
 #include "blockproc/codec/Utf8.h"
 #include "blockproc/data/FieldNameIndex.h"
 #include "blockproc/engine/FieldValue.h"
+#include "blockproc/util/NumberFormat.h"
 #include "blockproc/util/NumberParse.h"
 
 namespace blockproc::python {
 
 namespace {
-
-// GCC and Clang's 128-bit integer, named without a pedantic warning.
-__extension__ typedef __int128 Int128;
 
 constexpr std::array<uint64_t, 20> kPowersOfTen{1ULL,
                                                 10ULL,
@@ -46,6 +46,11 @@ constexpr std::array<uint64_t, 20> kPowersOfTen{1ULL,
                                                 100000000000000000ULL,
                                                 1000000000000000000ULL,
                                                 10000000000000000000ULL};
+
+// 10^k as doubles, each exact.
+constexpr std::array<double, 23> kExactPowers = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                 1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                                 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
 // One field of the records being decoded, for reading its bytes and naming it in messages.
 struct FieldAt {
@@ -109,8 +114,8 @@ enum class Plain { Value, Blank, Other };
 // Numeric text of the wire as value * 10^places, when it is in the form replies carry: spaces, an optional
 // sign, at most 18 digits with none or at most `places` after a point (without one the last `places` digits
 // are the decimals), then spaces or NULs. The engine reads these bytes as the same value; Other for anything
-// else, which the caller hands to the engine. Kept for speed: about 5 ns a field against 25 for rendering the
-// canonical text and reading it back (each of the five number fields of the benchmark's quote capture).
+// else, which the caller hands to the engine. Kept for speed: several times faster than rendering the
+// canonical text and reading it back (the number fields of the quote capture, bench/python_bench.py).
 Plain plainScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept {
   size_t end = bytes.size(), i = 0;
   while (end > 0 && (bytes[end - 1] == ' ' || bytes[end - 1] == '\0')) --end;
@@ -139,54 +144,34 @@ Plain plainScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept
   return Plain::Value;
 }
 
-// A float field's canonical value is the shortest decimal text of its float with the point moved `places`
-// left, so scaled by 10^places it is that shortest text: for a whole float below 2^24 in magnitude the
-// integer it holds. False for the others (fractions, larger magnitudes), which go to the engine. Kept for
-// speed: about 2 ns a field against 70 for the engine's shortest text (per of the quote capture).
-bool wholeFloat(std::string_view bytes, int64_t& out) noexcept {
+// The value a float or double field shows as a float64: a double is its own value; a float is the shortest
+// decimal text of its float with the point moved `places` left, read back as the nearest double. A whole
+// float below 2^24 in magnitude is that integer, and one correctly rounded division by 10^places (exact for
+// places up to 22) gives the nearest double to integer * 10^-places; any other float goes through its
+// shortest text. False for a non-finite value, which the caller hands to the engine.
+bool realValue(std::string_view bytes, bool isFloat, int32_t places, double& out) noexcept {
+  if (!isFloat) {
+    std::memcpy(&out, bytes.data(), sizeof out);
+    return std::isfinite(out);
+  }
   float value = 0;
   std::memcpy(&value, bytes.data(), sizeof value);
-  if (!(std::fabs(value) < 16777216.0f)) return false;  // NaN too
-  const auto whole = static_cast<int64_t>(value);
-  if (static_cast<float>(whole) != value) return false;
-  out = whole;
-  return true;
-}
-
-// A double's canonical value is its shortest round-trip decimal text. The multiple q of 10^-places nearest to
-// the binary value is that text when q reads back as the same double and the double's spacing, 2^-shift, is
-// finer than 10^-places: the shortest text then has no digit past the places (q is such a text) and no other
-// multiple of 10^-places reads back as the double. Both are checked in integer arithmetic on the IEEE fields.
-// False when they do not hold; the caller asks the engine. Kept for speed: about 9 ns a field against 110 for
-// the engine's shortest text (avgprice of the quote capture).
-bool shortestScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept {
-  if (places < 0 || places >= static_cast<int32_t>(kPowersOfTen.size())) return false;
-  uint64_t bits;
-  std::memcpy(&bits, bytes.data(), sizeof bits);
-  const auto biased = static_cast<int>((bits >> 52) & 0x7FF);
-  const uint64_t fractionBits = bits & ((uint64_t{1} << 52) - 1);
-  if (biased == 0x7FF) return false;  // infinity or NaN
-  if (biased == 0 && fractionBits == 0) {
-    out = 0;  // either zero: "0.00"
+  if (!std::isfinite(value)) return false;
+  if (places == 0) {
+    out = value;
     return true;
   }
-  // value = m * 2^-shift exactly.
-  const uint64_t m = biased == 0 ? fractionBits : fractionBits | uint64_t{1} << 52;
-  const int shift = biased == 0 ? 1074 : 1075 - biased;
-  const uint64_t scale = kPowersOfTen[static_cast<size_t>(places)];
-  if (shift <= 0 || shift >= 120 || (shift < 64 && scale >= uint64_t{1} << shift)) return false;
-  const Int128 exact = static_cast<Int128>(m) * scale;  // value * 10^places * 2^shift, below 2^117
-  Int128 q = exact >> shift;
-  const Int128 rest = exact - (q << shift), half = static_cast<Int128>(1) << (shift - 1);
-  if (rest > half || (rest == half && (q & 1) != 0)) ++q;
-  // q reads back as the double when it lies within half a spacing of it (strictly: a tie goes to the
-  // engine), a quarter on the side below a power of two, whose lower neighbour is nearer.
-  Int128 distance = (q << shift) - exact;
-  const bool below = distance < 0;
-  if (below) distance = -distance;
-  if (distance * (below && fractionBits == 0 ? 4 : 2) >= static_cast<Int128>(scale)) return false;
-  if (q > static_cast<Int128>(INT64_MAX)) return false;
-  out = (bits >> 63) != 0 ? -static_cast<int64_t>(q) : static_cast<int64_t>(q);
+  if (std::fabs(value) < 16777216.0f && places <= 22 && std::trunc(value) == value) {
+    out = static_cast<double>(value) / kExactPowers[static_cast<size_t>(places)];
+    return true;
+  }
+  char text[64];
+  char* end = std::to_chars(text, text + 40, value, std::chars_format::scientific).ptr;
+  const char* e = std::find(text, end, 'e');
+  const int64_t exponent =
+      num::parseLeadingInt(std::string_view(e + 1, static_cast<size_t>(end - e - 1)), -1000, 1000) - places;
+  end = num::writeInt(const_cast<char*>(e) + 1, exponent);
+  out = num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
   return true;
 }
 
@@ -194,15 +179,15 @@ bool shortestScaled(std::string_view bytes, int32_t places, int64_t& out) noexce
 // (times): each field content is compared with the previous record's, then looked up in a table of the strs
 // made so far (four slots a key may take), so a value is decoded once while it keeps coming back. A slot
 // keeps its key's hash and a copy of its first kKeyBytes bytes: comparing against an earlier record's bytes
-// instead would read a random place of the input (30 ns more per field on the quote capture). A 40-byte cp949
-// name seen before costs about 15 ns, one seen for the first time about 250 ns (decoding and a new str). When
+// instead would read a random place of the input (a cache miss per field on the quote capture). A name seen
+// before costs a lookup, one seen for the first time a decode and a new str (bench/python_bench.py). When
 // the four slots are taken, a new value replaces one of them.
 class TextCache {
  public:
   static constexpr size_t kSlots = 4096, kWays = 4, kKeyBytes = 48;
   // A table of `records` records has at most that many values: it takes twice their slots, up to kSlots
-  // (about 295 KB), so that a small frame does not make and clear the whole table per text column (one record
-  // and ten text columns: 35 us with the full table).
+  // (about 295 KB), so that a small frame does not make and clear the whole table per text column (a frame of
+  // one record would spend nearly all its time clearing it).
   explicit TextCache(int64_t records)
       : m_slots(
             std::min<size_t>(kSlots, std::bit_ceil(static_cast<size_t>(std::max<int64_t>(records, 8)) * 2))),
@@ -338,32 +323,195 @@ py::array textColumn(const FieldAt& at, int64_t count, std::string& scratch) {
   return array;
 }
 
-py::array scaledColumn(const FieldAt& at, int64_t count, int32_t places, std::string& scratch,
-                       py::object& mask) {
-  py::array_t<int64_t> array(count);
-  py::array_t<bool> absent(count);
-  int64_t* out = array.mutable_data();
-  bool* missing = absent.mutable_data();
-  for (int64_t record = 0; record < count; ++record) {
-    out[record] = 0;
-    const Plain plain = plainScaled(at.bytes(record), places, out[record]);
-    missing[record] = plain == Plain::Blank ||
-                      (plain == Plain::Other && !canonicalScaled(at, record, scratch, out[record]));
+// decimal.Decimal objects of scaled values. A column's values come back often (prices, rates), and a Decimal
+// is immutable, so each one made is kept in a direct-mapped table by its scaled value and handed out again: a
+// value seen before costs a lookup (about 6 ns), a new one the product of Decimal("1E-<places>") and the int
+// (about 110 ns; a Decimal made from its text takes twice that). A product is rounded to the thread's decimal
+// context, so while the maker lives the thread has its own context, with room for every 64-bit integer; the
+// caller's comes back when it goes. The table takes twice the column's records in slots, up to kSlots (64
+// KiB).
+class DecimalMaker {
+ public:
+  static constexpr size_t kSlots = 4096;
+  DecimalMaker(int32_t places, int64_t records)
+      : m_module(py::module_::import("decimal")),
+        m_type(m_module.attr("Decimal")),
+        m_unit(m_type("1E" + std::to_string(-places))),
+        m_saved(m_module.attr("getcontext")()),
+        m_slots(
+            std::min<size_t>(kSlots, std::bit_ceil(static_cast<size_t>(std::max<int64_t>(records, 8)) * 2))),
+        m_shift(64 - std::countr_zero(m_slots.size())) {
+    m_module.attr("setcontext")(
+        m_module.attr("Context")(py::arg("prec") = 40, py::arg("traps") = py::list()));
   }
-  mask = std::move(absent);
-  return array;
+  ~DecimalMaker() {
+    for (Slot& s : m_slots) Py_XDECREF(s.value);
+    // Put back with any error being raised kept aside.
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    PyObject* done = PyObject_CallOneArg(m_module.attr("setcontext").ptr(), m_saved.ptr());
+    if (done == nullptr) PyErr_WriteUnraisable(nullptr);
+    Py_XDECREF(done);
+    PyErr_Restore(type, value, trace);
+  }
+  DecimalMaker(const DecimalMaker&) = delete;
+  DecimalMaker& operator=(const DecimalMaker&) = delete;
+
+  // A new reference to the Decimal of scaled * 10^-places.
+  PyObject* scaled(int64_t value) {
+    Slot& slot = m_slots[(static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL) >> m_shift];
+    if (slot.value != nullptr && slot.key == value) return newRef(slot.value);
+    PyObject* number = PyLong_FromLongLong(value);
+    if (number == nullptr) throw py::error_already_set();
+    PyObject* made = PyNumber_Multiply(m_unit.ptr(), number);
+    Py_DECREF(number);
+    if (made == nullptr) throw py::error_already_set();
+    Py_XDECREF(slot.value);
+    slot.value = newRef(made);
+    slot.key = value;
+    return made;
+  }
+  // A new reference to the Decimal of a number's text (any size; the decimal context never rounds a
+  // conversion from text).
+  PyObject* fromText(std::string_view text) {
+    return fromObject(PyUnicode_FromStringAndSize(text.data(), static_cast<Py_ssize_t>(text.size())));
+  }
+
+ private:
+  struct Slot {
+    int64_t key = 0;
+    PyObject* value = nullptr;
+  };
+  static PyObject* newRef(PyObject* value) {
+    Py_INCREF(value);
+    return value;
+  }
+  // Decimal(argument), the argument's reference taken.
+  PyObject* fromObject(PyObject* argument) {
+    if (argument == nullptr) throw py::error_already_set();
+    PyObject* made = PyObject_CallOneArg(m_type.ptr(), argument);
+    Py_DECREF(argument);
+    if (made == nullptr) throw py::error_already_set();
+    return made;
+  }
+  py::module_ m_module;
+  py::object m_type, m_unit, m_saved;
+  std::vector<Slot> m_slots;
+  int m_shift;
+};
+
+// Where a number column's values go, one of three forms: the scaled int64 with a mask, float64 (NaN for a
+// blank), or decimal.Decimal objects (None for a blank). Each takes a value as value * 10^places or as the
+// engine's canonical text (a value the plain reader does not take).
+struct ScaledSink {
+  py::array_t<int64_t> values;
+  py::array_t<bool> blank;
+  explicit ScaledSink(int64_t count, int32_t) : values(count), blank(count) {}
+  void scaled(int64_t i, int64_t v) {
+    values.mutable_data()[i] = v;
+    blank.mutable_data()[i] = false;
+  }
+  void none(int64_t i) {
+    values.mutable_data()[i] = 0;
+    blank.mutable_data()[i] = true;
+  }
+  void text(const FieldAt& at, int64_t i, std::string& canonical) {
+    int64_t v = 0;
+    canonicalScaled(at, i, canonical, v);
+    scaled(i, v);
+  }
+  std::pair<py::object, py::object> done() { return {std::move(values), std::move(blank)}; }
+};
+
+struct FloatSink {
+  py::array_t<double> values;
+  int32_t places;
+  FloatSink(int64_t count, int32_t p) : values(count), places(p) {}
+  // |v| below 2^53 and 10^places are exact doubles, and one division rounds once: the nearest double.
+  void scaled(int64_t i, int64_t v) {
+    if (v > -(int64_t{1} << 53) && v < (int64_t{1} << 53) && places <= 22) {
+      values.mutable_data()[i] = static_cast<double>(v) / kExactPowers[static_cast<size_t>(places)];
+      return;
+    }
+    char text[num::kIntRoom + 24];
+    char* end = num::writeInt(text, v);
+    *end++ = 'e';
+    end = num::writeInt(end, -places);
+    values.mutable_data()[i] =
+        num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
+  }
+  void none(int64_t i) { values.mutable_data()[i] = std::numeric_limits<double>::quiet_NaN(); }
+  void text(const FieldAt&, int64_t i, const std::string& canonical) {
+    values.mutable_data()[i] = num::parseLeadingDouble(canonical);
+  }
+  std::pair<py::object, py::object> done() { return {std::move(values), py::none()}; }
+};
+
+struct DecimalSink {
+  py::array values;
+  PyObject** out;
+  DecimalMaker maker;
+  DecimalSink(int64_t count, int32_t places)
+      : values(py::dtype("O"), std::vector<py::ssize_t>{static_cast<py::ssize_t>(count)}),
+        out(static_cast<PyObject**>(values.mutable_data())),
+        maker(places, count) {}
+  void scaled(int64_t i, int64_t v) { out[i] = maker.scaled(v); }
+  void none(int64_t i) { out[i] = newRef(Py_None); }
+  void text(const FieldAt&, int64_t i, const std::string& canonical) { out[i] = maker.fromText(canonical); }
+  std::pair<py::object, py::object> done() { return {std::move(values), py::none()}; }
+  static PyObject* newRef(PyObject* value) {
+    Py_INCREF(value);
+    return value;
+  }
+};
+
+// A number field's column in the sink's form: the plain reader takes the wire's usual forms, the engine the
+// rest (and refuses what has no value).
+template <typename Sink>
+std::pair<py::object, py::object> numberColumn(const FieldAt& at, int64_t count, int32_t places,
+                                               std::string& scratch) {
+  Sink sink(count, places);
+  for (int64_t record = 0; record < count; ++record) {
+    int64_t v = 0;
+    const Plain plain = plainScaled(at.bytes(record), places, v);
+    if (plain == Plain::Value) {
+      sink.scaled(record, v);
+    } else if (plain == Plain::Blank) {
+      sink.none(record);
+    } else {
+      at.canonical(record, scratch);
+      if (scratch.empty())
+        sink.none(record);
+      else
+        sink.text(at, record, scratch);
+    }
+  }
+  return sink.done();
 }
 
+// A float or double field's column: float64 of the value the field shows. A non-finite value, or a field
+// shorter than its type, goes to the engine, which refuses what it cannot read; what it reads is kept.
 py::array realColumn(const FieldAt& at, int64_t count, int32_t places, std::string& scratch) {
-  py::array_t<int64_t> array(count);
-  int64_t* out = array.mutable_data();
+  py::array_t<double> array(count);
+  double* out = array.mutable_data();
   const bool isFloat = at.field.nDataType == kFieldFloat;
   const int32_t width = isFloat ? 4 : 8;
   for (int64_t record = 0; record < count; ++record) {
     const std::string_view raw = at.bytes(record);
-    const bool fast = at.field.nLength >= width &&
-                      (isFloat ? wholeFloat(raw, out[record]) : shortestScaled(raw, places, out[record]));
-    if (!fast) canonicalScaled(at, record, scratch, out[record]);
+    if (at.field.nLength >= width && realValue(raw, isFloat, places, out[record])) continue;
+    at.canonical(record, scratch);
+    if (at.field.nLength >= width) {
+      // Not finite, and the engine takes it: the stored value itself.
+      if (isFloat) {
+        float f;
+        std::memcpy(&f, raw.data(), sizeof f);
+        out[record] = f;
+      } else {
+        std::memcpy(&out[record], raw.data(), sizeof(double));
+      }
+    } else {
+      out[record] = num::parseLeadingDouble(scratch);
+    }
   }
   return array;
 }
@@ -379,14 +527,14 @@ py::array attrColumn(const FieldAt& at, int64_t count) {
 }  // namespace
 
 py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
-                       int64_t stride, const RecordSource& source) {
+                       int64_t stride, const RecordSource& source, Numbers numbers) {
   py::list columns;
   std::string scratch;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
     checkInside(block, field, stride);
     const FieldAt at{block, field, source, records, stride, encoding};
-    const ColumnKind kind = kindOf(field);
+    ColumnKind kind = kindOf(field);
     const int32_t places =
         kind == ColumnKind::Scaled || kind == ColumnKind::Real ? std::max(field.nDecimalLen, 0) : 0;
     py::object mask = py::none();
@@ -401,13 +549,22 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
       case ColumnKind::Int64:
         values = integerColumn<int64_t>(at, count, scratch);
         break;
-      case ColumnKind::Scaled:
-        values = scaledColumn(at, count, places, scratch, mask);
+      case ColumnKind::Scaled: {
+        auto made = numbers == Numbers::Float     ? numberColumn<FloatSink>(at, count, places, scratch)
+                    : numbers == Numbers::Decimal ? numberColumn<DecimalSink>(at, count, places, scratch)
+                                                  : numberColumn<ScaledSink>(at, count, places, scratch);
+        values = std::move(made.first);
+        mask = std::move(made.second);
+        if (numbers != Numbers::Scaled)
+          kind = numbers == Numbers::Float ? ColumnKind::Float : ColumnKind::Decimal;
         break;
+      }
       case ColumnKind::Real:
         values = realColumn(at, count, places, scratch);
         break;
       case ColumnKind::Attr:
+      case ColumnKind::Float:
+      case ColumnKind::Decimal:
         break;
     }
     columns.append(py::make_tuple(field.szFieldName, static_cast<int>(kind), places, values, mask));
@@ -418,13 +575,69 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
   return columns;
 }
 
+py::dict scaledFields(const BlockInfo& block) {
+  py::dict scales;
+  for (int32_t j = 0; j < block.getFieldCount(); ++j) {
+    const FieldInfo& field = *block.getFieldInfoFromIndex(j);
+    if (kindOf(field) == ColumnKind::Scaled)
+      scales[py::str(field.szFieldName)] = std::max(field.nDecimalLen, 0);
+  }
+  return scales;
+}
+
+py::array decimalsOfScaled(const py::array& values, const py::object& blank, int32_t places) {
+  if (places < 0 || places > 18)
+    throw py::value_error("scale must be 0 to 18, not " + std::to_string(places));
+  const auto scaled = py::array_t<int64_t, py::array::c_style | py::array::forcecast>::ensure(values);
+  if (!scaled || scaled.ndim() != 1) throw py::type_error("the values must be a one-dimensional int64 array");
+  const int64_t count = scaled.shape(0);
+  py::array_t<bool, py::array::c_style | py::array::forcecast> mask;
+  if (!blank.is_none()) {
+    mask = py::array_t<bool, py::array::c_style | py::array::forcecast>::ensure(blank);
+    if (!mask || mask.ndim() != 1 || mask.shape(0) != count)
+      throw py::value_error("the mask must be a bool array as long as the values");
+  }
+  DecimalSink sink(count, places);
+  const int64_t* in = scaled.data();
+  const bool* none = blank.is_none() ? nullptr : mask.data();
+  for (int64_t i = 0; i < count; ++i) {
+    if (none != nullptr && none[i])
+      sink.none(i);
+    else
+      sink.scaled(i, in[i]);
+  }
+  return std::move(sink.values);
+}
+
+namespace {
+
+// The Python value of the record's field, the form decode gives.
+py::object recordValue(const FieldAt& at, int64_t record, std::string& text, const py::object& decimal) {
+  at.canonical(record, text);
+  py::object item;
+  if (value::valueKind(at.field) == value::ValueKind::Text)
+    item = py::reinterpret_steal<py::object>(newStr(text));
+  else if (text.empty())
+    item = py::none();
+  else if (at.field.nDecimalLen > 0)
+    item = decimal(py::str(text));
+  else
+    item = py::reinterpret_steal<py::object>(PyLong_FromString(text.c_str(), nullptr, 10));
+  if (!item) throw py::error_already_set();
+  return item;
+}
+
+}  // namespace
+
 py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
-                       int64_t stride, const RecordSource& source) {
+                       int64_t stride, const RecordSource& source, bool showSecrets) {
+  const py::object masked = py::str("********");
   const py::object decimal = py::module_::import("decimal").attr("Decimal");
   struct Field {
     FieldAt at;
     py::str name;
     py::object attrName;  // "<field>@attr", or None
+    bool secret;
   };
   std::vector<Field> fields;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
@@ -432,26 +645,16 @@ py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t*
     checkInside(block, field, stride);
     fields.push_back(
         {FieldAt{block, field, source, records, stride, encoding}, py::str(field.szFieldName),
-         block.carriesAttr(field) ? py::object(py::str(field.szFieldName + "@attr")) : py::none()});
+         block.carriesAttr(field) ? py::object(py::str(field.szFieldName + "@attr")) : py::none(),
+         !showSecrets && field.isPasswordField()});
   }
   py::list list;
   std::string text;
   for (int64_t record = 0; record < count; ++record) {
     py::dict values;
     for (const Field& f : fields) {
-      f.at.canonical(record, text);
-      py::object item;
-      if (value::valueKind(f.at.field) == value::ValueKind::Text) {
-        item = py::reinterpret_steal<py::object>(newStr(text));
-      } else if (text.empty()) {
-        item = py::none();
-      } else if (f.at.field.nDecimalLen > 0) {
-        item = decimal(py::str(text));
-      } else {
-        item = py::reinterpret_steal<py::object>(PyLong_FromString(text.c_str(), nullptr, 10));
-      }
-      if (!item) throw py::error_already_set();
-      values[f.name] = item;
+      // A secret is not even read: a message about its bytes would show them.
+      values[f.name] = f.secret ? masked : recordValue(f.at, record, text, decimal);
       if (!f.attrName.is_none())
         values[f.attrName] = py::int_(records[record * stride + f.at.field.nDataPos + f.at.field.nLength]);
     }

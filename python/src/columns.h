@@ -8,21 +8,38 @@
 //   int16 / int64 / sint64       int16 / int64 / int64
 //   number, text with decimals   int64 holding the value * 10^decimals, with a bool mask (a blank field is
 //                                masked)
-//   float / double               int64 holding the value * 10^decimals
+//                                (Numbers::Scaled), or float64 with NaN for a blank (Numbers::Float), or
+//                                decimal.Decimal objects with None for a blank (Numbers::Decimal)
+//   float / double               float64: the double itself, or the value a float shows (its shortest text
+//                                with the point moved `decimals` places left), whatever its places
 // A value that has no exact form (bytes that are not text in the encoding, a number field holding something
-// else, more decimal places than the field's, a non-finite float, or in a column a value beyond 64 bits)
-// raises ValueError naming the block, the record, the field and the byte offset: nothing is blanked or
-// rounded.
+// else, more decimal places than the field's, a non-finite float the engine refuses, or in a scaled column a
+// value beyond 64 bits) raises ValueError naming the block, the record, the field and the byte offset:
+// nothing is blanked or rounded beyond what float64 itself rounds.
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include <pybind11/numpy.h>
+
 #include "common.h"
 
 namespace blockproc::python {
 
-enum class ColumnKind : int { Text = 0, Int16 = 1, Int64 = 2, Scaled = 3, Real = 4, Attr = 5 };
+enum class ColumnKind : int {
+  Text = 0,
+  Int16 = 1,
+  Int64 = 2,
+  Scaled = 3,
+  Real = 4,
+  Attr = 5,
+  Float = 6,
+  Decimal = 7
+};
+
+// The form of a number field's column.
+enum class Numbers { Scaled, Float, Decimal };
 
 // Where the records come from, for messages: "the reply", "capture.bin" ...
 struct RecordSource {
@@ -34,11 +51,19 @@ struct RecordSource {
 // The columns of `count` records of `stride` bytes at `records`, as a list of tuples
 // (name, kind, scale, values, mask or None). `encoding` decodes text fields.
 py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
-                       int64_t stride, const RecordSource& source);
+                       int64_t stride, const RecordSource& source, Numbers numbers = Numbers::Scaled);
+
+// The scale (decimals) of each field of the block whose column is scaled: {field name: decimals}.
+py::dict scaledFields(const BlockInfo& block);
+
+// An object array of decimal.Decimal of scaled int64 values (values[i] * 10^-places), None where `blank`
+// (None or a bool array of the same length) is set. TypeError or ValueError for arrays of another kind.
+py::array decimalsOfScaled(const py::array& values, const py::object& blank, int32_t places);
 
 // The same records as a list of dicts of field name to value: str for text, None for a blank number,
-// decimal.Decimal for a field with decimals, int for the others and for "<field>@attr".
+// decimal.Decimal for a field with decimals, int for the others and for "<field>@attr". A field flagged as a
+// password gives "********" unless `showSecrets`.
 py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
-                       int64_t stride, const RecordSource& source);
+                       int64_t stride, const RecordSource& source, bool showSecrets = false);
 
 }  // namespace blockproc::python

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "blockproc/data/BlockInfo.h"
 
@@ -16,10 +17,10 @@ namespace blockproc::python {
 namespace py = pybind11;
 
 // The bytes of a bytes-like object (bytes, bytearray, memoryview, a contiguous numpy array), held for as long
-// as the view lives; None gives no bytes. Anything else raises TypeError naming `what`.
+// as the view lives; None gives no bytes where `noneAllowed`. Anything else raises TypeError naming `what`.
 class ByteView {
  public:
-  ByteView(py::handle object, const char* what);
+  ByteView(py::handle object, const char* what, bool noneAllowed = true);
   ~ByteView();
   ByteView(const ByteView&) = delete;
   ByteView& operator=(const ByteView&) = delete;
@@ -62,13 +63,25 @@ class ProcessorCall {
   static void memoised(PyBlockInfo* block);
   // Forgets a block that is going away.
   static void forgotten(PyBlockInfo* block) noexcept;
+
+ private:
+  // The blocks memoised during this call when it is the outermost one of its thread.
+  std::vector<PyBlockInfo*> m_memoised;
 };
 
 // Drops what a Python block remembered during a processor call (processor.cpp).
 void forgetMemo(PyBlockInfo* block) noexcept;
 
-// Raises TypeError when a descriptor member is set while a processor call is in progress.
-void checkNotFrozen();
+// Raises TypeError when a descriptor is changed while a processor call is in progress, or when it belongs to
+// a loaded definition (see freeze).
+void checkChangeable(const void* descriptor);
+// Marks a descriptor of a loaded definition as one that never changes from Python, until thaw.
+void freeze(const void* descriptor);
+void thaw(const void* descriptor) noexcept;
+
+// Raises ValueError when a name (`what`: "block", "field") holds a NUL character, where the C string it
+// stands for would end.
+void checkName(std::string_view name, const char* what);
 
 void bindProcessor(py::module_& m);
 void bindEngine(py::module_& m);

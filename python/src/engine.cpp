@@ -19,13 +19,31 @@ namespace blockproc::python {
 
 namespace {
 
-// A loaded definition with the text it was loaded from, so that it can be pickled to Dask workers.
+// A loaded definition with the text it was loaded from, so that it can be pickled to Dask workers. Its
+// descriptors do not change from Python (setting a member raises TypeError): a pickled definition travels as
+// that text, so what is used on a worker is always what is used here.
 struct Definition {
   std::string xml;
   std::string name;
   std::unique_ptr<TransactionDefinition> definition;
 
+  Definition() = default;
+  Definition(const Definition&) = delete;
+  Definition& operator=(const Definition&) = delete;
+  ~Definition() {
+    if (definition) forEachDescriptor(thaw);
+  }
+  template <typename F>
+  void forEachDescriptor(F f) const {
+    f(&definition->tran);
+    for (const auto& b : definition->tran.m_BlockInfokList) {
+      f(b.get());
+      for (const auto& field : b->m_FieldInfoList) f(field.get());
+    }
+  }
+
   const BlockInfo& block(const std::string& blockName) const {
+    checkName(blockName, "block");
     const BlockInfo* found = definition->tran.findBlock(blockName);
     if (found == nullptr)
       throw py::key_error("no block named '" + blockName + "' in " + name + "; it has " + names());
@@ -51,6 +69,7 @@ std::unique_ptr<Definition> load(const py::bytes& xml, const std::string& name) 
   DefinitionResult result = DefinitionLoader::loadString(loaded->xml, name);
   if (!result) throw py::value_error(result.description());
   loaded->definition = std::move(result.definition);
+  loaded->forEachDescriptor(freeze);
   return loaded;
 }
 
@@ -64,12 +83,21 @@ struct Slice {
 // Splits the reply among the output blocks as the tool does; a reply that does not fit raises ValueError.
 // The columns read the caller's bytes, so no block needs its records copied: the rest block (always the last)
 // is only measured, and the splitting parent goes with the copies the other blocks took once the slices are
-// known. Kept with the definition, it held a copy of every reply: to_pandas of a 200 MB reply peaked at 709
-// MB RSS and kept 200 MB after `del`; now 513 MB and nothing kept, and 0.19 s instead of 0.21 s. The parent
-// is made with the GIL held throughout: making one briefly sets the definition's repeats.
+// known: kept with the definition, it would hold a copy of every reply (docs/benchmarks.md). Making the
+// parent leaves the definition untouched, so threads may share it.
+// The splitter takes at most 2 GiB; a longer reply hands it the first 2 GiB, which hold every block before a
+// count="rest" block (a rest block is measured here, whatever its size). A longer reply without one is
+// refused.
 std::vector<Slice> split(const Definition& def, const ByteView& reply, const std::string& source) {
   TransactionProc splitter(*def.definition);
-  const auto received = splitter.receiveReplyHead(reply.data(), reply.size());
+  const int64_t head = std::min<int64_t>(reply.size(), internal::kInt32Max);
+  const auto received = splitter.receiveReplyHead(reply.data(), head);
+  const bool restOpen = received.ok && !received.slices.empty() && received.slices.back().open;
+  if (head < reply.size() && !restOpen)
+    throw py::value_error(source + ": a reply of " + internal::withThousands(reply.size()) +
+                          " bytes is more than the " + internal::withThousands(head) +
+                          " a reply takes unless a count=\"rest\" block takes what follows" +
+                          (received.ok ? "" : " (" + received.message + ")"));
   if (!received.ok) throw py::value_error(source + ": " + received.message);
   std::vector<Slice> slices;
   for (const auto& slice : received.slices) {
@@ -87,40 +115,50 @@ std::vector<Slice> split(const Definition& def, const ByteView& reply, const std
 }
 
 py::list sliceColumns(const Definition& def, const Slice& slice, const ByteView& reply,
-                      const std::string& source) {
+                      const std::string& source, Numbers numbers) {
   return decodeColumns(*slice.block, def.encoding(), reply.data() + slice.offset, slice.records,
-                       slice.block->getRecordMemSize(), RecordSource{source, slice.offset});
+                       slice.block->getRecordMemSize(), RecordSource{source, slice.offset}, numbers);
+}
+
+Numbers numbersArgument(const std::string& numbers) {
+  if (numbers == "scaled") return Numbers::Scaled;
+  if (numbers == "float") return Numbers::Float;
+  if (numbers == "decimal") return Numbers::Decimal;
+  throw py::value_error("numbers must be \"scaled\", \"float\" or \"decimal\", not " +
+                        py::repr(py::str(numbers)).cast<std::string>());
 }
 
 // The columns of one output block of a reply.
 py::list replyColumns(const Definition& def, py::handle replyObject, const std::string& blockName,
-                      const std::string& source) {
+                      const std::string& source, const std::string& numbers) {
+  const Numbers form = numbersArgument(numbers);
   const BlockInfo& block = def.block(blockName);
   if (!def.isOutput(block))
     throw py::key_error("block " + blockName + " is not an output block of " + def.name);
-  ByteView reply(replyObject, "reply");
+  ByteView reply(replyObject, "reply", false);
   for (const Slice& slice : split(def, reply, source))
-    if (slice.block == &block) return sliceColumns(def, slice, reply, source);
+    if (slice.block == &block) return sliceColumns(def, slice, reply, source, form);
   throw py::value_error("block " + blockName + " was not found in the reply");
 }
 
 // The columns of every output block of a reply, in order.
 py::list replyBlocks(const Definition& def, py::handle replyObject, const std::string& source) {
-  ByteView reply(replyObject, "reply");
+  ByteView reply(replyObject, "reply", false);
   py::list blocks;
   for (const Slice& slice : split(def, reply, source))
-    blocks.append(py::make_tuple(slice.block->m_szBlockName, sliceColumns(def, slice, reply, source)));
+    blocks.append(
+        py::make_tuple(slice.block->m_szBlockName, sliceColumns(def, slice, reply, source, Numbers::Scaled)));
   return blocks;
 }
 
 // The records of every output block of a reply as dicts of values: {block name: [record, ...]}.
-py::dict decode(const Definition& def, py::handle replyObject, const std::string& source) {
-  ByteView reply(replyObject, "reply");
+py::dict decode(const Definition& def, py::handle replyObject, const std::string& source, bool showSecrets) {
+  ByteView reply(replyObject, "reply", false);
   py::dict blocks;
   for (const Slice& slice : split(def, reply, source))
     blocks[py::str(slice.block->m_szBlockName)] =
         decodeRecords(*slice.block, def.encoding(), reply.data() + slice.offset, slice.records,
-                      slice.block->getRecordMemSize(), RecordSource{source, slice.offset});
+                      slice.block->getRecordMemSize(), RecordSource{source, slice.offset}, showSecrets);
   return blocks;
 }
 
@@ -128,16 +166,18 @@ py::dict decode(const Definition& def, py::handle replyObject, const std::string
 // where a record starts (a piece of a longer stream), so that messages number records from the source's
 // start.
 py::list streamColumns(const Definition& def, py::handle streamObject, const std::string& blockName,
-                       const std::string& source, int64_t offset) {
+                       const std::string& source, int64_t offset, const std::string& numbers) {
+  const Numbers form = numbersArgument(numbers);
   const BlockInfo& block = def.block(blockName);
-  ByteView stream(streamObject, "stream");
+  ByteView stream(streamObject, "stream", false);
   const int64_t recordSize = block.getRecordMemSize();
+  if (offset < 0) throw py::value_error("offset must be 0 or more, not " + std::to_string(offset));
   if (recordSize <= 0 || stream.size() % recordSize != 0)
     throw py::value_error(source + ": the stream holds " + internal::withThousands(stream.size()) +
                           " bytes, not a whole number of " + internal::withThousands(recordSize) + "-byte " +
                           blockName + " records");
   return decodeColumns(block, def.encoding(), stream.data(), stream.size() / recordSize, recordSize,
-                       RecordSource{source, offset, offset / recordSize});
+                       RecordSource{source, offset, offset / recordSize}, form);
 }
 
 // ---- values to bytes --------------------------------------------------------------------------------------
@@ -177,12 +217,16 @@ RecordValues recordFrom(py::handle record, const std::string& block, size_t inde
       throw py::type_error("block " + block + ", record " + std::to_string(index) +
                            ": field names must be str");
     const std::string name = key.cast<std::string>();
+    checkName(name, "field");
     if (name.size() > kAttr.size() && name.ends_with(kAttr)) {
       const std::string at = where(block, index, name);
       if (!PyLong_Check(value.ptr()) || PyBool_Check(value.ptr()))
         throw py::type_error(at + " must be an int");
-      const long long byte = value.cast<long long>();
-      if (byte < 0 || byte > 255) throw py::value_error(at + " must be an attribute byte, 0 to 255");
+      int overflow = 0;
+      const long long byte = PyLong_AsLongLongAndOverflow(value.ptr(), &overflow);
+      if (overflow != 0 || byte < 0 || byte > 255)
+        throw py::value_error(at + " must be an attribute byte, 0 to 255, not " +
+                              py::str(value).cast<std::string>());
       values.attrs.emplace_back(name.substr(0, name.size() - kAttr.size()), static_cast<uint8_t>(byte));
     } else if (value.is_none()) {
       values.nulls.push_back(name);  // a number or text field blank, as decode gives a blank one
@@ -200,6 +244,7 @@ std::vector<BlockValues> valuesFrom(py::handle values) {
   for (auto [key, block] : py::reinterpret_borrow<py::dict>(values)) {
     if (!py::isinstance<py::str>(key)) throw py::type_error("block names must be str");
     BlockValues entry{key.cast<std::string>(), {}};
+    checkName(entry.block, "block");
     if (py::isinstance<py::list>(block) || py::isinstance<py::tuple>(block)) {
       for (py::handle record : block)
         entry.records.push_back(recordFrom(record, entry.block, entry.records.size()));
@@ -259,11 +304,16 @@ void bindEngine(py::module_& m) {
       });
   m.def("_load", &load, py::arg("xml"), py::arg("name"));
   m.def("_reply_columns", &replyColumns, py::arg("definition"), py::arg("reply"), py::arg("block"),
-        py::arg("source"));
+        py::arg("source"), py::arg("numbers") = "scaled");
   m.def("_reply_blocks", &replyBlocks, py::arg("definition"), py::arg("reply"), py::arg("source"));
-  m.def("_decode", &decode, py::arg("definition"), py::arg("reply"), py::arg("source"));
+  m.def("_decode", &decode, py::arg("definition"), py::arg("reply"), py::arg("source"),
+        py::arg("show_secrets") = false);
   m.def("_stream_columns", &streamColumns, py::arg("definition"), py::arg("stream"), py::arg("block"),
-        py::arg("source"), py::arg("offset") = 0);
+        py::arg("source"), py::arg("offset") = 0, py::arg("numbers") = "scaled");
+  m.def(
+      "_scales", [](const Definition& d, const std::string& block) { return scaledFields(d.block(block)); },
+      py::arg("definition"), py::arg("block"));
+  m.def("_decimals", &decimalsOfScaled, py::arg("values"), py::arg("blank"), py::arg("scale"));
   m.def("encode", &encode, py::arg("definition"), py::arg("values"), py::arg("reply") = false,
         "The request bytes of the values (the reply bytes with reply=True); ValueError when a value does not "
         "fit.");

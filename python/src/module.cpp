@@ -2,6 +2,7 @@
 // registration of the processor and the engine.
 
 #include <atomic>
+#include <unordered_set>
 #include <vector>
 
 #include "common.h"
@@ -10,23 +11,27 @@ namespace blockproc::python {
 
 namespace {
 
-// Errors and memoised blocks of the processor calls of this thread.
+// Errors and memoised blocks of the processor calls of this thread. Nothing here needs destroying when the
+// thread ends (the memoised blocks are listed by the outermost call, on its stack): a thread_local destructor
+// runs after Python has let go of the thread, where no lock orders it before the thread's memory is reused.
 struct CallState {
   int depth = 0;
   PyObject* type = nullptr;
   PyObject* value = nullptr;
   PyObject* trace = nullptr;
-  std::vector<PyBlockInfo*> memoised;
+  std::vector<PyBlockInfo*>* memoised = nullptr;
 };
 thread_local CallState t_call;
 // Calls in progress on any thread: descriptors are frozen while one runs (an override may let other threads
 // in).
 std::atomic<int> g_activeCalls{0};
+// Descriptors of loaded definitions (read and changed with the GIL held).
+std::unordered_set<const void*> g_frozen;
 
 }  // namespace
 
-ByteView::ByteView(py::handle object, const char* what) {
-  if (object.is_none()) return;
+ByteView::ByteView(py::handle object, const char* what, bool noneAllowed) {
+  if (object.is_none() && noneAllowed) return;
   if (PyUnicode_Check(object.ptr()) || PyObject_GetBuffer(object.ptr(), &m_view, PyBUF_SIMPLE) != 0) {
     PyErr_Clear();
     throw py::type_error(std::string(what) + " must be bytes-like (bytes, bytearray, memoryview), not " +
@@ -40,15 +45,15 @@ ByteView::~ByteView() {
 }
 
 ProcessorCall::ProcessorCall() noexcept {
-  ++t_call.depth;
+  if (t_call.depth++ == 0) t_call.memoised = &m_memoised;
   ++g_activeCalls;
 }
 
 ProcessorCall::~ProcessorCall() {
   --g_activeCalls;
   if (--t_call.depth > 0) return;
-  for (PyBlockInfo* block : t_call.memoised) forgetMemo(block);
-  t_call.memoised.clear();
+  for (PyBlockInfo* block : m_memoised) forgetMemo(block);
+  t_call.memoised = nullptr;
   // An error not raised by finish (the call ended by another exception) is dropped.
   Py_CLEAR(t_call.type);
   Py_CLEAR(t_call.value);
@@ -87,18 +92,37 @@ void ProcessorCall::deferCurrentError() noexcept {
 }
 
 void ProcessorCall::memoised(PyBlockInfo* block) {
-  for (PyBlockInfo* b : t_call.memoised)
+  if (t_call.memoised == nullptr) return;
+  for (PyBlockInfo* b : *t_call.memoised)
     if (b == block) return;
-  t_call.memoised.push_back(block);
+  t_call.memoised->push_back(block);
 }
 
 void ProcessorCall::forgotten(PyBlockInfo* block) noexcept {
-  std::erase(t_call.memoised, block);
+  if (t_call.memoised != nullptr) std::erase(*t_call.memoised, block);
 }
 
-void checkNotFrozen() {
+void checkChangeable(const void* descriptor) {
   if (g_activeCalls.load() > 0)
     throw py::type_error("a descriptor cannot change while a processor call is using it");
+  if (g_frozen.contains(descriptor))
+    throw py::type_error(
+        "a descriptor of a loaded Definition cannot change: a pickled Definition travels as the text it "
+        "was loaded from, so the change would be lost on other processes; change the XML and load it again");
+}
+
+void freeze(const void* descriptor) {
+  g_frozen.insert(descriptor);
+}
+
+void thaw(const void* descriptor) noexcept {
+  g_frozen.erase(descriptor);
+}
+
+void checkName(std::string_view name, const char* what) {
+  if (name.find('\0') != std::string_view::npos)
+    throw py::value_error(std::string("a ") + what + " name cannot hold a NUL character: " +
+                          py::repr(py::str(std::string(name))).cast<std::string>());
 }
 
 }  // namespace blockproc::python

@@ -15,6 +15,7 @@ PYBIND11_MAKE_OPAQUE(blockproc::KeyEncDict)
 
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/parser/TBXML.h"
+#include "blockproc/util/Internal.h"
 #include "common.h"
 
 namespace blockproc::python {
@@ -75,31 +76,26 @@ class PyFieldInfo : public FieldInfo {
 
 }  // namespace
 
-// A Python block. Field objects its overrides return are kept alive as long as the block, so the pointers the
-// processor gets never dangle. During one processor call the field count and the field at each position are
-// asked once and remembered: a send buffer sized from them is the size the processor fills.
+// A Python block. A field object one of its overrides returns is kept alive until the end of the processor
+// call after the one it was returned in (the pointer the processor got never dangles, and a field returned to
+// Python is converted after its call has ended), so what a block keeps is what its last two calls asked for,
+// however many calls are made. During one processor call the field count, the record size and the field at
+// each position are asked once and remembered: a send buffer sized from them is the size the processor fills,
+// and the bounds checked before the call are the ones the processor meets.
 class PyBlockInfo : public BlockInfo {
  public:
   using BlockInfo::BlockInfo;
   ~PyBlockInfo() override { ProcessorCall::forgotten(this); }
 
   int32_t getRecordMemSize() const override {
-    return callOverride<int32_t>(base(), "getRecordMemSize",
-                                 [this] { return BlockInfo::getRecordMemSize(); });
+    return memoised(m_memoRecord, "getRecordMemSize", [this] { return BlockInfo::getRecordMemSize(); });
   }
   int32_t getRecordFieldSize() const override {
     return callOverride<int32_t>(base(), "getRecordFieldSize",
                                  [this] { return BlockInfo::getRecordFieldSize(); });
   }
   int32_t getFieldCount() const override {
-    if (m_memoCount) return *m_memoCount;
-    const int32_t count =
-        callOverride<int32_t>(base(), "getFieldCount", [this] { return BlockInfo::getFieldCount(); });
-    if (ProcessorCall::active()) {
-      m_memoCount = count;
-      ProcessorCall::memoised(const_cast<PyBlockInfo*>(this));
-    }
-    return count;
+    return memoised(m_memoCount, "getFieldCount", [this] { return BlockInfo::getFieldCount(); });
   }
   const FieldInfo* getFieldInfoFromIndex(int32_t position) const override {
     if (const auto it = m_memoFields.find(position); it != m_memoFields.end()) return it->second;
@@ -127,7 +123,7 @@ class PyBlockInfo : public BlockInfo {
           py::object result = override(fieldName);
           if (result.is_none()) return nullptr;
           auto* dict = result.cast<KeyEncDict*>();
-          m_keep.emplace(dict, std::move(result));
+          keep(dict, std::move(result));
           return dict;
         }
       } catch (...) {
@@ -140,13 +136,38 @@ class PyBlockInfo : public BlockInfo {
     return callOverride<bool>(base(), "isOccursBlock", [this] { return BlockInfo::isOccursBlock(); });
   }
 
+  // The end of an outermost processor call that asked this block: the memo goes, and what the call kept
+  // replaces what the call before it kept.
   void forget() noexcept {
     m_memoCount.reset();
+    m_memoRecord.reset();
     m_memoFields.clear();
+    m_keptBefore.swap(m_kept);
+    m_kept.clear();
   }
 
  private:
   const BlockInfo* base() const noexcept { return this; }
+  template <typename Fallback>
+  int32_t memoised(std::optional<int32_t>& memo, const char* name, Fallback fallback) const {
+    if (memo) return *memo;
+    const int32_t value = callOverride<int32_t>(base(), name, fallback);
+    if (ProcessorCall::active()) {
+      memo = value;
+      ProcessorCall::memoised(const_cast<PyBlockInfo*>(this));
+    }
+    return value;
+  }
+  void keep(const void* pointer, py::object object) const {
+    m_kept.emplace(pointer, std::move(object));
+    // Outside a processor call nothing ends the keeping: only the latest object is held.
+    if (ProcessorCall::active()) {
+      ProcessorCall::memoised(const_cast<PyBlockInfo*>(this));
+    } else {
+      m_keptBefore.clear();
+      m_keptBefore.swap(m_kept);
+    }
+  }
   template <typename Fallback, typename Arg>
   const FieldInfo* fieldOverride(const char* name, Fallback fallback, Arg arg) const {
     {
@@ -156,7 +177,7 @@ class PyBlockInfo : public BlockInfo {
           py::object result = override(arg);
           if (result.is_none()) return nullptr;
           const auto* field = result.cast<const FieldInfo*>();
-          m_keep.emplace(field, std::move(result));
+          keep(field, std::move(result));
           return field;
         }
       } catch (...) {
@@ -166,8 +187,8 @@ class PyBlockInfo : public BlockInfo {
     return fallback();
   }
 
-  mutable std::unordered_map<const void*, py::object> m_keep;
-  mutable std::optional<int32_t> m_memoCount;
+  mutable std::unordered_map<const void*, py::object> m_kept, m_keptBefore;
+  mutable std::optional<int32_t> m_memoCount, m_memoRecord;
   mutable std::unordered_map<int32_t, const FieldInfo*> m_memoFields;
 };
 
@@ -198,11 +219,53 @@ class PyBaseDataProc : public BaseDataProc {
   mutable py::object m_keep;  // the last transaction an override returned
 };
 
-// A member function of the processor called inside a ProcessorCall; the deferred error, if any, is raised.
+// The most a block may lay out, whatever its overrides answer: checked before the processor lays out or
+// allocates anything, so that no answer makes a call take more memory than this.
+constexpr int64_t kMaxFields = 65'536;
+constexpr int64_t kMaxRecordBytes = int64_t{64} << 20;
+
+// Raises ValueError naming the block when its field count, record size or packed record size (the sum of its
+// field lengths) lies beyond the bounds. Asked inside the call, so the processor meets the same answers.
+void checkLayout(const KXBlockDataProc& self) {
+  const BlockInfo* block = self.getBlockInfo();
+  if (block == nullptr) return;
+  const auto refuse = [block](const std::string& what) {
+    throw py::value_error("block '" + block->m_szBlockName + "': " + what);
+  };
+  const int64_t count = block->getFieldCount();
+  if (count < 0 || count > kMaxFields)
+    refuse("getFieldCount gives " + std::to_string(count) + "; a block has 0 to " +
+           internal::withThousands(kMaxFields) + " fields");
+  const int64_t record = block->getRecordMemSize();
+  if (record < 0 || record > kMaxRecordBytes)
+    refuse("getRecordMemSize gives " + std::to_string(record) + "; a record takes 0 to " +
+           internal::withThousands(kMaxRecordBytes) + " bytes");
+  int64_t packed = 0;
+  for (int32_t j = 0; j < count; ++j)
+    if (const FieldInfo* f = block->getFieldInfoFromIndex(j)) packed += std::max(f->nLength, 0);
+  if (packed > kMaxRecordBytes)
+    refuse("its fields take " + internal::withThousands(packed) + " bytes packed; a record takes at most " +
+           internal::withThousands(kMaxRecordBytes));
+}
+
+// Raises ValueError for the first string argument of a processor call (always a name) when it holds a NUL.
+template <typename T>
+void checkNameArgument(const T& arg, bool& checked) {
+  if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+    if (!checked) checkName(std::string_view(arg), "field or block");
+    checked = true;
+  }
+}
+
+// A member function of the processor called inside a ProcessorCall, after its names and its block's layout
+// are checked; the deferred error, if any, is raised.
 template <typename R, typename... A, typename M>
 auto guardedCall(M method) {
   return [method](KXBlockDataProc& self, A... args) -> R {
+    [[maybe_unused]] bool named = false;
+    (checkNameArgument(args, named), ...);
     ProcessorCall call;
+    checkLayout(self);
     if constexpr (std::is_void_v<R>) {
       (self.*method)(args...);
       call.finish();
@@ -222,13 +285,38 @@ auto guarded(R (KXBlockDataProc::*method)(A...) const noexcept) {
   return guardedCall<R, A...>(method);
 }
 
-// A data member of a descriptor that cannot change while the processor is using the descriptor.
+// A descriptor's member function called from Python inside a ProcessorCall, so that the objects its
+// overrides return are kept as a processor call's are, and an override's error is raised.
+template <typename R, typename C, typename... A>
+auto inCall(R (C::*method)(A...) const) {
+  return [method](const C& self, A... args) -> R {
+    ProcessorCall call;
+    R result = (self.*method)(args...);
+    call.finish();
+    return result;
+  };
+}
+template <typename R, typename C, typename... A>
+auto inCall(R (C::*method)(A...)) {
+  return [method](C& self, A... args) -> R {
+    ProcessorCall call;
+    R result = (self.*method)(args...);
+    call.finish();
+    return result;
+  };
+}
+
+// A data member of a descriptor, which cannot change while the processor is using the descriptor nor on a
+// descriptor of a loaded definition. A name member refuses a NUL.
 template <typename Class, typename C, typename T>
 void member(Class& cls, const char* name, T C::*field) {
+  const bool isName = std::string_view(name).ends_with("Name");
   cls.def_property(
       name, [field](const C& self) { return self.*field; },
-      [field](C& self, T value) {
-        checkNotFrozen();
+      [field, isName](C& self, T value) {
+        checkChangeable(&self);
+        if constexpr (std::is_same_v<T, std::string>)
+          if (isName) checkName(value, "field or block");
         self.*field = std::move(value);
       });
 }
@@ -279,6 +367,7 @@ bool receive(KXBlockDataProc& self, py::handle data, int32_t startPos, std::opti
   ByteView bytes(data, "recvData");
   const int32_t size = handedSize(bytes, startPos, recvSize);
   ProcessorCall call;
+  checkLayout(self);
   const bool result = (self.*Receive)(bytes.isNone() ? nullptr : bytes.data(), startPos, size);
   call.finish();
   return result;
@@ -287,6 +376,7 @@ bool receive(KXBlockDataProc& self, py::handle data, int32_t startPos, std::opti
 // The send buffer's size: the sum of the field lengths, asked inside the same call as the packing.
 py::bytes structInputData(const KXBlockDataProc& self) {
   ProcessorCall call;
+  checkLayout(self);
   std::string out;
   if (const BlockInfo* block = self.getBlockInfo()) {
     int64_t size = 0;
@@ -372,49 +462,55 @@ void bindProcessor(py::module_& m) {
           "addField",
           [](BlockInfo& b, std::string name, int32_t dataType, int32_t length, int32_t decimals,
              int32_t position) -> FieldInfo& {
-            checkNotFrozen();
+            checkChangeable(&b);
+            checkName(name, "field");
             return b.addField(std::move(name), dataType, length, decimals, position);
           },
           py::arg("name"), py::arg("dataType"), py::arg("length"), py::arg("decimals") = 0,
           py::arg("position") = -1, py::return_value_policy::reference_internal)
       .def("setRepeat",
            [](BlockInfo& b, int32_t count) {
-             checkNotFrozen();
+             checkChangeable(&b);
              b.setRepeat(count);
            })
       .def(
           "setAttrSource",
           [](BlockInfo& b, std::string key, const FieldInfo* source) {
-            checkNotFrozen();
+            checkChangeable(&b);
             b.setAttrSource(std::move(key), source);
           },
           py::keep_alive<1, 3>())
-      .def("carriesAttr", &BlockInfo::carriesAttr)
-      .def("getRecordMemSize", &BlockInfo::getRecordMemSize)
-      .def("getRecordFieldSize", &BlockInfo::getRecordFieldSize)
-      .def("getFieldCount", &BlockInfo::getFieldCount)
-      .def("getFieldInfoFromIndex", &BlockInfo::getFieldInfoFromIndex,
+      .def("carriesAttr", inCall(&BlockInfo::carriesAttr))
+      .def("getRecordMemSize", inCall(&BlockInfo::getRecordMemSize))
+      .def("getRecordFieldSize", inCall(&BlockInfo::getRecordFieldSize))
+      .def("getFieldCount", inCall(&BlockInfo::getFieldCount))
+      .def("getFieldInfoFromIndex", inCall(&BlockInfo::getFieldInfoFromIndex),
            py::return_value_policy::reference_internal)
-      .def("getFieldInfoFromName", &BlockInfo::getFieldInfoFromName,
+      .def("getFieldInfoFromName", inCall(&BlockInfo::getFieldInfoFromName),
            py::return_value_policy::reference_internal)
-      .def("getKeyEncValue", &BlockInfo::getKeyEncValue, py::return_value_policy::reference_internal)
-      .def("findKeyEncValue", &BlockInfo::findKeyEncValue, py::return_value_policy::reference_internal)
-      .def("getAttrRefSourceFieldInfo", &BlockInfo::getAttrRefSourceFieldInfo,
+      .def("getKeyEncValue", inCall(&BlockInfo::getKeyEncValue), py::return_value_policy::reference_internal)
+      .def("findKeyEncValue", inCall(&BlockInfo::findKeyEncValue),
            py::return_value_policy::reference_internal)
-      .def("isOccursBlock", &BlockInfo::isOccursBlock)
+      .def("getAttrRefSourceFieldInfo", inCall(&BlockInfo::getAttrRefSourceFieldInfo),
+           py::return_value_policy::reference_internal)
+      .def("isOccursBlock", inCall(&BlockInfo::isOccursBlock))
       .def_static("getAttrFunctionIndex", &BlockInfo::getAttrFunctionIndex)
       .def("__repr__", [](const BlockInfo& b) {
         return "<blockproc.BlockInfo '" + b.m_szBlockName + "', " + std::to_string(b.m_FieldInfoList.size()) +
                " fields>";
       });
 
-  py::class_<TranInfo>(m, "TranInfo")
-      .def(py::init<>())
-      .def_readwrite("m_strDataMode", &TranInfo::m_strDataMode)
-      .def_readwrite("sTrCode", &TranInfo::sTrCode)
-      .def_readwrite("m_nOccursLen", &TranInfo::m_nOccursLen)
-      .def("getTrCode", &TranInfo::getTrCode)
-      .def("setTrCode", &TranInfo::setTrCode)
+  py::class_<TranInfo> tran(m, "TranInfo");
+  tran.def(py::init<>());
+  member(tran, "m_strDataMode", &TranInfo::m_strDataMode);
+  member(tran, "sTrCode", &TranInfo::sTrCode);
+  member(tran, "m_nOccursLen", &TranInfo::m_nOccursLen);
+  tran.def("getTrCode", &TranInfo::getTrCode)
+      .def("setTrCode",
+           [](TranInfo& t, std::string code) {
+             checkChangeable(&t);
+             t.setTrCode(std::move(code));
+           })
       .def("findBlock", &TranInfo::findBlock, py::return_value_policy::reference_internal);
 
   py::class_<BaseDataProc, PyBaseDataProc>(m, "BaseDataProc")
@@ -548,6 +644,9 @@ void bindProcessor(py::module_& m) {
             // Bytes other than the record buffer itself are never copied (their size is unknown to the
             // processor), so only whether bytes were given reaches it.
             ByteView old(oldBytes, "oldBytes");
+            if (newLength < 0 || newLength > kMaxRecordBytes)
+              throw py::value_error("newLength must be 0 to " + internal::withThousands(kMaxRecordBytes) +
+                                    ", not " + std::to_string(newLength));
             ProcessorCall call;
             auto area = self.reSizeBytes(old.isNone() ? nullptr : old.data(), newLength);
             call.finish();
@@ -567,6 +666,7 @@ void bindProcessor(py::module_& m) {
           "setXmlInfo",
           [](P& self, std::optional<std::string> xml) {
             ProcessorCall call;
+            checkLayout(self);
             if (!xml) {
               self.setXmlInfo(nullptr);
             } else {
@@ -608,6 +708,7 @@ void bindProcessor(py::module_& m) {
             ByteView bytes(data, "data");
             const int32_t n = handedSize(bytes, 0, size);
             ProcessorCall call;
+            checkLayout(self);
             const bool result = self.resetDataDynamic(bytes.isNone() ? nullptr : bytes.data(), n);
             call.finish();
             return result;
@@ -636,8 +737,10 @@ void bindProcessor(py::module_& m) {
       .def("setFieldDataExFromInfo", guarded(&P::setFieldDataExFromInfo))
       .def("setFieldDataFromNameEX",
            [](P& self, std::string_view name, int32_t index, std::optional<std::string> value) {
+             checkName(name, "field");
              value = zeroTerminated(std::move(value));
              ProcessorCall call;
+             checkLayout(self);
              const bool result = self.setFieldDataFromNameEX(name, index, value ? value->c_str() : nullptr);
              call.finish();
              return result;
@@ -646,6 +749,7 @@ void bindProcessor(py::module_& m) {
            [](P& self, const FieldInfo* info, int32_t index, std::optional<std::string> value) {
              value = zeroTerminated(std::move(value));
              ProcessorCall call;
+             checkLayout(self);
              const bool result = self.setFieldDataFromInfoEX(info, index, value ? value->c_str() : nullptr);
              call.finish();
              return result;

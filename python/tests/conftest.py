@@ -79,3 +79,24 @@ def tool(tmp_path_factory):
                 for name, records in blocks.items()}
 
     return run
+
+
+def market_rows(count, seed=1, computed=True):
+    """`count` EVERY_TYPE records of real-looking traffic: Hangul and ASCII names, blank and negative numbers,
+    extreme integers, and computed averages in the double (more places than its 3) and in the float; with
+    computed=False the double and the float hold values within their places instead."""
+    import random
+
+    rng = random.Random(seed)
+    names = ["삼성전자", "SK하이닉스", "카카오", "NAVER", "현대차", "", "LG에너지솔루션"]
+    rows = []
+    for i in range(count):
+        prices = [rng.randint(1000, 90000) for _ in range(rng.randint(1, 9))]
+        qty = b"      " if i % 11 == 0 else b"%6d" % rng.randint(-99999, 999999)
+        price = b"        " if i % 13 == 0 else b"%8.2f" % (rng.randint(-999999, 9999999) / 100)
+        rate = b"%6.2f" % (rng.randint(-2999, 2999) / 100)
+        average = sum(prices) / len(prices)
+        f, d = (average / 7, average / 3) if computed else (float(prices[0]), prices[-1] / 8)
+        rows.append(row(names[i % len(names)], qty, price, i % 256, rate, rng.randint(-32768, 32767),
+                        rng.randint(-2**63, 2**63 - 1), -i, f, d))
+    return b"".join(rows)

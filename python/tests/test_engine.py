@@ -14,10 +14,15 @@ D = decimal.Decimal
 
 
 def frame_records(frame):
-    """A frame's rows in the form decode gives records: scaled columns as exact numbers, <NA> as None."""
+    """A frame's rows in the form decode gives records: scaled columns as exact numbers, <NA> as None, float64
+    columns as the decimal of their shortest text (the tool's text for a double, and for a float of at most
+    nine digits)."""
     columns = {c: frame[c].tolist() for c in frame.columns}
     for column in blockproc.scales(frame):
         columns[column] = blockproc.as_decimal(frame, column).tolist()
+    for column in frame.columns:
+        if frame[column].dtype == "float64":
+            columns[column] = [D(repr(v)) for v in columns[column]]
     return [dict(zip(columns, values)) for values in zip(*columns.values())]
 
 
@@ -46,8 +51,9 @@ def test_every_type_gives_the_tools_values_in_frames_and_records(every_type, too
     assert frame["rate"].tolist() == [150, -7, pd.NA]
     assert {c: str(t) for c, t in frame.dtypes.items()} == {
         "name": "object", "qty": "Int64", "price": "Int64", "price@attr": "uint8", "rate": "Int64",
-        "i16": "int16", "i64": "int64", "s64": "int64", "f": "int64", "d": "int64"}
-    assert blockproc.scales(frame) == {"qty": 0, "price": 2, "rate": 2, "f": 2, "d": 3}
+        "i16": "int16", "i64": "int64", "s64": "int64", "f": "float64", "d": "float64"}
+    assert frame["f"].tolist() == [12.34, -0.5, 3000.0] and frame["d"].tolist() == [0.125, -1e15 / 8, 0.001]
+    assert blockproc.scales(frame) == blockproc.scales(every_type, "Rows") == {"qty": 0, "price": 2, "rate": 2}
     records = blockproc.decode(every_type, data)["Rows"]
     assert frame_records(frame) == records == tool(EVERY_TYPE, data)["Rows"]
 
@@ -61,8 +67,8 @@ def test_text_columns_give_every_value_whether_it_repeats_or_not(every_type):
 
 
 def test_float_and_double_columns_equal_the_tools_values(every_type, tool):
-    # Whole floats below 2^24 and doubles of at most 3 places below 2^53 take the columns' fast paths; larger
-    # ones go through the engine's shortest text (123456792.0 shows as 1234567.90).
+    # Whole floats below 2^24 take a fast path, other floats their shortest text (123456792.0 shows as
+    # 1234567.90); a double column is the double itself.
     rng = random.Random(7)
     floats = [float(rng.randint(-2**24 + 1, 2**24 - 1)) for _ in range(150)] + [
         float(rng.randint(-2**40, 2**40)) for _ in range(150)] + [16777216.0, 123456792.0, -0.0, 3.0e5]
@@ -71,8 +77,8 @@ def test_float_and_double_columns_equal_the_tools_values(every_type, tool):
     data = b"".join(row("x", b"1", b"1", 0, b"1", 0, 0, 0, f, d) for f, d in zip(floats, doubles))
     expected = tool(EVERY_TYPE, data)["Rows"]
     frame = blockproc.realtime_frame(every_type, data, "Rows")
-    assert blockproc.as_decimal(frame, "f").tolist() == [r["f"] for r in expected]
-    assert blockproc.as_decimal(frame, "d").tolist() == [r["d"] for r in expected]
+    assert [D(repr(v)) for v in frame["f"]] == [r["f"] for r in expected]
+    assert frame["d"].tolist() == doubles
     assert blockproc.decode(every_type, data)["Rows"] == expected
 
 
@@ -172,8 +178,8 @@ def test_bytes_without_an_exact_value_are_refused_naming_block_record_field_offs
 def test_a_float_or_double_with_more_places_than_its_decimals_is_its_value():
     data = GOOD + patched(53, struct.pack("<d", 0.0625))
     assert blockproc.decode(blockproc.load_definition(EVERY_TYPE), data)["Rows"][1]["d"] == decimal.Decimal("0.0625")
-    with pytest.raises(ValueError, match=r"field d \(byte 114 of .*\): 0.0625 has more decimal places than the column"):
-        blockproc.realtime_frame(blockproc.load_definition(EVERY_TYPE), data, "Rows")
+    frame = blockproc.realtime_frame(blockproc.load_definition(EVERY_TYPE), data, "Rows")
+    assert frame["d"].dtype == "float64" and frame["d"][1] == 0.0625
 
 
 def test_no_value_writes_a_number_field_blank_as_decode_gives_it():
@@ -194,8 +200,9 @@ def test_a_number_beyond_64_bits_is_exact_in_records_and_refused_in_a_frame():
     with pytest.raises(ValueError, match=r"^block B, record 0, field n \(byte 0 of the reply\): -9999999999999999999 "
                                          r"does not fit a 64-bit column"):
         blockproc.to_pandas(definition, reply, "B")
-    with pytest.raises(ValueError, match=r"field d \(byte 53 of the stream\): 9300000000000000\.000 does not fit"):
-        blockproc.realtime_frame(blockproc.load_definition(EVERY_TYPE), patched(53, struct.pack("<d", 9.3e15)), "Rows")
+    # The other forms hold it: a float64 as near as it can, a Decimal exactly.
+    assert blockproc.to_pandas(definition, reply, "B", numbers="float")["n"].tolist() == [-1e19]
+    assert blockproc.to_pandas(definition, reply, "B", numbers="decimal")["n"].tolist() == [-9999999999999999999]
 
 
 def test_a_stream_of_part_records_is_refused(every_type):

@@ -11,6 +11,7 @@
 #include "Progress.h"
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
+#include "blockproc/engine/LayoutCheck.h"
 #include "blockproc/engine/TransactionProc.h"
 #include "blockproc/util/Internal.h"
 
@@ -170,6 +171,9 @@ class RecordWriter {
   // Starts a block of `count` records, or of records up to the end of the input when `count` is -1 (a table
   // then gives the count after them).
   void beginBlock(const KXBlockDataProc& proc, int64_t count);
+  // As beginBlock, the records shown as a repeated block's when `repeated` (a real-time stream's records,
+  // say), one record's fields otherwise, whatever the block definition says.
+  void beginBlock(const KXBlockDataProc& proc, int64_t count, bool repeated);
   // The processor's valid records, numbered from `first`.
   void records(const KXBlockDataProc& proc, int64_t first);
   // Records of the block begun, read from pieces of received bytes, each decoded on a thread of its own by
@@ -215,6 +219,9 @@ class InputStream {
   size_t readArrived(std::string& buf, size_t n, int waitMs);
   // Reads `n` bytes at `offset` of a seekable input into `to`; fails with kExitData.
   void readAt(char* to, size_t n, int64_t offset);
+  // The whole of a seekable input mapped into memory (pages are read as they are touched), valid while this
+  // stream lives; fails with kExitData.
+  std::string_view map();
   bool atEnd() const noexcept { return m_end; }
   int64_t size() const noexcept { return m_size; }  // a regular file's size, else -1
   const std::string& name() const noexcept { return m_name; }
@@ -224,6 +231,7 @@ class InputStream {
   bool m_own = false, m_end = false;
   int64_t m_size = -1;
   std::string m_name;
+  void* m_map = nullptr;
 };
 
 // Bytes read at a time from a block read to the end of its input, unless --chunk-bytes says otherwise.
@@ -261,6 +269,9 @@ struct HexdumpOptions {
   CommonOptions common;
   std::string reply;
   bool request = false;
+  bool stream = false;    // the data is real-time records of `block` back to back
+  std::string block;      // the stream's block
+  int64_t records = 100;  // records shown of each block; a line says how many more there are
   bool showSecrets = false;
 };
 struct RealtimeOptions {
@@ -279,12 +290,31 @@ struct RealtimeOptions {
   int32_t jobs = 1;
 };
 
+struct CheckOptionsCli {
+  CommonOptions common;
+  std::string data;
+  std::string block;
+  std::string format = "text";
+  bool request = false;
+  bool stream = false;
+};
+
 int runInspect(const CommonOptions& options);
+int runCheck(const CheckOptionsCli& options);
 int runDecode(const DecodeOptions& options);
 int runEncode(const EncodeOptions& options);
 int runHexdump(const HexdumpOptions& options);
 int runRealtime(const RealtimeOptions& options);
 
 Format parseFormat(const std::string& name);
+
+// The command line of `blockproc check` for the data, escaped for a terminal.
+std::string checkCommand(const CommonOptions& common, const std::string& data, check::DataKind kind,
+                         const std::string& block);
+// For data that is not whole records: "; 81-byte records would make it exactly 100,000 records" when a
+// record size near the defined one does, then a line naming the likeliest explanation the layout check
+// finds; `cutShort` says whether that is the data ending inside a record. "" when the check cannot be made.
+std::string layoutAdvice(const Session& session, std::string_view data, check::DataKind kind,
+                         const std::string& block, bool& cutShort);
 
 }  // namespace blockproc::cli

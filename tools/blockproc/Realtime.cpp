@@ -61,12 +61,10 @@ std::string notWhole(const InputStream& in, int64_t size, int64_t recordSize, co
 // The records in the order received, each shown once whole; followed, written out as they arrive.
 int showInArrivalOrder(const RealtimeOptions& options, const RenderOptions& render, const Session& session,
                        KXBlockDataProc& proc) {
-  BlockInfo& block = *proc.getBlockInfo();
+  const BlockInfo& block = *proc.getBlockInfo();
   const int64_t recordSize = block.getRecordMemSize();
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
   const int64_t pieceRecords = std::max<int64_t>(chunk / recordSize, 1);
-  block.setRepeat(static_cast<int32_t>(std::clamp<int64_t>(pieceRecords, 1, INT32_MAX)));
-  proc.DefaultMemory();
   InputStream in(options.stream);
   std::optional<InterruptCatcher> catcher;
   if (options.follow) catcher.emplace();
@@ -75,7 +73,7 @@ int showInArrivalOrder(const RealtimeOptions& options, const RenderOptions& rend
     out.text() = block.m_szBlockName + " real-time records, in the order received\n\n";
   Warnings warnings;
   RecordWriter writer(out, session.definition->tran.getTrCode(), render, warnings);
-  writer.beginBlock(proc, -1);
+  writer.beginBlock(proc, -1, true);  // a stream of records, whatever the block's repeat
   if (options.follow) out.flush();
   Progress progress(!options.quiet && !options.follow, in.size());
   std::string buf;
@@ -114,7 +112,7 @@ int runRealtime(const RealtimeOptions& options) {
   if (proc == nullptr)
     throw Failure{kExitUsage,
                   "no block named '" + options.block + "'; the definition has " + blockNames(*session.proc)};
-  BlockInfo& block = *proc->getBlockInfo();
+  const BlockInfo& block = *proc->getBlockInfo();
   const int64_t recordSize = block.getRecordMemSize();
   if (recordSize <= 0) throw Failure{kExitData, "block " + block.m_szBlockName + " has no bytes to a record"};
   if (options.follow || options.order == "arrival") {
@@ -128,12 +126,20 @@ int runRealtime(const RealtimeOptions& options) {
   InputStream in(options.stream);
   in.makeSeekable();
   const int64_t size = in.size(), records = size / recordSize;
+  const std::string uneven = notWhole(in, size, recordSize, block.m_szBlockName);
+  if (size % recordSize != 0) {
+    // Said before any record: records read at the wrong size are garbage, a cut capture's are not.
+    bool cutShort = false;
+    const std::string advice =
+        layoutAdvice(session, in.map(), check::DataKind::Stream, options.block, cutShort) + "\n  (" +
+        checkCommand(options.common, options.stream, check::DataKind::Stream, options.block) +
+        " shows the evidence)";
+    if (!cutShort) throw Failure{kExitData, uneven + advice};
+    std::cerr << "blockproc: " << printable(uneven + advice, true) << "\n  (its whole records follow)\n";
+  }
   const int64_t shown = options.keep > 0 ? std::min<int64_t>(options.keep, records) : records;
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
   const int64_t pieceRecords = std::max<int64_t>(chunk / options.jobs / recordSize, 1);  // one thread's
-  // The block is laid out as repeated, one piece of records at most.
-  block.setRepeat(static_cast<int32_t>(std::clamp<int64_t>(std::min(shown, pieceRecords), 1, INT32_MAX)));
-  proc->DefaultMemory();
 
   Output out("");
   if (render.format == Format::Table)
@@ -141,7 +147,7 @@ int runRealtime(const RealtimeOptions& options) {
                  withThousands(shown) + " of " + withThousands(records) + " in the stream)\n\n";
   Warnings warnings;
   RecordWriter writer(out, session.definition->tran.getTrCode(), render, warnings);
-  writer.beginBlock(*proc, shown);
+  writer.beginBlock(*proc, shown, true);  // a stream of records, whatever the block's repeat
   Progress progress(!options.quiet, shown * recordSize);
   // With --jobs, each round reads one piece per thread, the newest piece first.
   std::string batch;
@@ -170,7 +176,7 @@ int runRealtime(const RealtimeOptions& options) {
   progress.clear();
   out.finish();
   warnings.close();
-  if (size % recordSize != 0) throw Failure{kExitData, notWhole(in, size, recordSize, block.m_szBlockName)};
+  if (size % recordSize != 0) throw Failure{kExitData, uneven};
   return warnings.count() > 0 ? kExitData : kExitOk;
 }
 

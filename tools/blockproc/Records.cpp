@@ -122,6 +122,7 @@ struct RecordWriter::State {
   std::vector<size_t> widths;
   size_t indexWidth = 1;
   int64_t count = 0, written = 0;
+  bool repeated = false;  // records shown as a repeated block's
   bool firstBlock = true;
 
   std::string& text() { return out.text(); }
@@ -301,7 +302,7 @@ struct RecordWriter::State {
 
   void jsonRecord(int32_t index, int64_t record) {
     std::string& t = text();
-    if (!proc->isOccursBlock()) {
+    if (!repeated) {
       t += ": {\n";
       jsonMembers(index, record, true);
       t += "\n    }";
@@ -347,10 +348,15 @@ RecordWriter::RecordWriter(std::unique_ptr<State> state) : m_state(std::move(sta
 RecordWriter::~RecordWriter() = default;
 
 void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
+  beginBlock(proc, count, proc.isOccursBlock());
+}
+
+void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count, bool repeated) {
   State& s = *m_state;
   std::string& t = s.text();
   s.proc = &proc;
   s.blockShown = printable(proc.getBlockName());
+  s.repeated = repeated;
   s.columns = columnsOf(proc, s.options.showSecrets);
   s.count = count;
   s.written = 0;
@@ -366,7 +372,7 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
         t += internal::counted(count, "record");
       }
       t += '\n';
-      if (count == 0 || !proc.isOccursBlock()) return;
+      if (count == 0 || !repeated) return;
       s.widths.clear();
       for (const Column& c : s.columns) s.widths.push_back(columnWidth(c));
       // Without a count, the widest record number the block can hold.
@@ -377,8 +383,8 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
     case Format::Json:
       t += first ? "\n    " : ",\n    ";
       appendJsonString(t, proc.getBlockName());
-      if (proc.isOccursBlock() || count == 0) t += ": [";
-      s.prepareMembers(proc.isOccursBlock() ? "        " : "      ");
+      if (repeated || count == 0) t += ": [";
+      s.prepareMembers(repeated ? "        " : "      ");
       return;
     case Format::Csv:
       for (size_t j = 0; j < s.columns.size(); ++j) {
@@ -402,7 +408,7 @@ void RecordWriter::records(const KXBlockDataProc& proc, int64_t first) {
   State& s = *m_state;
   s.proc = &proc;
   const int32_t valid = proc.getValidCount();
-  if (s.options.format == Format::Table && !proc.isOccursBlock()) {
+  if (s.options.format == Format::Table && !s.repeated) {
     if (valid > 0) s.fieldTable();
     s.written += valid;
     return;
@@ -455,6 +461,7 @@ void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::ve
       piece.members = s.members;
       piece.lineStart = s.lineStart;
       piece.indexWidth = s.indexWidth;
+      piece.repeated = s.repeated;
       piece.count = s.count;
       RecordWriter writer(std::make_unique<State>(std::move(piece)));
       writer.records(*w.proc, p.first);
@@ -481,8 +488,7 @@ void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::ve
 void RecordWriter::endBlock() {
   State& s = *m_state;
   std::string& t = s.text();
-  if (s.options.format == Format::Json && (s.proc->isOccursBlock() || s.count == 0))
-    t += s.written == 0 ? "]" : "\n    ]";
+  if (s.options.format == Format::Json && (s.repeated || s.count == 0)) t += s.written == 0 ? "]" : "\n    ]";
   if (s.options.format == Format::Table && s.count < 0) {
     t += internal::counted(s.written, "record");
     t += '\n';

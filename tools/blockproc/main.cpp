@@ -5,11 +5,13 @@
 //   blockproc encode DEF VALUES           request, reply or stream bytes built from records
 //   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
 //   blockproc realtime DEF STREAM --block NAME   real-time records, newest first (or as they arrive)
+//   blockproc check DEF DATA              what about the layout would make the data read cleanly
 //
 // Exit codes: 0 success, 1 data errors, 2 usage or definition errors.
 
 #include <exception>
 #include <iostream>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -126,6 +128,15 @@ int main(int argc, char** argv) {
   addDefinition(*hexdumpCmd, hexdump.common);
   hexdumpCmd->add_option("REPLY", hexdump.reply, "reply bytes (- reads standard input)")->required();
   hexdumpCmd->add_flag("--request", hexdump.request, "the data is a request: label its input blocks");
+  hexdumpCmd->add_flag("--stream", hexdump.stream, "the data is real-time records of --block back to back")
+      ->excludes(hexdumpCmd->get_option("--request"));
+  hexdumpCmd->add_option("--block", hexdump.block, "the block whose records a --stream holds");
+  hexdumpCmd
+      ->add_option("--records", hexdump.records,
+                   "show at most N records of each block (a rest block or a stream too, whole records or "
+                   "not); a line says how many more there are")
+      ->check(CLI::Range(int64_t{0}, int64_t{1} << 40))
+      ->capture_default_str();
   addEncoding(*hexdumpCmd, hexdump.common);
   addShowSecrets(*hexdumpCmd, hexdump.showSecrets);
 
@@ -154,12 +165,36 @@ int main(int argc, char** argv) {
   addStreaming(*realtimeCmd, realtime.quiet, realtime.chunkBytes, realtime.jobs);
   addEncoding(*realtimeCmd, realtime.common);
 
+  CheckOptionsCli checkOpts;
+  CLI::App* checkCmd = app.add_subcommand(
+      "check", "read data against the definition and name the likeliest layout change when they disagree");
+  addDefinition(*checkCmd, checkOpts.common);
+  checkCmd->add_option("DATA", checkOpts.data, "reply, request or stream bytes (- reads standard input)")
+      ->required();
+  checkCmd->add_option("--block", checkOpts.block, "look at this block only (a stream's block: required)");
+  checkCmd->add_flag("--request", checkOpts.request, "the data is a request: its input blocks");
+  checkCmd->add_flag("--stream", checkOpts.stream, "the data is real-time records of --block back to back")
+      ->excludes(checkCmd->get_option("--request"));
+  checkCmd->add_option("--format", checkOpts.format, "output format: text or json")
+      ->check(CLI::IsMember({"text", "json"}))
+      ->capture_default_str();
+  addEncoding(*checkCmd, checkOpts.common);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? kExitOk : kExitUsage;
+    // A usage message repeats the words it could not take: shown printable, as every other message.
+    std::ostringstream out, err;
+    const int code = app.exit(e, out, err);
+    std::cout << out.str();
+    std::cerr << printable(err.str(), true);
+    return code == 0 ? kExitOk : kExitUsage;
   }
 
+  if (*hexdumpCmd && hexdump.stream && hexdump.block.empty()) {
+    std::cerr << "blockproc: hexdump --stream needs --block: the block whose records the stream holds\n";
+    return kExitUsage;
+  }
   try {
     if (*inspectCmd) return runInspect(inspect);
     if (*decodeCmd) return runDecode(decode);
@@ -169,6 +204,7 @@ int main(int argc, char** argv) {
       realtime.orderGiven = order->count() > 0;
       return runRealtime(realtime);
     }
+    if (*checkCmd) return runCheck(checkOpts);
   } catch (const Failure& failure) {
     std::cout.flush();
     // Messages name blocks, fields and paths from the definition and the command line: shown printable.
