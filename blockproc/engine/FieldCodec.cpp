@@ -209,9 +209,16 @@ bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
   if (!isAscii(value)) {
     m_scratch.clear();
     if (!codec::encodeAppend(m_encoding, value, m_scratch)) return false;
-    m_back.clear();
-    if (!codec::decodeAppend(m_encoding, internal::trimTrailing(m_scratch), m_back) || m_back != value)
-      return false;
+    // Read back as a reader would: by the table where the encoding has one, else by the converter.
+    const std::string_view kept = internal::trimTrailing(m_scratch);
+    m_back.resize(codec::decodeRoom(kept.size()));
+    const char* end = codec::decodeInto(m_encoding, kept, m_back.data());
+    if (end != nullptr) {
+      if (std::string_view(m_back.data(), static_cast<size_t>(end - m_back.data())) != value) return false;
+    } else {
+      m_back.clear();
+      if (!codec::decodeAppend(m_encoding, kept, m_back) || m_back != value) return false;
+    }
     bytes = m_scratch;
   }
   if (bytes.size() > static_cast<size_t>(m_length)) return false;
