@@ -2,8 +2,8 @@
 # The tool's speed and peak memory per output format on generated quote captures (14 fields, 120 bytes a
 # record): `decode` of a 200,000-record reply (24 MB, one count="rest" block), and `decode` and `realtime`
 # of a 8,333,334-record capture (1 GB) read as a reply and as a stream; `encode` of the 200,000 records back
-# from decode's CSV, JSON Lines and JSON, and of the 1 GB stream from CSV (MB/s of the bytes it writes). The
-# captures are written once into /tmp and kept there. Each command runs pinned to one core; the figures are
+# from decode's CSV, JSON Lines, JSON and long form, and of the 1 GB stream from CSV (MB/s of the bytes it
+# writes). The captures are written once into /tmp and kept there. Each command runs pinned to one core; the figures are
 # the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
 # resident memory from /usr/bin/time -v.
 #
@@ -69,7 +69,7 @@ for format in csv jsonl json table long; do
 done
 
 # encode reads what decode wrote; the text is written once next to the capture.
-for format in csv jsonl json; do
+for format in csv jsonl json long; do
   [[ -s $small/quotes.$format ]] ||
     "$tool" decode "$small/quotes.xml" "$small/quotes.bin" --format "$format" --quiet >"$small/quotes.$format" || true
   measure "encode --format $format (24 MB out)" "$small/quotes.bin" encode "$small/quotes.xml" "$small/quotes.$format" \
