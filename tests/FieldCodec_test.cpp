@@ -93,7 +93,7 @@ TEST(FieldCodec, LaysOutEachTypeAsTheWriterDoes) {
       {fieldOf(kFieldNumText, 8, 2), "", "        ", ""},  // blank
       {fieldOf(kFieldNumText, 6, 0), "-42", "-00042", ""},
       {fieldOf(kFieldNumText, 8, 2, true), "-12.5", "-0001250", ""},  // implied point
-      {fieldOf(kFieldNumText, 6, 2), "1234.5", "123450", ""},         // no room for the point
+      {fieldOf(kFieldNumText, 6, 2), "1234.5", "1234.5", ""},         // the places that are not zero
       {fieldOf(kFieldText, 8, 2), "3.5", "3.50    ", ""},             // a text field with places
       {fieldOf(kFieldNumText, 8, 2), "1.234", "", "'1.234' has 3 decimal places; the field holds 2"},
       {fieldOf(kFieldNumText, 8, 2), "12a", "", "'12a' is not a number"},

@@ -228,9 +228,9 @@ bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
 
 // A number: a blank value leaves the field spaces; a plain decimal with no more places than the field's is
 // written with its point (a sign, zero fill, the digits, the point and exactly the field's places, or the
-// same left-aligned in a text field), or without a point when the field's point is implied or the point
-// leaves no room (a sign, zero fill, then every digit, the last `places` of them the fraction). Other forms
-// go the reference way.
+// same left-aligned in a text field), or without a point when the field's point is implied (a sign, zero
+// fill, then every digit, the last `places` of them the fraction). Other forms, and a value that leaves the
+// point no room, go the reference way.
 bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
   const std::string_view text = trimSpaces(value);
   if (text.empty()) {
@@ -262,7 +262,7 @@ bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
     if (leftAligned) std::memset(at, kSpace, static_cast<size_t>(length - used));
     return true;
   }
-  if (places > 0 && digits <= implied) {
+  if (!pointWritten && digits <= implied) {
     if (p.negative) *at++ = '-';
     at = put(zeros(at, implied - digits), p.integer);
     zeros(put(at, p.fraction), places - static_cast<int64_t>(p.fraction.size()));

@@ -502,15 +502,15 @@ void appendLaidOutRecords(std::string& out, KXBlockDataProc& proc, const BlockVa
 
 // ---- records built straight into output bytes ------------------------------------------------------------
 
-// What building a block's records needs, worked out once per block: its record of defaults, with every
-// binary field 0 (a binary field the values leave out holds 0: its laid-out default, spaces, is no number),
-// and one encoder per field. Each record starts as the defaults, then each value's encoder writes the
-// field's bytes in place, so no processor holds the records and nothing is read back. A block with a field
-// or attribute byte outside its record is built through its processor instead (`direct` false).
+// What building a block's records needs, worked out once per block: its record of defaults, with 0 written
+// over the fields whose default is not their zero (zeroOverDefault), and one encoder per field. Each record
+// starts as the defaults, then each value's encoder writes the field's bytes in place, so no processor holds
+// the records and nothing is read back. A block with a field or attribute byte outside its record is built
+// through its processor instead (`direct` false).
 struct TransactionProc::RecordPlan {
   std::string defaults;
   std::unordered_map<const FieldInfo*, value::FieldEncoder> encoders;
-  std::vector<std::pair<const FieldInfo*, std::string>> zeroRefusals;  // binary fields that refuse the 0
+  std::vector<std::pair<const FieldInfo*, std::string>> zeroRefusals;  // fields that refuse that 0
   // The field and encoder of the k-th value of the last record: records written from the same columns
   // find theirs without a lookup.
   struct Slot {
@@ -550,7 +550,7 @@ struct TransactionProc::RecordPlan {
   }
 
   // Writes the values of record `number` into `rec`, which holds the defaults, in the order the processor
-  // would: the fields named, a refused 0 of a binary field left out, the values, the blanks, the attributes.
+  // would: the fields named, a refused 0 of a field left out, the values, the blanks, the attributes.
   void write(const KXBlockDataProc& proc, uint8_t* rec, const RecordValues& values, int64_t number,
              bool zeroBinary) {
     std::fill(given.begin(), given.end(), uint8_t{0});
@@ -627,8 +627,7 @@ TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
     if (f.nIndex != j || f.nDataPos < 0 || f.nLength < 0 || end > size) return plan;
     value::FieldEncoder& encoder = plan.encoderOf(proc, f);
     std::string why;
-    if (isBinary(f) && !f.getKeyEncState() &&
-        !encoder.encode("0", RecordPlan::bytesOf(plan.defaults) + f.nDataPos, why))
+    if (zeroOverDefault(f) && !encoder.encode("0", RecordPlan::bytesOf(plan.defaults) + f.nDataPos, why))
       plan.zeroRefusals.emplace_back(&f, why);
   }
   plan.given.resize(static_cast<size_t>(block.getFieldCount()));
