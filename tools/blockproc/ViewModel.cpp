@@ -5,11 +5,15 @@
 // keeps only where the records lie, and a window reads its records with pread into a processor of its own,
 // so that the memory used does not grow with the file.
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "View.h"
 #include "blockproc/codec/TextCodec.h"
+#include "blockproc/engine/LayoutCheck.h"
 #include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
@@ -82,10 +86,15 @@ struct ViewModel::Impl {
   int64_t size = 0, covered = 0;  // bytes the groups and count prefixes account for
   std::vector<Group> groups;
   Json warnings = Json::array();
+  Json findings = Json::array();
+  std::string checkError;  // why the layout check could not be made, else ""
   std::string chunk, scratch;
 
   explicit Impl(const ViewOptions& o)
-      : session(openSession(o.common, o.data)), in(o.data), name(sourceName(o.data)), stream(o.stream),
+      : session(openSession(o.common, o.data)),
+        in(o.data),
+        name(sourceName(o.data)),
+        stream(o.stream),
         request(o.request) {
     in.makeSeekable();
     size = in.size();
@@ -93,6 +102,57 @@ struct ViewModel::Impl {
       openStream(o.block);
     else
       openReply();
+    runCheck(stream && !groups.empty() ? groups.front().proc->getBlockName() : "");
+  }
+
+  // The layout check's findings, most likely first. The data is mapped rather than read: the check reads
+  // only a sample of its records, so only those pages are touched, and the mapping goes when it is done.
+  void runCheck(const std::string& block) {
+    if (size == 0) return;
+    check::CheckOptions options;
+    options.kind = stream    ? check::DataKind::Stream
+                   : request ? check::DataKind::Request
+                             : check::DataKind::Reply;
+    options.block = block;
+    options.encoding = session.proc->getEncodingType();
+    const bool whole = static_cast<int64_t>(head.size()) == size;
+    void* mapped = nullptr;
+    std::string_view data = head;
+    if (!whole) {
+      mapped = ::mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, in.descriptor(), 0);
+      if (mapped == MAP_FAILED) {  // the page works without findings
+        checkError = std::string("cannot map the data for the layout check: ") + std::strerror(errno);
+        return;
+      }
+      data = std::string_view(static_cast<const char*>(mapped), static_cast<size_t>(size));
+    }
+    const check::CheckResult result = check::checkLayout(*session.definition, data, options);
+    if (mapped != nullptr) ::munmap(mapped, static_cast<size_t>(size));
+    addFindings(result);
+  }
+
+  void addFindings(const check::CheckResult& result) {
+    checkError = result.error;
+    if (!result.error.empty() || result.ok) return;
+    int rank = 0;
+    for (const check::Finding& f : result.findings) {
+      if (f.kind == check::FindingKind::Fits || rank == 3) break;
+      Json ranges = Json::array();
+      for (const check::ByteRange& r : f.ranges)
+        ranges.push_back({{"offset", r.offset}, {"length", r.length}});
+      std::string message = check::describe(f);
+      if (!f.evidence.empty()) message += (message.empty() ? "" : ": ") + f.evidence;
+      Json finding = {{"rank", ++rank},   {"kind", check::kindName(f.kind)},
+                      {"block", f.block}, {"delta", f.delta},
+                      {"score", f.score}, {"message", message},
+                      {"ranges", ranges}};
+      if (!f.field.empty()) finding["field"] = f.field;
+      if (!f.ranges.empty()) {
+        finding["offset"] = f.ranges.front().offset;
+        finding["length"] = f.ranges.front().length;
+      }
+      findings.push_back(std::move(finding));
+    }
   }
 
   void warn(std::string message, int64_t offset, int64_t length) {
@@ -158,8 +218,9 @@ struct ViewModel::Impl {
       g.repeat = block.isOccursBlock() ? block.m_nRepeatCount : 1;
       g.offset = slice.offset;
       g.count = slice.records;
-      g.recordSize = slice.records > 0 ? slice.length / slice.records
-                                       : (slice.packed ? block.getRecordFieldSize() : block.getRecordMemSize());
+      g.recordSize = slice.records > 0
+                         ? slice.length / slice.records
+                         : (slice.packed ? block.getRecordFieldSize() : block.getRecordMemSize());
       g.countOffset = slice.countOffset;
       g.countLength = slice.countLength;
       g.packed = slice.packed;
@@ -175,14 +236,15 @@ struct ViewModel::Impl {
       if (size > 0) in.readAt(head.data(), head.size(), 0);
       received = request ? session.proc->receiveRequest(head.data(), size)
                          : session.proc->receiveReply(head.data(), size);
+      addSlices(received);
     } else if (!request && endsInRest(*session.definition)) {
       received = receiveHead();
     } else {
       throw Failure{kExitUsage, name + ": " + withThousands(size) + " bytes; view reads a " +
-                                    (request ? "request" : "reply") + " of up to " + withThousands(kWholeBytes) +
+                                    (request ? "request" : "reply") + " of up to " +
+                                    withThousands(kWholeBytes) +
                                     " bytes, or a stream of any size (--stream)"};
     }
-    addSlices(received);
     covered = received.used;
     if (!received.ok) warn(received.message, received.used, size - received.used);
     if (received.ok && received.used < size)
@@ -202,11 +264,11 @@ struct ViewModel::Impl {
       if (received.ok || received.more <= 0 || want == size) break;
       want = std::min(size, want + std::max(received.more, kWholeBytes));
     }
+    addSlices(received);
     if (!received.ok || received.slices.empty() || !received.slices.back().open) return received;
     const auto& open = received.slices.back();
     const int64_t rs = open.proc->getBlockInfo()->getRecordMemSize();
     if (rs <= 0) return received;
-    addSlices(received);
     const int64_t count = (size - open.offset) / rs;
     Group& g = addPaged(*open.proc, open.offset, count, false);
     received.used = g.end();
@@ -235,11 +297,16 @@ struct ViewModel::Impl {
                         {"length", std::max(f.nLength, 0)},
                         {"attrPos", s.attrPos}});
     }
-    return {{"block", block.m_szBlockName}, {"side", g.input ? "input" : "output"},
-            {"offset", g.offset},           {"count", g.count},
-            {"recordSize", g.recordSize},   {"countOffset", g.countOffset},
-            {"countLength", g.countLength}, {"repeat", g.repeat},
-            {"packed", g.packed},           {"paged", g.paged},
+    return {{"block", block.m_szBlockName},
+            {"side", g.input ? "input" : "output"},
+            {"offset", g.offset},
+            {"count", g.count},
+            {"recordSize", g.recordSize},
+            {"countOffset", g.countOffset},
+            {"countLength", g.countLength},
+            {"repeat", g.repeat},
+            {"packed", g.packed},
+            {"paged", g.paged},
             {"fields", fields}};
   }
 
@@ -252,13 +319,16 @@ struct ViewModel::Impl {
             {"title", def.title},
             {"file", slash == std::string::npos ? name : name.substr(slash + 1)},
             {"size", size},
-            {"mode", stream ? "stream" : request ? "request" : "reply"},
+            {"mode", stream    ? "stream"
+                     : request ? "request"
+                               : "reply"},
             {"encoding", codec::encodingName(session.proc->getEncodingType())},
             {"encodings", {"cp949", "euc-kr", "utf-8", "ascii", "latin1"}},
             {"covered", covered},
             {"groups", groupList},
             {"warnings", warnings},
-            {"findings", Json::array()},
+            {"findings", findings},
+            {"checkError", checkError},
             {"maxRecords", kViewMaxRecords}};
   }
 
@@ -302,11 +372,10 @@ struct ViewModel::Impl {
       value::appendWhere(scratch, proc.getBlockName(), number, f.szFieldName);
       scratch += ": ";
       value::appendIssue(scratch, r, f, bytes, proc.getEncodingType());
-      issues.push_back({{"field", j},
-                        {"offset", at + g.slots[j].pos + std::max(r.offset, 0)},
-                        {"message", scratch}});
+      issues.push_back(
+          {{"field", j}, {"offset", at + g.slots[j].pos + std::max(r.offset, 0)}, {"message", scratch}});
     }
-    return {{"group", groupIndex}, {"record", number}, {"offset", at},   {"values", values},
+    return {{"group", groupIndex}, {"record", number}, {"offset", at},    {"values", values},
             {"raw", raws},         {"attrs", attrs},   {"issues", issues}};
   }
 

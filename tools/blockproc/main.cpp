@@ -124,7 +124,8 @@ int main(int argc, char** argv) {
   CLI::App* viewCmd = app.add_subcommand(
       "view", "inspect data in the browser: bytes, fields, values, warnings (served on 127.0.0.1)");
   addDefinition(*viewCmd, view.common);
-  viewCmd->add_option("DATA", view.data, "reply, request or stream bytes (- reads standard input)")->required();
+  viewCmd->add_option("DATA", view.data, "reply, request or stream bytes (- reads standard input)")
+      ->required();
   viewCmd->add_flag("--request", view.request, "the data is a request: show its input blocks");
   viewCmd->add_flag("--stream", view.stream,
                     "the data is real-time records back to back, shown in file order a page at a time");

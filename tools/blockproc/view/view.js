@@ -100,6 +100,9 @@
     });
   }
 
+  // The findings marked on the bytes: the most likely one (the others are listed).
+  const marked = () => meta.findings.filter((f) => f.rank === 1);
+
   // Bytes of the window that warnings and findings point at.
   function marks() {
     const warn = new Set();
@@ -110,20 +113,21 @@
         const f = g.fields[issue.field];
         for (let o = 0; o < f.length; o++) warn.add(r.offset + f.pos + o);
       }
-      for (const fd of meta.findings) {
+      for (const fd of marked()) {
         if (fd.block !== g.block || fd.field === undefined) continue;
-        const j = g.fields.findIndex((f) => f.name === fd.field);
-        if (j < 0) continue;
-        const f = g.fields[j];
+        const f = g.fields.find((x) => x.name === fd.field);
+        if (!f) continue;
         for (let o = 0; o < f.length; o++) finding.add(r.offset + f.pos + o);
       }
     });
     for (const w of meta.warnings) {
       for (let o = Math.max(w.offset, win.start); o < Math.min(w.offset + Math.max(w.length, 1), win.end); o++) warn.add(o);
     }
-    for (const fd of meta.findings) {
-      if (fd.offset === undefined) continue;
-      for (let o = Math.max(fd.offset, win.start); o < Math.min(fd.offset + Math.max(fd.length || 1, 1), win.end); o++) finding.add(o);
+    for (const fd of marked()) {
+      for (const range of fd.ranges || []) {
+        const end = Math.min(range.offset + Math.max(range.length, 1), win.end);
+        for (let o = Math.max(range.offset, win.start); o < end; o++) finding.add(o);
+      }
     }
     return { warn, finding };
   }
@@ -177,7 +181,7 @@
     const body = $("fields").tBodies[0];
     body.textContent = "";
     const frag = document.createDocumentFragment();
-    const findingFields = new Set(meta.findings.filter((f) => f.field !== undefined).map((f) => f.block + "\u0000" + f.field));
+    const findingFields = new Set(marked().filter((f) => f.field !== undefined).map((f) => f.block + "\u0000" + f.field));
     win.records.forEach((r, ri) => {
       const g = meta.groups[r.group];
       const head = el("tr", "rec");
@@ -229,7 +233,8 @@
       }
       list.appendChild(li);
     };
-    for (const f of meta.findings) add("finding", "check: " + f.message, f.offset, f.field);
+    if (meta.checkError) add("note", "the layout check was not made: " + meta.checkError);
+    for (const f of meta.findings) add("finding", "check #" + f.rank + ": " + f.message, f.offset, f.field);
     for (const w of meta.warnings) add("warning", w.message, w.offset);
     let shown = 0;
     for (const r of win.records) {
