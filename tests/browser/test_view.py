@@ -92,7 +92,12 @@ def test_sample_shows_every_field_with_the_tools_values(serve, browser, screensh
         if row["attr"]:
             got[(block_of(row), row["record"], row["field"] + "@attr")] = row["attr"]
     assert got == want
+    # The picture of the README: a field selected, at a modest size.
+    browser.find_element(By.CSS_SELECTOR, '#fields tr.fld[data-field="price"] td.value').click()
+    size = browser.get_window_size()
+    browser.set_window_size(1280, 640)
     browser.save_screenshot(str(screenshots / "view-sample.png"))
+    browser.set_window_size(size["width"], size["height"])
 
 
 @pytest.mark.parametrize(

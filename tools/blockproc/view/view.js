@@ -233,7 +233,7 @@
       }
       list.appendChild(li);
     };
-    if (meta.checkError) add("note", "the layout check was not made: " + meta.checkError);
+    if (meta.checkError) add("info", "the layout check was not made: " + meta.checkError);
     for (const f of meta.findings) add("finding", "check #" + f.rank + ": " + f.message, f.offset, f.field);
     for (const w of meta.warnings) add("warning", w.message, w.offset);
     let shown = 0;
