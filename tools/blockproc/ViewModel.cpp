@@ -419,11 +419,14 @@ struct ViewModel::Impl {
     if (records.empty()) end = std::min(size, start + kTailBytes);
     if (end >= covered && left > 0) end = std::min(size, std::max(end, covered) + kTailBytes);
     end = std::min(end, size);
+    // A record larger than a window shows its first bytes only; the next window starts after it.
+    const int64_t next = end;
+    end = std::min(end, start + kViewMaxBytes);
     std::string bytes(static_cast<size_t>(end - start), '\0');
     if (!bytes.empty()) in.readAt(bytes.data(), bytes.size(), start);
     std::string hex;
     value::appendHex(hex, bytes);
-    return {{"start", start}, {"end", end}, {"hex", hex}, {"records", records}};
+    return {{"start", start}, {"end", end}, {"next", next}, {"hex", hex}, {"records", records}};
   }
 
   // ---- find ---------------------------------------------------------------------------------------------

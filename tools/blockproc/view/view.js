@@ -196,6 +196,7 @@
         tr.dataset.group = String(r.group);
         tr.dataset.record = String(r.record);
         tr.dataset.field = f.name;
+        tr.dataset.index = String(j);
         tr.dataset.offset = String(r.offset + f.pos);
         tr.dataset.length = String(f.length);
         const sw = el("span", "swatch b c" + (j % 8));
@@ -263,7 +264,7 @@
     for (let o = from; o < from + length; o++) {
       for (const s of document.querySelectorAll('#hexview .b[data-o="' + o + '"]')) s.classList.add("sel");
     }
-    const row = document.querySelector('#fields tr.fld[data-rec="' + ri + '"][data-field="' + CSS.escape(f.name) + '"]');
+    const row = document.querySelector('#fields tr.fld[data-rec="' + ri + '"][data-index="' + j + '"]');
     if (row) {
       row.classList.add("sel");
       if (scroll) row.scrollIntoView({ block: "nearest" });
@@ -286,8 +287,7 @@
     const row = e.target.closest("tr.fld");
     if (!row) return;
     const ri = Number(row.dataset.rec);
-    const g = meta.groups[win.records[ri].group];
-    select(ri, g.fields.findIndex((f) => f.name === row.dataset.field), false, true);
+    select(ri, Number(row.dataset.index), false, true);
   });
 
   // ---- windows and navigation ----
@@ -323,7 +323,7 @@
     renderProblems();
     setStatus(statusText());
     $("prev").disabled = win.start <= 0;
-    $("next").disabled = win.end >= meta.size;
+    $("next").disabled = (win.next === undefined ? win.end : win.next) >= meta.size;
     const ri = win.records.findIndex((r) => offset >= r.offset && offset < r.offset + meta.groups[r.group].recordSize);
     if (ri >= 0 && fieldName !== undefined) {
       const j = meta.groups[win.records[ri].group].fields.findIndex((f) => f.name === fieldName);
@@ -344,7 +344,7 @@
     return NaN;
   }
 
-  $("next").addEventListener("click", () => show(win.end));
+  $("next").addEventListener("click", () => show(win.next === undefined ? win.end : win.next));
   $("prev").addEventListener("click", () => show(previousStart()));
   $("per-page").addEventListener("change", () => {
     perPage = Number($("per-page").value);
