@@ -15,8 +15,12 @@ if grep -qx 'BLOCKPROC_PYTHON_MODULE:INTERNAL=ON' "$build/CMakeCache.txt"; then
   built=$(cd "$build" && pwd)
   PYTHONPATH="$built/python" BLOCKPROC_BUILD_DIR="$built" PYTHONDONTWRITEBYTECODE=1 \
     /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
-  # `blockproc view` in headless Chromium; screenshots go to $build/screenshots.
-  BLOCKPROC_BUILD_DIR="$built" PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
 else
-  echo "test.sh: $build has no Python module (a sanitizer build, or BLOCKPROC_BUILD_PYTHON=OFF); pytest not run"
+  echo "test.sh: $build has no Python module (a sanitizer build, or BLOCKPROC_BUILD_PYTHON=OFF); its pytest not run"
+fi
+# `blockproc view` in headless Chromium, in every build with the tool (a sanitizer build too); screenshots
+# go to $build/screenshots.
+if [ -x "$build/tools/blockproc/blockproc" ]; then
+  BLOCKPROC_BUILD_DIR="$(cd "$build" && pwd)" PYTHONDONTWRITEBYTECODE=1 \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
 fi

@@ -21,6 +21,12 @@ def build_dir():
     return pathlib.Path(os.environ.get("BLOCKPROC_BUILD_DIR", ROOT / "build")).resolve()
 
 
+def sanitized():
+    """Whether the build runs under AddressSanitizer, whose shadow memory makes memory figures meaningless."""
+    cache = build_dir() / "CMakeCache.txt"
+    return cache.exists() and "BLOCKPROC_SANITIZE:BOOL=ON" in cache.read_text()
+
+
 def tool():
     return build_dir() / "tools" / "blockproc" / "blockproc"
 
