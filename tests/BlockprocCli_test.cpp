@@ -90,7 +90,9 @@ TEST(BlockprocCli, EncodesTheValuesFileIntoAFile) {
 
 TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
   const std::string decodeIn = "decode " + kDef + " -", encodeIn = "encode " + kDef + " -";
-  const std::string hint = "\n  (hexdump shows how the bytes fall into the blocks)\n";
+  const std::string hint =
+      "\n  (hexdump shows how the bytes fall into the blocks)\n"
+      "  (blockproc check examples/current_price.xml - names the likeliest layout change)\n";
   const std::string tooLong =
       "standard input: the reply has 242 bytes, but its blocks take 239; 3 remain after block OutBlock1";
   std::string tooManyTicks = kSampleReply;
@@ -117,9 +119,14 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "format)\n"},
       {"inspect " + kReply, "", 2, "blockproc: examples/current_price.reply:1: ", true},  // not XML
       {decodeIn, kSampleReply.substr(0, 100), 1,
-       "standard input: block OutBlock1 needs 155 bytes for 5 records; 16 remain" + hint},
+       "standard input: block OutBlock1 needs 155 bytes for 5 records; 16 remain\n"
+       "  likeliest: the data is cut short 16 bytes into a record (100% of sampled values read cleanly with "
+       "it)" +
+           hint},
       {decodeIn, tooManyTicks, 1,
-       "standard input: block OutBlock1 holds at most 20 records (its repeat); the reply has 127 records" +
+       "standard input: block OutBlock1 holds at most 20 records (its repeat); the reply has 127 records\n"
+       "  likeliest: the data ends before the records its counts promise (100% of sampled values read "
+       "cleanly with it)" +
            hint},
       {decodeIn, kSampleReply + "xyz", 1, tooLong + hint},
       {"hexdump " + kDef + " -", kSampleReply + "xyz", 1, tooLong + "\n"},
@@ -151,7 +158,11 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {"realtime " + kDef + " examples/current_price.stream --block Ticks", "", 2,
        "no block named 'Ticks'; the definition has InBlock, OutBlock, OutBlock1\n"},
       {"realtime " + kDef + " - --block OutBlock1", std::string(40, ' '), 1,
-       "standard input: the stream holds 40 bytes, not a whole number of 31-byte OutBlock1 records\n"}};
+       "standard input: the stream holds 40 bytes, not a whole number of 31-byte OutBlock1 records; 40-byte "
+       "records would make it exactly 1 record\n  likeliest: field `cvolume` is 1 byte shorter (100% of "
+       "sampled "
+       "values read cleanly with it; 0% of `cvolume` values as defined; the data would also be cut short)\n"
+       "  (blockproc check examples/current_price.xml - --stream --block OutBlock1 shows the evidence)\n"}};
   for (const auto& c : cases) {
     const Outcome r = run(c.args, c.input);
     EXPECT_EQ(r.code, c.code) << c.args << "\n" << r.err;

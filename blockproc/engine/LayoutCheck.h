@@ -67,6 +67,7 @@ struct Finding {
   double fieldScore = 0;    // share of the changed field's own values (or the first field after) read so
   double definedScore = 0;  // the same share as the definition stands
   int64_t sampled = 0;      // field values sampled
+  bool alsoCut = false;     // the explanation needs the data cut short as well (no change made it whole)
   std::string evidence;     // one sentence a person can check: "with `price` 12 bytes long, ..."
   // Where the change shows in the data: the changed field's bytes (or the added bytes, or the tail of a
   // cut record) in the first few sampled records, under this explanation.

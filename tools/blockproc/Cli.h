@@ -11,6 +11,7 @@
 #include "Progress.h"
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
+#include "blockproc/engine/LayoutCheck.h"
 #include "blockproc/engine/TransactionProc.h"
 #include "blockproc/util/Internal.h"
 
@@ -192,6 +193,9 @@ class InputStream {
   void makeSeekable();
   // Reads `n` bytes at `offset` of a seekable input into `to`; fails with kExitData.
   void readAt(char* to, size_t n, int64_t offset);
+  // The whole of a seekable input mapped into memory (pages are read as they are touched), valid while this
+  // stream lives; fails with kExitData.
+  std::string_view map();
   bool atEnd() const noexcept { return m_end; }
   int64_t size() const noexcept { return m_size; }  // a regular file's size, else -1
   int descriptor() const noexcept { return m_fd; }
@@ -202,6 +206,7 @@ class InputStream {
   bool m_own = false, m_end = false;
   int64_t m_size = -1;
   std::string m_name;
+  void* m_map = nullptr;
 };
 
 // Bytes read at a time from a block read to the end of its input, unless --chunk-bytes says otherwise.
@@ -244,12 +249,31 @@ struct RealtimeOptions {
   int32_t jobs = 1;
 };
 
+struct CheckOptionsCli {
+  CommonOptions common;
+  std::string data;
+  std::string block;
+  std::string format = "text";
+  bool request = false;
+  bool stream = false;
+};
+
 int runInspect(const CommonOptions& options);
+int runCheck(const CheckOptionsCli& options);
 int runDecode(const DecodeOptions& options);
 int runEncode(const EncodeOptions& options);
 int runHexdump(const HexdumpOptions& options);
 int runRealtime(const RealtimeOptions& options);
 
 Format parseFormat(const std::string& name);
+
+// The command line of `blockproc check` for the data, escaped for a terminal.
+std::string checkCommand(const CommonOptions& common, const std::string& data, check::DataKind kind,
+                         const std::string& block);
+// For data that is not whole records: "; 81-byte records would make it exactly 100,000 records" when a
+// record size near the defined one does, then a line naming the likeliest explanation the layout check
+// finds; `cutShort` says whether that is the data ending inside a record. "" when the check cannot be made.
+std::string layoutAdvice(const Session& session, std::string_view data, check::DataKind kind,
+                         const std::string& block, bool& cutShort);
 
 }  // namespace blockproc::cli

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <iostream>
 
 #include <nlohmann/json.hpp>
 
@@ -424,6 +425,24 @@ std::string streamRest(KXBlockDataProc& proc, InputStream& in, std::string& buf,
 
 // Decodes a reply that ends in a count="rest" block: the blocks ahead of it, then its records a piece at
 // a time, never the whole reply or the whole output at once.
+// A rest block of a file that is not whole records is reported before any record is written: refused when
+// the layout check finds a likelier layout, and said ahead of the records when the data is only cut short.
+void adviseOnRest(const DecodeOptions& options, const Session& session, InputStream& in,
+                  const TransactionProc::BlockSlice& slice) {
+  const BlockInfo& block = *slice.proc->getBlockInfo();
+  const int64_t recordSize = block.getRecordMemSize();
+  if (in.size() < 0 || recordSize <= 0 || (in.size() - slice.offset) % recordSize == 0) return;
+  bool cutShort = false;
+  const std::string advice =
+      layoutAdvice(session, in.map(), check::DataKind::Reply, block.m_szBlockName, cutShort) + "\n  (" +
+      checkCommand(options.common, options.reply, check::DataKind::Reply, block.m_szBlockName) +
+      " shows the evidence)";
+  const std::string notWhole =
+      in.name() + ": " + TransactionProc::checkRest(block, in.size() - slice.offset, false);
+  if (!cutShort) throw Failure{kExitData, notWhole + advice};
+  std::cerr << "blockproc: " << notWhole << advice << "\n  (its whole records follow)\n";
+}
+
 int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, const Session& session,
                    const std::vector<const KXBlockDataProc*>& blocks) {
   InputStream in(options.reply);
@@ -434,6 +453,8 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
   Warnings warnings;
   Sinks sinks(options, render, session, blocks, warnings);
   std::string refusal;
+  for (const TransactionProc::BlockSlice& slice : head.slices)
+    if (slice.open) adviseOnRest(options, session, in, slice);
   for (const TransactionProc::BlockSlice& slice : head.slices) {
     if (!slice.open) {
       sinks.writeWhole(slice.proc);
@@ -466,8 +487,15 @@ int runDecode(const DecodeOptions& options) {
   const auto size = static_cast<int64_t>(data.size());
   const auto received = options.request ? session.proc->receiveRequest(data.data(), size)
                                         : session.proc->receiveReply(data.data(), size);
-  if (!received.ok)
-    throw Failure{kExitData, sourceName(options.reply) + ": " + received.message + std::string(kSplitHint)};
+  if (!received.ok) {
+    const check::DataKind kind = options.request ? check::DataKind::Request : check::DataKind::Reply;
+    bool cutShort = false;
+    const std::string advice = layoutAdvice(session, data, kind, "", cutShort);
+    throw Failure{kExitData, sourceName(options.reply) + ": " + received.message + advice +
+                                 std::string(kSplitHint) + "\n  (" +
+                                 checkCommand(options.common, options.reply, kind, "") +
+                                 " names the likeliest layout change)"};
+  }
   Warnings warnings;
   Sinks sinks(options, render, session, blocks, warnings);
   for (const KXBlockDataProc* proc : blocks) sinks.writeWhole(proc);

@@ -5,6 +5,7 @@
 // feeding them one by one in front of each other.
 
 #include <algorithm>
+#include <iostream>
 
 #include "Cli.h"
 
@@ -35,6 +36,19 @@ int runRealtime(const RealtimeOptions& options) {
   InputStream in(options.stream);
   in.makeSeekable();
   const int64_t size = in.size(), records = size / recordSize;
+  const std::string notWhole = in.name() + ": the stream holds " + withThousands(size) +
+                               " bytes, not a whole number of " + withThousands(recordSize) + "-byte " +
+                               block.m_szBlockName + " records";
+  if (size % recordSize != 0) {
+    // Said before any record: records read at the wrong size are garbage, a cut capture's are not.
+    bool cutShort = false;
+    const std::string advice =
+        layoutAdvice(session, in.map(), check::DataKind::Stream, options.block, cutShort) + "\n  (" +
+        checkCommand(options.common, options.stream, check::DataKind::Stream, options.block) +
+        " shows the evidence)";
+    if (!cutShort) throw Failure{kExitData, notWhole + advice};
+    std::cerr << "blockproc: " << notWhole << advice << "\n  (its whole records follow)\n";
+  }
   const int64_t shown = options.keep > 0 ? std::min<int64_t>(options.keep, records) : records;
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
   const int64_t pieceRecords = std::max<int64_t>(chunk / options.jobs / recordSize, 1);  // one thread's
@@ -77,10 +91,7 @@ int runRealtime(const RealtimeOptions& options) {
   progress.clear();
   out.finish();
   warnings.close();
-  if (size % recordSize != 0)
-    throw Failure{kExitData, in.name() + ": the stream holds " + withThousands(size) +
-                                 " bytes, not a whole number of " + withThousands(recordSize) + "-byte " +
-                                 block.m_szBlockName + " records"};
+  if (size % recordSize != 0) throw Failure{kExitData, notWhole};
   return warnings.count() > 0 ? kExitData : kExitOk;
 }
 

@@ -1,6 +1,7 @@
 // Input read a piece at a time.
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,7 +40,19 @@ InputStream::InputStream(const std::string& path) : m_name(sourceName(path)) {
 }
 
 InputStream::~InputStream() {
+  if (m_map != nullptr) ::munmap(m_map, static_cast<size_t>(m_size));
   if (m_own && m_fd >= 0) ::close(m_fd);
+}
+
+std::string_view InputStream::map() {
+  makeSeekable();
+  if (m_size <= 0) return {};
+  if (m_map == nullptr) {
+    void* at = ::mmap(nullptr, static_cast<size_t>(m_size), PROT_READ, MAP_PRIVATE, m_fd, 0);
+    if (at == MAP_FAILED) readFailure(m_name);
+    m_map = at;
+  }
+  return {static_cast<const char*>(m_map), static_cast<size_t>(m_size)};
 }
 
 size_t InputStream::read(std::string& buf, size_t n) {

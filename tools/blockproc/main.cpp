@@ -5,6 +5,7 @@
 //   blockproc encode DEF VALUES.json      request (or reply) bytes built from values
 //   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
 //   blockproc realtime DEF STREAM --block NAME   real-time records, newest first
+//   blockproc check DEF DATA              what about the layout would make the data read cleanly
 //   blockproc view DEF DATA               an inspector in the browser (or --html FILE)
 //
 // Exit codes: 0 success, 1 data errors, 2 usage or definition errors.
@@ -120,6 +121,21 @@ int main(int argc, char** argv) {
   addStreaming(*realtimeCmd, realtime.quiet, realtime.chunkBytes, realtime.jobs);
   addEncoding(*realtimeCmd, realtime.common);
 
+  CheckOptionsCli checkOpts;
+  CLI::App* checkCmd = app.add_subcommand(
+      "check", "read data against the definition and name the likeliest layout change when they disagree");
+  addDefinition(*checkCmd, checkOpts.common);
+  checkCmd->add_option("DATA", checkOpts.data, "reply, request or stream bytes (- reads standard input)")
+      ->required();
+  checkCmd->add_option("--block", checkOpts.block, "look at this block only (a stream's block: required)");
+  checkCmd->add_flag("--request", checkOpts.request, "the data is a request: its input blocks");
+  checkCmd->add_flag("--stream", checkOpts.stream, "the data is real-time records of --block back to back")
+      ->excludes(checkCmd->get_option("--request"));
+  checkCmd->add_option("--format", checkOpts.format, "output format: text or json")
+      ->check(CLI::IsMember({"text", "json"}))
+      ->capture_default_str();
+  addEncoding(*checkCmd, checkOpts.common);
+
   ViewOptions view;
   CLI::App* viewCmd = app.add_subcommand(
       "view", "inspect data in the browser: bytes, fields, values, warnings (served on 127.0.0.1)");
@@ -156,6 +172,7 @@ int main(int argc, char** argv) {
     if (*encodeCmd) return runEncode(encode);
     if (*hexdumpCmd) return runHexdump(hexdump);
     if (*realtimeCmd) return runRealtime(realtime);
+    if (*checkCmd) return runCheck(checkOpts);
     if (*viewCmd) return runView(view);
   } catch (const Failure& failure) {
     std::cout.flush();
