@@ -210,8 +210,13 @@
         tr.appendChild(el("td", "", f.type + (f.decimals ? "(" + f.decimals + ")" : "")));
         tr.appendChild(el("td", "num", String(r.offset + f.pos)));
         tr.appendChild(el("td", "num", String(f.length)));
-        tr.appendChild(el("td", "value" + (f.kind === "number" ? " num" : ""), r.values[j]));
-        tr.appendChild(el("td", "raw", r.raw[j]));
+        // A long value is cut short in its cell; the whole of it is the cell's tooltip (plain text).
+        const value = el("td", "value" + (f.kind === "number" ? " num" : ""), r.values[j]);
+        value.title = r.values[j];
+        const raw = el("td", "raw", r.raw[j]);
+        raw.title = r.raw[j];
+        tr.appendChild(value);
+        tr.appendChild(raw);
         tr.appendChild(el("td", "attr", r.attrs[j] === null ? "" : r.attrs[j]));
         if (r.issues.some((i) => i.field === j)) tr.classList.add("warn");
         if (findingFields.has(g.block + "\u0000" + f.name)) tr.classList.add("finding");
