@@ -164,7 +164,8 @@ def test_the_server_wants_its_token_and_listens_on_loopback_only(serve):
     server = serve(DEF, REPLY)
     base, token = server.base(), server.token()
     assert len(token) == 32
-    for path in ("/", "/api/meta", "/api/meta?t=", "/api/meta?t=" + token[:-1] + "0", "/api/page?offset=0"):
+    wrong = token[:-1] + ("1" if token[-1] == "0" else "0")
+    for path in ("/", "/api/meta", "/api/meta?t=", "/api/meta?t=" + wrong, "/api/page?offset=0", "/api/bytes"):
         with pytest.raises(urllib.error.HTTPError) as refused:
             urllib.request.urlopen(base + path, timeout=5)
         assert refused.value.code == 403, path
@@ -402,6 +403,11 @@ def test_a_stream_that_is_not_whole_records_says_so_and_shows_the_rest(serve, tm
     assert (window["start"], window["end"]) == (9 * 31, 315)  # the record, then the bytes no record holds
     assert [r["record"] for r in window["records"]] == [9]
     assert bytes.fromhex(window["hex"])[-5:] == b"12345"
+    # Bytes of any range, clamped to the data.
+    whole = stream.read_bytes()
+    for offset, length, want in ((300, 100, whole[300:]), (-5, 3, whole[:3]), (400, 5, b""), (3, -1, b"")):
+        answer = api(server, "/api/bytes", offset=offset, length=length)
+        assert bytes.fromhex(answer["hex"]) == want, (offset, length)
 
 
 @pytest.mark.parametrize("records, block", [(10, "OutBlock1"), (84, "OutBlock")])

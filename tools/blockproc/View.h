@@ -46,6 +46,9 @@ class ViewModel {
   // `records` records with their canonical values, display strings, attribute bytes and issues, the
   // window's bytes in hexadecimal and the ranges no field covers.
   nlohmann::json page(int64_t offset, int32_t records);
+  // Up to kViewMaxBytes bytes from `offset` in hexadecimal, fewer at the end of the data:
+  // {"offset": ..., "hex": ...}.
+  nlohmann::json bytes(int64_t offset, int64_t length);
   // The first record at or after `from` with a canonical value that contains `text`, reading a bounded
   // stretch per call: {"found": {...}} or {"next": offset to go on from} or {"done": true}.
   nlohmann::json find(std::string_view text, int64_t from);

@@ -422,11 +422,16 @@ struct ViewModel::Impl {
     // A record larger than a window shows its first bytes only; the next window starts after it.
     const int64_t next = end;
     end = std::min(end, start + kViewMaxBytes);
-    std::string bytes(static_cast<size_t>(end - start), '\0');
-    if (!bytes.empty()) in.readAt(bytes.data(), bytes.size(), start);
+    return {{"start", start}, {"end", end}, {"next", next}, {"hex", hexAt(start, end)}, {"records", records}};
+  }
+
+  // The bytes [from, to) of the data in hexadecimal.
+  std::string hexAt(int64_t from, int64_t to) {
+    chunk.resize(static_cast<size_t>(std::max<int64_t>(to - from, 0)));
+    if (!chunk.empty()) in.readAt(chunk.data(), chunk.size(), from);
     std::string hex;
-    value::appendHex(hex, bytes);
-    return {{"start", start}, {"end", end}, {"next", next}, {"hex", hex}, {"records", records}};
+    value::appendHex(hex, chunk);
+    return hex;
   }
 
   // ---- find ---------------------------------------------------------------------------------------------
@@ -482,6 +487,12 @@ nlohmann::json ViewModel::meta() const {
 
 nlohmann::json ViewModel::page(int64_t offset, int32_t records) {
   return m_impl->page(offset, records);
+}
+
+nlohmann::json ViewModel::bytes(int64_t offset, int64_t length) {
+  const int64_t from = std::clamp<int64_t>(offset, 0, m_impl->size);
+  const int64_t to = from + std::clamp<int64_t>(length, 0, std::min(kViewMaxBytes, m_impl->size - from));
+  return {{"offset", from}, {"hex", m_impl->hexAt(from, to)}};
 }
 
 nlohmann::json ViewModel::find(std::string_view text, int64_t from) {

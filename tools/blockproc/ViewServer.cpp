@@ -3,6 +3,7 @@
 //   GET /?t=TOKEN                          the page
 //   GET /api/meta?t=TOKEN                  blocks, fields, where the records lie, warnings, findings
 //   GET /api/page?t=TOKEN&offset=N&records=K   a window of records with values and bytes
+//   GET /api/bytes?t=TOKEN&offset=N&length=K   bytes in hexadecimal (a MiB at most)
 //   GET /api/find?t=TOKEN&q=TEXT&from=N    the next record holding a value with that text
 //   GET /api/encoding?t=TOKEN&name=E       decode text in that encoding from now on
 // Every request without the token gets 403. The model is not shared between threads: one lock serves the
@@ -83,6 +84,10 @@ int serveView(ViewModel& model, const ViewOptions& options) {
     const std::lock_guard<std::mutex> held(lock);
     const int64_t records = std::clamp<int64_t>(numberParam(req, "records", 64), 1, kViewMaxRecords);
     sendJson(res, model.page(numberParam(req, "offset", 0), static_cast<int32_t>(records)));
+  });
+  server.Get("/api/bytes", [&](const httplib::Request& req, httplib::Response& res) {
+    const std::lock_guard<std::mutex> held(lock);
+    sendJson(res, model.bytes(numberParam(req, "offset", 0), numberParam(req, "length", 256)));
   });
   server.Get("/api/find", [&](const httplib::Request& req, httplib::Response& res) {
     const std::lock_guard<std::mutex> held(lock);
