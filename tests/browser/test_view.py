@@ -463,3 +463,24 @@ def test_a_large_reply_pages_its_rest_block(serve, tmp_path):
     assert [r["record"] for r in window["records"]] == [count - 2, count - 1]
     fields = [f["name"] for f in meta["groups"][1]["fields"]]
     assert dict(zip(fields, window["records"][1]["values"])) == {**tick(count - 1)[1], "sign": "5"}
+
+
+@pytest.mark.parametrize(
+    "args, message",
+    [
+        (["--request", "--stream"], "excludes"),
+        (["--stream", "--block", "Nowhere"], "no block named 'Nowhere'"),
+        (["--port", "70000"], "--port"),
+    ],
+)
+def test_usage_mistakes_exit_2(args, message):
+    run = subprocess.run([str(tool()), "view", str(DEF), str(REPLY), *args], capture_output=True, text=True, timeout=10)
+    assert run.returncode == 2 and message in run.stderr, run.stderr
+
+
+def test_a_port_in_use_is_refused(serve):
+    port = serve(DEF, REPLY).base().rsplit(":", 1)[1]
+    run = subprocess.run(
+        [str(tool()), "view", str(DEF), str(REPLY), "--port", port], capture_output=True, text=True, timeout=10
+    )
+    assert run.returncode == 2 and "cannot listen on 127.0.0.1:" + port in run.stderr

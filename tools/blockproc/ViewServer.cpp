@@ -62,6 +62,12 @@ int serveView(ViewModel& model, const ViewOptions& options) {
   std::mutex lock;
   httplib::Server server;
   server.new_task_queue = [] { return new httplib::ThreadPool(2); };
+  // SO_REUSEADDR only: the library's default also sets SO_REUSEPORT, which would let a second server (or
+  // another program of the same user) share the port and answer some of the page's requests.
+  server.set_socket_options([](socket_t sock) {
+    const int yes = 1;
+    ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  });
   server.set_pre_routing_handler([&](const httplib::Request& req, httplib::Response& res) {
     if (req.get_param_value("t") == token) return httplib::Server::HandlerResponse::Unhandled;
     res.status = 403;
