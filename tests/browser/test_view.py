@@ -92,6 +92,11 @@ def test_sample_shows_every_field_with_the_tools_values(serve, browser, screensh
         if row["attr"]:
             got[(block_of(row), row["record"], row["field"] + "@attr")] = row["attr"]
     assert got == want
+    # The text column shows each Hangul syllable of a text field on its first byte.
+    text = browser.execute_script(
+        "return [...document.querySelectorAll('#hexview .txt .b[data-o]')].slice(0, 9).map(b => b.textContent);"
+    )
+    assert text == ["한", "", "빛", "", "전", "", "자", "", " "]
     # The picture of the README: a field selected, at a modest size.
     browser.find_element(By.CSS_SELECTOR, '#fields tr.fld[data-field="price"] td.value').click()
     size = browser.get_window_size()

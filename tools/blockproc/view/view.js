@@ -147,11 +147,49 @@
     return s;
   }
 
+  // What each byte of the window shows in the text column: printable ASCII as itself, other bytes as ".",
+  // and in a text field each character of the encoding on its first byte (its other bytes show nothing).
+  function textColumn(bytes) {
+    const out = Array.from(bytes, (b) => (b >= 0x20 && b < 0x7f ? String.fromCharCode(b) : "."));
+    const enc = meta.encoding;
+    const label = enc === "utf-8" ? "utf-8" : enc === "cp949" || enc === "euc-kr" ? "euc-kr" : null;
+    const decoder = label ? new TextDecoder(label, { fatal: true }) : null;
+    const isText = (i) => {
+      const owner = owners[i];
+      return owner && owner.kind === "field" && meta.groups[win.records[owner.rec].group].fields[owner.field].type === "text";
+    };
+    for (let i = 0; i < bytes.length; i++) {
+      const b = bytes[i];
+      if (b < 0x80 || !isText(i)) continue;
+      if (enc === "latin1") {
+        if (b >= 0xa0) out[i] = String.fromCharCode(b);
+        continue;
+      }
+      if (!decoder) continue;
+      const n = label === "euc-kr" ? 2 : b >= 0xf0 ? 4 : b >= 0xe0 ? 3 : 2;
+      if (i + n > bytes.length || !isText(i + n - 1)) continue;
+      let ch;
+      try {
+        ch = decoder.decode(bytes.subarray(i, i + n));
+      } catch (e) {
+        continue; // not a character of the encoding: the bytes stay "."
+      }
+      if ([...ch].length !== 1) continue;
+      out[i] = ch;
+      for (let k = 1; k < n; k++) out[i + k] = "";
+      i += n - 1;
+    }
+    return out;
+  }
+
   function renderBytes() {
     const view = $("hexview");
     view.textContent = "";
     const m = marks();
     const frag = document.createDocumentFragment();
+    const bytes = new Uint8Array((win.end - win.start));
+    for (let i = 0; i < bytes.length; i++) bytes[i] = parseInt(win.hex.substr(i * 2, 2), 16);
+    const text = textColumn(bytes);
     const first = win.start - (win.start % 16);
     for (let line = first; line < win.end; line += 16) {
       const row = el("div", "line");
@@ -164,9 +202,10 @@
           txt.appendChild(el("span", "b pad", " "));
           continue;
         }
-        const byte = parseInt(win.hex.substr((o - win.start) * 2, 2), 16);
-        hex.appendChild(byteSpan(o, hex2(byte), m));
-        txt.appendChild(byteSpan(o, byte >= 0x20 && byte < 0x7f ? String.fromCharCode(byte) : ".", m));
+        hex.appendChild(byteSpan(o, hex2(bytes[o - win.start]), m));
+        const t = byteSpan(o, text[o - win.start], m);
+        if (text[o - win.start].length > 1 || text[o - win.start].charCodeAt(0) > 0x7f) t.classList.add("wide");
+        txt.appendChild(t);
       }
       row.appendChild(hex);
       row.appendChild(txt);
