@@ -98,11 +98,12 @@ struct ViewModel::Impl {
         request(o.request) {
     in.makeSeekable();
     size = in.size();
+    // The check comes first: paging a block lays it out with a repeat of one window.
+    runCheck(stream ? streamBlock(o.block).getBlockName() : "");
     if (stream)
       openStream(o.block);
     else
       openReply();
-    runCheck(stream && !groups.empty() ? groups.front().proc->getBlockName() : "");
   }
 
   // The layout check's findings, most likely first. The data is mapped rather than read: the check reads
@@ -115,19 +116,14 @@ struct ViewModel::Impl {
                              : check::DataKind::Reply;
     options.block = block;
     options.encoding = session.proc->getEncodingType();
-    const bool whole = static_cast<int64_t>(head.size()) == size;
-    void* mapped = nullptr;
-    std::string_view data = head;
-    if (!whole) {
-      mapped = ::mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, in.descriptor(), 0);
-      if (mapped == MAP_FAILED) {  // the page works without findings
-        checkError = std::string("cannot map the data for the layout check: ") + std::strerror(errno);
-        return;
-      }
-      data = std::string_view(static_cast<const char*>(mapped), static_cast<size_t>(size));
+    void* mapped = ::mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, in.descriptor(), 0);
+    if (mapped == MAP_FAILED) {  // the page works without findings
+      checkError = std::string("cannot map the data for the layout check: ") + std::strerror(errno);
+      return;
     }
+    const std::string_view data(static_cast<const char*>(mapped), static_cast<size_t>(size));
     const check::CheckResult result = check::checkLayout(*session.definition, data, options);
-    if (mapped != nullptr) ::munmap(mapped, static_cast<size_t>(size));
+    ::munmap(mapped, static_cast<size_t>(size));
     addFindings(result);
   }
 
