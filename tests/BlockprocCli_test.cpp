@@ -129,7 +129,8 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "cleanly with it)" +
            hint},
       {decodeIn, kSampleReply + "xyz", 1, tooLong + hint},
-      {"hexdump " + kDef + " -", kSampleReply + "xyz", 1, tooLong + "\n"},
+      {"hexdump " + kDef + " -", kSampleReply + "xyz", 1,
+       tooLong + "\n  (blockproc check examples/current_price.xml - names the likeliest layout change)\n"},
       {"", "", 2, "A subcommand is required", true},
       {kDecode + " --colour", "", 2, "--colour", true},
       {kDecode + " --format xml", "", 2, "xml", true},
@@ -178,7 +179,7 @@ TEST(BlockprocCli, AnswersHelpAndVersion) {
   const Outcome version = run("--version");
   EXPECT_EQ(version.code, 0);
   EXPECT_EQ(version.out, "blockproc 0.1.0\n");
-  for (const char* command : {"", "inspect", "decode", "encode", "hexdump", "realtime"}) {
+  for (const char* command : {"", "inspect", "decode", "encode", "hexdump", "realtime", "check"}) {
     const Outcome help = run(std::string(command) + " --help");
     EXPECT_EQ(help.code, 0) << command;
     EXPECT_NE(help.out.find("Usage:"), std::string::npos) << command;

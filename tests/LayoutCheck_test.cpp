@@ -201,5 +201,136 @@ TEST(LayoutCheckTest, RanksTheRightExplanationOnGeneratedCaptures) {
   EXPECT_EQ(topThree, static_cast<int>(cases.size()));
 }
 
+// A reply of a one-record head and a block whose count is a prefix; an attribute byte after each Ticks field.
+constexpr const char* kTicksXml = R"(<transaction code="T1" occurslen="3">
+  <input><block name="In"><field name="code" type="text" length="6"/><field name="qty" type="number" length="5"/>
+  </block></input>
+  <output>
+    <block name="Head"><field name="name" type="text" length="10"/><field name="mark" type="text" length="2"/>
+      <field name="unused" type="text" length="4"/></block>
+    <block name="Ticks" repeat="500" count="prefix" attr="true">
+      <field name="time" type="text" length="6"/><field name="price" type="number" length="9" decimals="2"/>
+      <field name="qty" type="int64"/></block>
+  </output>
+</transaction>)";
+
+const TransactionDefinition& ticksDefinition() {
+  static const DefinitionResult loaded = DefinitionLoader::loadString(kTicksXml, "ticks.xml");
+  return *loaded.definition;
+}
+
+// A Ticks record with `extra` more zeros in front of the price.
+std::string tick(Dice& dice, int extra) {
+  std::string r = digits(90000 + dice.below(60000), 6) + " ";
+  r += digits(100 + dice.below(9'000'000), static_cast<size_t>(9 + extra)) + "0";
+  return r + quote::binary<int64_t>(dice.below(100'000)) + "0";
+}
+
+// The reply: Head ("KOSPI 200 " / "* " / four blanks), then `count` Ticks records behind their prefix.
+std::string ticksReply(int count, int extra, uint32_t seed = 3) {
+  Dice dice(seed);
+  std::string reply = "KOSPI 200 *     " + digits(static_cast<uint64_t>(count), 3);
+  for (int i = 0; i < count; ++i) reply += tick(dice, extra);
+  return reply;
+}
+
+CheckResult checkTicks(std::string_view data, DataKind kind = DataKind::Reply, std::string block = "") {
+  CheckOptions options;
+  options.kind = kind;
+  options.block = std::move(block);
+  return checkLayout(ticksDefinition(), data, options);
+}
+
+TEST(LayoutCheckTest, ReadsRepliesWithCountsAttributesAndHeads) {
+  // As defined: it fits; the head's always-blank field and the one-value mark are noted.
+  const CheckResult fits = checkTicks(ticksReply(200, 0));
+  ASSERT_TRUE(fits.error.empty()) << fits.error;
+  EXPECT_TRUE(fits.ok);
+  ASSERT_FALSE(fits.findings.empty());
+  EXPECT_EQ(fits.findings[0].kind, FindingKind::Fits);
+  EXPECT_TRUE(fits.size.whole);
+  ASSERT_EQ(fits.fields.size(), 6u);
+  EXPECT_TRUE(fits.fields[2].alwaysBlank) << fits.fields[2].field;
+  EXPECT_FALSE(fits.fields[1].alwaysBlank);
+  EXPECT_EQ(fits.fields[4].field, "price");
+  EXPECT_EQ(fits.fields[4].offset, 7);  // after time and its attribute byte
+  EXPECT_EQ(fits.fields[4].share(), 1.0);
+
+  // Prices two digits wider: the prefix count and the bytes agree only with price 11 bytes long.
+  const CheckResult wider = checkTicks(ticksReply(200, 2));
+  EXPECT_FALSE(wider.ok);
+  EXPECT_FALSE(wider.size.whole);
+  EXPECT_EQ(wider.size.missing, 0);
+  ASSERT_FALSE(wider.findings.empty());
+  const Finding& f = wider.findings[0];
+  EXPECT_EQ(f.kind, FindingKind::FieldLonger) << describe(f);
+  EXPECT_EQ(f.block, "Ticks");
+  EXPECT_EQ(f.field, "price");
+  EXPECT_EQ(f.delta, 2);
+  EXPECT_EQ(f.recordSize, 28);
+  EXPECT_EQ(f.records, 200);
+  EXPECT_EQ(f.score, 1.0);
+  EXPECT_LT(f.definedScore, 0.5);
+  EXPECT_EQ(describe(f), "field `price` is 2 bytes longer");
+  // The ranges are the price's bytes in the first records: head 16, prefix 3, then 7 bytes into a record.
+  ASSERT_EQ(f.ranges.size(), 3u);
+  EXPECT_EQ(f.ranges[0].offset, 16 + 3 + 7);
+  EXPECT_EQ(f.ranges[0].length, 11);
+  EXPECT_EQ(f.ranges[1].offset, 16 + 3 + 28 + 7);
+
+  // A reply cut inside its records: the count promises more than the bytes hold.
+  const std::string whole = ticksReply(200, 0);
+  const CheckResult cut = checkTicks(std::string_view(whole).substr(0, whole.size() - 10));
+  ASSERT_FALSE(cut.findings.empty());
+  EXPECT_EQ(cut.findings[0].kind, FindingKind::CutShort) << describe(cut.findings[0]);
+  EXPECT_EQ(cut.findings[0].delta, 16);
+  EXPECT_EQ(cut.size.missing, 10);
+}
+
+TEST(LayoutCheckTest, ReadsStreamsAndRequestsAndRefusesWhatItCannotCheck) {
+  // A stream of 301 Ticks records one byte shorter each: the int64 was cut to seven bytes.
+  std::string stream;
+  Dice dice(11);
+  for (int i = 0; i < 301; ++i) {
+    const std::string r = tick(dice, 0);
+    stream += r.substr(0, r.size() - 2) + "0";  // drops the top byte of qty (always zero)
+  }
+  const CheckResult shorter = checkTicks(stream, DataKind::Stream, "Ticks");
+  ASSERT_FALSE(shorter.findings.empty());
+  EXPECT_EQ(shorter.size.fits.front().recordSize, 25);
+  EXPECT_EQ(shorter.size.fits.front().records, 301);
+  EXPECT_NE(shorter.findings[0].kind, FindingKind::Fits);
+  EXPECT_EQ(shorter.findings[0].recordSize, 25);
+
+  // A request: the fields back to back, no attribute bytes.
+  const CheckResult request = checkTicks("A12345  120", DataKind::Request);
+  ASSERT_TRUE(request.error.empty()) << request.error;
+  EXPECT_TRUE(request.ok);
+  EXPECT_EQ(request.fields[1].offset, 6);
+  const CheckResult longer = checkTicks("A12345 00120", DataKind::Request);
+  ASSERT_FALSE(longer.findings.empty());
+  EXPECT_EQ(longer.findings[0].recordSize, 12);
+
+  const struct {
+    DataKind kind;
+    std::string block, error;
+  } refusals[] = {
+      {DataKind::Stream, "", "a stream holds the records of one block: name it"},
+      {DataKind::Stream, "Nope", "the definition has no block named `Nope`"},
+      {DataKind::Reply, "In", "the definition's output blocks hold none named `In`"},
+  };
+  for (const auto& r : refusals) {
+    const CheckResult result = checkTicks("x", r.kind, r.block);
+    EXPECT_EQ(result.error, r.error);
+    EXPECT_TRUE(result.findings.empty());
+  }
+  // Nothing is read outside the data, whatever its size.
+  for (size_t n = 0; n < 64; ++n) {
+    const std::string bytes(n, '\xFF');
+    EXPECT_FALSE(checkTicks(bytes).ok) << n;
+    EXPECT_FALSE(checkTicks(bytes, DataKind::Stream, "Ticks").ok) << n;
+  }
+}
+
 }  // namespace
 }  // namespace blockproc::check

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <bitset>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -368,6 +369,9 @@ struct Score {
   Tally padding;       // of a longer field: values whose extra bytes are its own padding
   double shape = 0;    // sum of the number fields' shapes (Fills::shape)
   int32_t shaped = 0;  // number fields in the sum
+  int64_t bytes = 0;   // bytes of the plausible values: how much of the data reads as its type
+  double bits = 0;     // mean significant bits of the plausible binary integers: counts are small
+  int32_t codes = 0;   // distinct values of the one-byte text fields, summed: codes are few
   double meanShape() const noexcept { return shaped > 0 ? shape / shaped : 0; }
   int64_t records = 0;
   std::vector<ByteRange> ranges;
@@ -448,6 +452,8 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
             const ByteRange& where, int64_t sample, FieldTally* fields) {
   Score s;
   std::vector<Fills> fills;
+  std::vector<std::bitset<256>> seen;
+  int64_t bitSum = 0, bitCount = 0;
   for (const Placed& p : w.placed) {
     const BlockInfo& block = *ctx.blocks[static_cast<size_t>(p.block)];
     const Layout& layout = *layouts[static_cast<size_t>(p.block)];
@@ -455,6 +461,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
     const int32_t focus = changed ? focusSlot(change, layout) : -1;
     if (changed) s.records = p.records;
     fills.assign(layout.slots.size(), Fills{});
+    seen.assign(layout.slots.size(), std::bitset<256>{});
     forSample(p.records, sample, [&](int64_t r) {
       const int64_t base = p.offset + r * layout.size;
       if (changed && s.ranges.size() < kRangesShown && where.length > 0)
@@ -467,8 +474,15 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
             ctx.data.substr(static_cast<size_t>(base + slot.offset), static_cast<size_t>(slot.length));
         const bool ok = plausible(f, bytes, ctx.options.encoding, ctx.scratch);
         if (ok && isNumberField(f)) fills[k].add(bytes);
+        if (bytes.size() == 1 && f.nDataType == kFieldText) seen[k].set(static_cast<uint8_t>(bytes[0]));
+        if (ok && (f.nDataType == kFieldInt64 || f.nDataType == kFieldSInt64)) {
+          const auto v = load<int64_t>(bytes);
+          bitSum += std::bit_width(static_cast<uint64_t>(v < 0 ? -(v + 1) : v));
+          ++bitCount;
+        }
         ++s.all.sampled;
         s.all.plausible += ok ? 1 : 0;
+        s.bytes += ok ? slot.length : 0;
         if (static_cast<int32_t>(k) == focus) {
           ++s.focus.sampled;
           s.focus.plausible += ok ? 1 : 0;
@@ -483,6 +497,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
     // A gateway pads a number field one way: the values padded the other way are misread.
     for (size_t k = 0; k < fills.size(); ++k) {
       const int64_t odd = std::min(fills[k].zeros, fills[k].blanks);
+      s.codes += static_cast<int32_t>(seen[k].count());
       if (fills[k].values > 0) {
         s.shape += fills[k].shape();
         ++s.shaped;
@@ -491,6 +506,7 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
       if (static_cast<int32_t>(k) == focus) s.focus.plausible -= odd;
     }
   }
+  s.bits = bitCount > 0 ? static_cast<double>(bitSum) / static_cast<double>(bitCount) : 0;
   return s;
 }
 
@@ -559,6 +575,9 @@ bool ranksBefore(const Candidate& a, const Candidate& b) {
   if (std::fabs(a.fit - b.fit) > 0.05) return a.fit > b.fit;
   if (std::fabs(a.score.meanShape() - b.score.meanShape()) > 0.01)
     return a.score.meanShape() > b.score.meanShape();
+  if (a.score.codes != b.score.codes) return a.score.codes < b.score.codes;
+  if (a.score.bytes != b.score.bytes) return a.score.bytes > b.score.bytes;
+  if (std::fabs(a.score.bits - b.score.bits) > 1) return a.score.bits < b.score.bits;
   if (a.agreed != b.agreed) return a.agreed > b.agreed;
   if (kindOrder(a.change.kind) != kindOrder(b.change.kind))
     return kindOrder(a.change.kind) < kindOrder(b.change.kind);
@@ -702,7 +721,7 @@ std::string chooseBlocks(Context& ctx) {
 std::vector<SizeFinding::Fit> fitsOf(int64_t bytes, int32_t recordSize, int32_t reach) {
   std::vector<SizeFinding::Fit> fits;
   if (bytes <= 0) return fits;
-  for (int32_t d = 1; d <= reach && fits.size() < 5; ++d)
+  for (int32_t d = 1; d <= reach && fits.size() < 3; ++d)
     for (const int32_t size : {recordSize - d, recordSize + d})
       if (size > 0 && bytes % size == 0) fits.push_back({size, bytes / size});
   return fits;
@@ -721,7 +740,7 @@ SizeFinding sizeFinding(const Context& ctx, const Walk& w) {
   size.blockBytes = w.restBytes;
   size.records = size.recordSize > 0 ? w.restBytes / size.recordSize : 0;
   if (w.partial != 0)
-    size.fits = fitsOf(w.restBytes, size.recordSize, std::max(ctx.options.maxDelta, size.recordSize / 2));
+    size.fits = fitsOf(w.restBytes, size.recordSize, std::max(ctx.options.maxDelta, size.recordSize / 8));
   return size;
 }
 
@@ -731,11 +750,16 @@ std::vector<const Layout*> definedLayouts(const Context& ctx) {
   return layouts;
 }
 
+// The block whose records the size findings count: the rest block (or the stream's), else the last placed.
+int32_t mainBlock(const Walk& w) {
+  return w.restBlock >= 0 ? w.restBlock : (w.placed.empty() ? 0 : w.placed.back().block);
+}
+
 // The definition as it stands, scored: whole records (Fits) or data that ends inside a record (CutShort).
 Candidate definedCandidate(const Context& ctx, const Walk& w, Score scored) {
   Candidate c;
   c.change.kind = w.whole() ? FindingKind::Fits : FindingKind::CutShort;
-  c.change.block = w.restBlock >= 0 ? w.restBlock : (w.placed.empty() ? 0 : w.placed.back().block);
+  c.change.block = mainBlock(w);
   c.change.delta = static_cast<int32_t>(w.partial);
   c.recordSize = ctx.defined[static_cast<size_t>(c.change.block)].size;
   c.score = std::move(scored);
@@ -908,7 +932,7 @@ CheckResult checkLayout(const TransactionDefinition& definition, std::string_vie
   const Walk asDefined = walk(ctx, definedLayouts(ctx));
   result.size = sizeFinding(ctx, asDefined);
   Change none;
-  none.block = asDefined.restBlock >= 0 ? asDefined.restBlock : 0;
+  none.block = mainBlock(asDefined);
   Score scored = score(ctx, asDefined, definedLayouts(ctx), none, ByteRange{}, sample, &fields);
   const Tally definedAll = scored.all;
   std::vector<Candidate> candidates;

@@ -93,7 +93,9 @@ std::string textReport(const CheckResult& result, const std::string& code, const
     out += "fits: " + printable(result.findings.front().evidence) + "\n";
   } else {
     out += "\nmost likely first:\n";
-    for (size_t i = 0; i < result.findings.size(); ++i) {
+    // A person reads the first few; JSON carries them all.
+    constexpr size_t kShown = 5;
+    for (size_t i = 0; i < result.findings.size() && i < kShown; ++i) {
       const Finding& f = result.findings[i];
       out += "  " + std::to_string(i + 1) + ". " + printable(check::describe(f)) + "  [" +
              percentOf(f.score) + " read cleanly]\n";

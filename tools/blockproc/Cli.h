@@ -236,6 +236,9 @@ struct HexdumpOptions {
   CommonOptions common;
   std::string reply;
   bool request = false;
+  bool stream = false;    // the data is real-time records of `block` back to back
+  std::string block;      // the stream's block
+  int64_t records = 100;  // records shown of each block; a line says how many more there are
 };
 struct RealtimeOptions {
   CommonOptions common;

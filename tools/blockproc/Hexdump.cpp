@@ -54,18 +54,68 @@ void addRecord(std::vector<Range>& out, const KXBlockDataProc& proc, int64_t bas
   if (at < end) out.push_back({at, end - at, prefix + " (unused)", ""});
 }
 
-std::vector<Range> rangesOf(const TransactionProc::ReplyResult& received, int64_t size) {
+// Ranges of the records of a block, at most `limit` of them from `offset` (`whole` records there), then a
+// line saying how many were left out. The processor holds the shown records from its record 0.
+void addRecords(std::vector<Range>& out, const KXBlockDataProc& proc, int64_t offset, int64_t recordSize,
+                int64_t shown, int64_t whole, bool packed) {
+  for (int64_t i = 0; i < shown; ++i)
+    addRecord(out, proc, offset + i * recordSize, static_cast<int32_t>(i), packed);
+  if (whole > shown)
+    out.push_back({offset + shown * recordSize, 0,
+                   "... " + internal::counted(whole - shown, "more " + proc.getBlockName() + " record") +
+                       " (" + internal::counted((whole - shown) * recordSize, "byte") +
+                       ") not shown; --records N shows more",
+                   ""});
+}
+
+// The bytes past the whole records, if any.
+void addLeftOver(std::vector<Range>& out, int64_t from, int64_t size, const std::string& what) {
+  if (from < size) out.push_back({from, size - from, what, ""});
+}
+
+std::vector<Range> rangesOf(const TransactionProc::ReplyResult& received, std::string_view data,
+                            int64_t limit) {
   std::vector<Range> out;
+  const auto size = static_cast<int64_t>(data.size());
+  int64_t used = received.used;
   for (const auto& slice : received.slices) {
-    const KXBlockDataProc& proc = *slice.proc;
+    KXBlockDataProc& proc = *slice.proc;
     if (slice.countOffset >= 0)
       out.push_back({slice.countOffset, slice.countLength, proc.getBlockName() + " (record count)",
                      std::to_string(slice.records)});
-    const int64_t recordSize = slice.records > 0 ? slice.length / slice.records : 0;
-    for (int32_t i = 0; i < slice.records; ++i)
-      addRecord(out, proc, slice.offset + i * recordSize, i, slice.packed);
+    if (!slice.open) {
+      const int64_t recordSize = slice.records > 0 ? slice.length / slice.records : 0;
+      addRecords(out, proc, slice.offset, recordSize, std::min<int64_t>(slice.records, limit), slice.records,
+                 slice.packed);
+      continue;
+    }
+    // A rest block that is not whole records: its first whole records, labelled all the same.
+    const int64_t recordSize = proc.getBlockInfo()->getRecordMemSize();
+    if (recordSize <= 0) continue;
+    const int64_t whole = (size - slice.offset) / recordSize;
+    const int64_t shown = std::min({whole, limit, int64_t{proc.getBlockInfo()->m_nRepeatCount}});
+    proc.setData(data.data(), static_cast<int32_t>(slice.offset), static_cast<int32_t>(shown * recordSize));
+    addRecords(out, proc, slice.offset, recordSize, shown, whole, false);
+    used = slice.offset + whole * recordSize;
+    addLeftOver(out, used, size, "(left over: not a whole " + proc.getBlockName() + " record)");
+    return out;
   }
-  if (received.used < size) out.push_back({received.used, size - received.used, "(not read)", ""});
+  addLeftOver(out, used, size, "(not read)");
+  return out;
+}
+
+// The records of a stream of one block, at most `limit` of them, then what is past the whole records.
+std::vector<Range> streamRanges(KXBlockDataProc& proc, std::string_view data, int64_t limit) {
+  std::vector<Range> out;
+  BlockInfo& block = *proc.getBlockInfo();
+  const int64_t recordSize = block.getRecordMemSize(), size = static_cast<int64_t>(data.size());
+  if (recordSize <= 0) throw Failure{kExitData, "block " + block.m_szBlockName + " has no bytes to a record"};
+  const int64_t whole = size / recordSize, shown = std::min(whole, limit);
+  block.setRepeat(static_cast<int32_t>(std::max<int64_t>(shown, 1)));
+  proc.DefaultMemory();
+  proc.setData(data.data(), 0, static_cast<int32_t>(shown * recordSize));
+  addRecords(out, proc, 0, recordSize, shown, whole, false);
+  addLeftOver(out, whole * recordSize, size, "(left over: not a whole " + block.m_szBlockName + " record)");
   return out;
 }
 
@@ -98,21 +148,48 @@ std::string lineOf(int64_t offset, std::string_view bytes, const std::string& la
 
 int runHexdump(const HexdumpOptions& options) {
   const Session session = openSession(options.common, options.reply);
-  const std::string data = readInput(options.reply);
+  KXBlockDataProc* streamProc = nullptr;
+  if (options.stream) {
+    streamProc = session.proc->findBlockProc(options.block);
+    if (streamProc == nullptr)
+      throw Failure{kExitUsage, "no block named '" + printable(options.block) + "' for --stream"};
+  }
+  InputStream in(options.reply);
+  const std::string_view data = in.map();
   const auto size = static_cast<int64_t>(data.size());
-  const auto received = options.request ? session.proc->receiveRequest(data.data(), size)
-                                        : session.proc->receiveReply(data.data(), size);
-  const std::vector<Range> ranges = rangesOf(received, size);
+  const int64_t limit = options.records;
+  TransactionProc::ReplyResult received;
+  std::vector<Range> ranges;
+  if (streamProc != nullptr) {
+    ranges = streamRanges(*streamProc, data, limit);
+    received.ok = size % streamProc->getBlockInfo()->getRecordMemSize() == 0;
+    if (!received.ok)
+      received.message = "the stream holds " + withThousands(size) + " bytes, not a whole number of " +
+                         withThousands(streamProc->getBlockInfo()->getRecordMemSize()) + "-byte " +
+                         streamProc->getBlockName() + " records";
+  } else {
+    received = options.request ? session.proc->receiveRequest(data.data(), size)
+                               : session.proc->receiveReply(data.data(), size);
+    // A rest block that is not whole records still has its first records labelled.
+    const TransactionProc::ReplyResult head =
+        received.ok || options.request ? received : session.proc->receiveReplyHead(data.data(), size);
+    ranges = rangesOf(head.ok ? head : received, data, limit);
+  }
 
   size_t labelWidth = utf8::displayWidth("field");
-  for (const Range& r : ranges) labelWidth = std::max(labelWidth, utf8::displayWidth(r.label));
+  for (const Range& r : ranges)
+    if (r.length > 0) labelWidth = std::max(labelWidth, utf8::displayWidth(r.label));
   Output out("");
   std::string& text = out.text();
-  text += session.definition->tran.getTrCode() + (options.request ? " request: " : " reply: ") +
+  text += session.definition->tran.getTrCode() +
+          (options.stream    ? " stream: "
+           : options.request ? " request: "
+                             : " reply: ") +
           internal::counted(size, "byte") + "\n\n";
   text += padded("offset", 8, false) + "  " + padded("bytes", kHexWidth, false) + "  " +
           padded("field", labelWidth, false) + "  value\n";
   for (const Range& r : ranges) {
+    if (r.length == 0) text += r.label + "\n";
     for (int64_t at = 0; at < r.length; at += kBytesPerLine) {
       const int64_t n = std::min(kBytesPerLine, r.length - at);
       const std::string_view bytes(data.data() + r.offset + at, static_cast<size_t>(n));
@@ -122,7 +199,18 @@ int runHexdump(const HexdumpOptions& options) {
     out.spill();
   }
   out.finish();
-  if (!received.ok) throw Failure{kExitData, sourceName(options.reply) + ": " + received.message};
+  if (!received.ok) {
+    const check::DataKind kind = options.stream    ? check::DataKind::Stream
+                                 : options.request ? check::DataKind::Request
+                                                   : check::DataKind::Reply;
+    bool cutShort = false;
+    throw Failure{kExitData,
+                  sourceName(options.reply) + ": " + received.message +
+                      layoutAdvice(session, data, kind, options.stream ? options.block : "", cutShort) +
+                      "\n  (" +
+                      checkCommand(options.common, options.reply, kind, options.stream ? options.block : "") +
+                      " names the likeliest layout change)"};
+  }
   return kExitOk;
 }
 

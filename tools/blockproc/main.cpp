@@ -105,6 +105,15 @@ int main(int argc, char** argv) {
   addDefinition(*hexdumpCmd, hexdump.common);
   hexdumpCmd->add_option("REPLY", hexdump.reply, "reply bytes (- reads standard input)")->required();
   hexdumpCmd->add_flag("--request", hexdump.request, "the data is a request: label its input blocks");
+  hexdumpCmd->add_flag("--stream", hexdump.stream, "the data is real-time records of --block back to back")
+      ->excludes(hexdumpCmd->get_option("--request"));
+  hexdumpCmd->add_option("--block", hexdump.block, "the block whose records a --stream holds");
+  hexdumpCmd
+      ->add_option("--records", hexdump.records,
+                   "show at most N records of each block (a rest block or a stream too, whole records or "
+                   "not); a line says how many more there are")
+      ->check(CLI::Range(int64_t{0}, int64_t{1} << 40))
+      ->capture_default_str();
   addEncoding(*hexdumpCmd, hexdump.common);
 
   RealtimeOptions realtime;
@@ -166,6 +175,10 @@ int main(int argc, char** argv) {
     return app.exit(e) == 0 ? kExitOk : kExitUsage;
   }
 
+  if (*hexdumpCmd && hexdump.stream && hexdump.block.empty()) {
+    std::cerr << "blockproc: hexdump --stream needs --block: the block whose records the stream holds\n";
+    return kExitUsage;
+  }
   try {
     if (*inspectCmd) return runInspect(inspect);
     if (*decodeCmd) return runDecode(decode);
