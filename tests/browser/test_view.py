@@ -137,6 +137,33 @@ def test_a_click_on_a_field_selects_exactly_its_bytes(serve, browser, block, rec
     assert selected_bytes(browser, "hex") == want
 
 
+def test_every_warning_of_the_tool_is_listed_and_marked_on_its_bytes(serve, browser, tmp_path):
+    data = bytearray(REPLY.read_bytes())
+    data[23] = ord("X")  # OutBlock.price: not a number from its fourth byte
+    data[84 + 31 + 2] = 0xFF  # OutBlock1[1].chetime: not cp949 text
+    reply = tmp_path / "bad.reply"
+    reply.write_bytes(bytes(data))
+    run = subprocess.run([str(tool()), "decode", str(DEF), str(reply)], capture_output=True, text=True)
+    tools_warnings = [line.split("warning: ", 1)[1] for line in run.stderr.splitlines() if "warning: " in line]
+    assert run.returncode == 1 and len(tools_warnings) == 2
+    server = serve(DEF, reply)
+    open_page(browser, server.url)
+    listed = [li.text for li in browser.find_elements(By.CSS_SELECTOR, "#problem-list li.warning")]
+    assert listed == tools_warnings
+    marked = browser.execute_script(
+        "return [...document.querySelectorAll('#hexview .hex .b.warn')].map(b => Number(b.dataset.o));"
+    )
+    assert marked == list(range(20, 28)) + list(range(84 + 31, 84 + 31 + 6))  # each field's bytes, no more
+    rows = browser.find_elements(By.CSS_SELECTOR, "#fields tr.fld.warn")
+    assert [(r.get_attribute("data-field"), r.get_attribute("data-record")) for r in rows] == [
+        ("price", "0"),
+        ("chetime", "1"),
+    ]
+    # A click on a warning goes to its bytes and selects the field.
+    browser.find_elements(By.CSS_SELECTOR, "#problem-list li.warning")[1].click()
+    WebDriverWait(browser, 10).until(lambda d: selected_bytes(d, "hex") == list(range(84 + 31, 84 + 37)))
+
+
 def test_find_and_encoding_switch(serve, browser):
     server = serve(DEF, REPLY)
     open_page(browser, server.url)
