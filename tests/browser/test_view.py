@@ -341,7 +341,7 @@ def test_goto_and_paging_on_a_gib_stream_with_little_memory(serve, browser, gib_
 # ---- the layout check's findings -------------------------------------------------------------------------
 
 
-def test_a_check_finding_is_marked_on_the_field(serve, browser, tmp_path):
+def test_a_check_finding_is_marked_on_the_field(serve, browser, tmp_path, screenshots):
     # The sample's one-record block with `change` defined 2 bytes short: 6 where the reply has 8.
     xml = DEF.read_text(encoding="utf-8")
     start = xml.index('<block name="OutBlock">')
@@ -371,6 +371,7 @@ def test_a_check_finding_is_marked_on_the_field(serve, browser, tmp_path):
     }
     items = [li.text for li in browser.find_elements(By.CSS_SELECTOR, "#problem-list li.finding")]
     assert items and "change" in items[0]
+    browser.save_screenshot(str(screenshots / "view-finding.png"))
 
 
 # ---- the self-contained file -----------------------------------------------------------------------------
