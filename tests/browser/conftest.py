@@ -47,8 +47,10 @@ class ViewServer:
         )
         self.url = self.proc.stdout.readline().strip()
         if not self.url.startswith("http://127.0.0.1:"):
+            self.proc.wait(timeout=10)
+            why = self.proc.stderr.read()
             self.stop()
-            raise RuntimeError("blockproc view did not start: " + self.proc.stderr.read())
+            raise RuntimeError("blockproc view did not start: " + why)
 
     @property
     def pid(self):
