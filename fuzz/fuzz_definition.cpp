@@ -5,7 +5,9 @@
 // unique in their block, fields of positive length inside the record and not overlapping, at most 64 MiB per
 // block); it is then handed to the transaction parent, which splits the reply among its output blocks: the
 // slices must lie inside the reply and follow each other, and every field of every received record must read
-// as valid UTF-8. The reply the parent builds from its defaults must split back without a remainder.
+// as valid UTF-8. The reply the parent builds from its defaults must split back without a remainder. The
+// layout check reads the same bytes as a reply, a request and a stream of each block: every finding's
+// shares lie between 0 and 1 and its byte ranges inside the bytes.
 
 #include <algorithm>
 #include <cstdint>
@@ -22,6 +24,7 @@
 #include "FuzzCheck.h"
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/engine/LayoutCheck.h"
 #include "blockproc/engine/TransactionProc.h"
 
 namespace blockproc::fuzz {
@@ -100,6 +103,29 @@ void checkReply(TransactionProc& parent, std::string_view reply) {
   for (KXBlockDataProc* proc : parent.outputProcs()) readAll(*proc);
 }
 
+void checkLayoutOf(const TransactionDefinition& definition, std::string_view data) {
+  std::vector<check::CheckOptions> runs(2);
+  runs[1].kind = check::DataKind::Request;
+  for (const auto& block : definition.tran.m_BlockInfokList) {
+    runs.emplace_back();
+    runs.back().kind = check::DataKind::Stream;
+    runs.back().block = block->m_szBlockName;
+  }
+  for (check::CheckOptions& options : runs) {
+    options.sampleRecords = 20;
+    options.maxDelta = 3;
+    options.encoding = definition.encoding;
+    const check::CheckResult result = check::checkLayout(definition, data, options);
+    require(result.error.empty() || result.findings.empty(), "a refused check with findings");
+    for (const check::Finding& f : result.findings) {
+      require(f.score >= 0 && f.score <= 1 && f.fieldScore >= 0 && f.fieldScore <= 1, "a share outside 0..1");
+      for (const check::ByteRange& r : f.ranges)
+        require(r.offset >= 0 && r.length >= 0 && r.offset + r.length <= static_cast<int64_t>(data.size()),
+                "a finding's bytes outside the data");
+    }
+  }
+}
+
 void run(std::string_view definitionText, std::string_view reply, bool hasReply) {
   // BLOCKPROC_FUZZ_TRACE=1 in the environment prints what the load and the reply split said.
   static const bool trace = std::getenv("BLOCKPROC_FUZZ_TRACE") != nullptr;
@@ -122,6 +148,7 @@ void run(std::string_view definitionText, std::string_view reply, bool hasReply)
 
   TransactionProc parent(definition);
   if (hasReply) checkReply(parent, reply);
+  if (hasReply) checkLayoutOf(definition, reply);
 
   const auto defaults = parent.buildReply({});
   require(defaults.ok == defaults.message.empty(), "a build result's message disagrees with its status");

@@ -159,8 +159,8 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       {"realtime " + kDef + " examples/current_price.stream --block Ticks", "", 2,
        "no block named 'Ticks'; the definition has InBlock, OutBlock, OutBlock1\n"},
       {"realtime " + kDef + " - --block OutBlock1", std::string(40, ' '), 1,
-       "standard input: the stream holds 40 bytes, not a whole number of 31-byte OutBlock1 records; 40-byte "
-       "records would make it exactly 1 record\n  likeliest: field `cvolume` is 1 byte shorter (100% of "
+       "standard input: the stream holds 40 bytes, not a whole number of 31-byte OutBlock1 records\n"
+       "  likeliest: field `cvolume` is 1 byte shorter (100% of "
        "sampled "
        "values read cleanly with it; 0% of `cvolume` values as defined; the data would also be cut short)\n"
        "  (blockproc check examples/current_price.xml - --stream --block OutBlock1 shows the evidence)\n"}};

@@ -332,5 +332,24 @@ TEST(LayoutCheckTest, ReadsStreamsAndRequestsAndRefusesWhatItCannotCheck) {
   }
 }
 
+// The bundled sample: its ticks block takes its count from a field of the block before it.
+TEST(LayoutCheckTest, TakesACountFromAnEarlierField) {
+  const std::string dir = std::string(BLOCKPROC_SOURCE_DIR) + "/examples/";
+  const DefinitionResult loaded = DefinitionLoader::loadFile(dir + "current_price.xml");
+  ASSERT_TRUE(loaded) << loaded.description();
+  std::string reply, why;
+  ASSERT_TRUE(readFileBytes(dir + "current_price.reply", reply, why)) << why;
+  const CheckResult fits = checkLayout(*loaded.definition, reply, CheckOptions{});
+  EXPECT_TRUE(fits.ok);
+  ASSERT_FALSE(fits.findings.empty());
+  EXPECT_EQ(fits.findings[0].block, "OutBlock1");
+  EXPECT_EQ(fits.findings[0].records, 5);
+  // Three bytes more: the count still says five records, so the reply is not whole as defined.
+  const CheckResult longer = checkLayout(*loaded.definition, reply + "xyz", CheckOptions{});
+  EXPECT_FALSE(longer.ok);
+  EXPECT_FALSE(longer.size.whole);
+  EXPECT_EQ(longer.size.leftOver, 3);
+}
+
 }  // namespace
 }  // namespace blockproc::check

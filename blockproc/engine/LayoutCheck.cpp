@@ -272,13 +272,14 @@ int64_t countFromField(Context& ctx, const std::vector<const Layout*>& layouts, 
   const std::string& ref = block.m_strRecordLenSubInfo;
   const size_t dot = ref.find('.');
   if (dot == std::string::npos) return -1;
-  const std::string_view blockName = std::string_view(ref).substr(0, dot), field = ref.substr(dot + 1);
+  const std::string_view whole = ref, blockName = whole.substr(0, dot), field = whole.substr(dot + 1);
   for (const Placed& p : walk.placed) {
     const BlockInfo& source = *ctx.blocks[static_cast<size_t>(p.block)];
     if (source.m_szBlockName != blockName || p.records < 1) continue;
     for (const Slot& s : layouts[static_cast<size_t>(p.block)]->slots) {
       const FieldInfo& f = *source.getFieldInfoFromIndex(s.field);
       if (f.szFieldName != field) continue;
+      if (p.offset + s.offset + s.length > static_cast<int64_t>(ctx.data.size())) return -1;
       ctx.scratch.clear();
       value::appendValue(ctx.scratch, f, ctx.data.substr(static_cast<size_t>(p.offset + s.offset), s.length),
                          ctx.options.encoding, value::BadByteStyle::Escaped);
@@ -564,8 +565,8 @@ struct Candidate {
   int32_t recordSize = 0;
   double fit = 0.5;    // how well the extra bytes look like padding (longer fields), else a half
   int32_t agreed = 0;  // leading fields of the block's first record read as the definition reads them
-  int64_t cutAt =
-      -1;  // bytes of a last record the change leaves cut short, or -1 when it makes the data whole
+  // Bytes of a last record the change leaves cut short, or -1 when it makes the data whole.
+  int64_t cutAt = -1;
 };
 
 bool ranksBefore(const Candidate& a, const Candidate& b) {
@@ -586,14 +587,7 @@ bool ranksBefore(const Candidate& a, const Candidate& b) {
 }
 
 std::string percent(const Tally& t) {
-  if (t.sampled == 0) return "no";
-  if (t.plausible == t.sampled) return "100%";
-  const double p = 100.0 * static_cast<double>(t.plausible) / static_cast<double>(t.sampled);
-  char text[16];
-  const int decimals = p >= 99 || (p > 0 && p < 1) ? 1 : 0;
-  const double shown = std::floor(p * (decimals ? 10 : 1)) / (decimals ? 10 : 1);
-  std::snprintf(text, sizeof text, "%.*f%%", decimals, shown);
-  return text;
+  return t.sampled == 0 ? "no" : percentText(t.share());
 }
 
 std::string quoted(std::string_view name) {
@@ -634,6 +628,15 @@ std::string premise(const Context& ctx, const Change& c) {
 }
 
 }  // namespace
+
+std::string percentText(double share) {
+  if (share >= 1.0) return "100%";
+  const double p = std::max(share, 0.0) * 100.0;
+  const double scale = p >= 99 || (p > 0 && p < 1) ? 10.0 : 1.0;  // 99.9%, 0.3%: never 100% or 0% by rounding
+  std::string text = std::to_string(std::floor(p * scale) / scale);
+  text.erase(text.find('.') + (scale > 1 ? 2 : 0));
+  return text + "%";
+}
 
 const char* kindName(FindingKind kind) noexcept {
   switch (kind) {
@@ -681,10 +684,6 @@ std::string describe(const Finding& f) {
   }
   return {};
 }
-
-}  // namespace blockproc::check
-
-namespace blockproc::check {
 
 namespace {
 

@@ -122,6 +122,10 @@ struct CheckResult {
 CheckResult checkLayout(const TransactionDefinition& definition, std::string_view data,
                         const CheckOptions& options);
 
+// A share as a person reads it: "100%" only when it is 1, "99.9%" or "0.3%" near the ends, else whole
+// percents ("28%"), never rounded up.
+std::string percentText(double share);
+
 // A short name of the kind for formats that tools read ("field-longer", "cut-short", ...).
 const char* kindName(FindingKind kind) noexcept;
 

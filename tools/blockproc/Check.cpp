@@ -5,8 +5,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cmath>
-#include <cstdio>
 
 #include "Cli.h"
 #include "blockproc/engine/LayoutCheck.h"
@@ -20,15 +18,8 @@ using check::DataKind;
 using check::Finding;
 using check::FindingKind;
 
-// "100%", "99.7%", "3%": never 100% unless every value read cleanly.
 std::string percentOf(double share) {
-  if (share >= 1.0) return "100%";
-  const double p = share * 100.0;
-  const int decimals = p >= 99 || (p > 0 && p < 1) ? 1 : 0;
-  const double scale = decimals ? 10.0 : 1.0;
-  char text[16];
-  std::snprintf(text, sizeof text, "%.*f%%", decimals, std::floor(p * scale) / scale);
-  return text;
+  return check::percentText(share);
 }
 
 std::string kindWord(DataKind kind) {
