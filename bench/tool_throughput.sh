@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The tool's speed and peak memory per output format on generated quote captures (14 fields, 120 bytes a
 # record): `decode` of a 200,000-record reply (24 MB, one count="rest" block), and `decode` and `realtime`
-# of a 8,333,334-record capture (1 GB) read as a reply and as a stream. The
+# of a 8,333,334-record capture (1 GB) read as a reply and as a stream; `encode` of the 200,000 records back
+# from decode's CSV, JSON Lines and JSON, and of the 1 GB stream from CSV (MB/s of the bytes it writes). The
 # captures are written once into /tmp and kept there. Each command runs pinned to one core; the figures are
 # the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
 # resident memory from /usr/bin/time -v.
@@ -24,8 +25,9 @@ capture() {  # DIR RECORDS
 
 median() { sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
 
-# Runs the tool `runs` times on `input` and prints one table row: format, MB/s (wall), MB/s (CPU), peak MB.
-measure() {  # LABEL INPUT ARGS...
+# Runs the tool `runs` times and prints one table row: format, MB/s (wall), MB/s (CPU), peak MB, the rates
+# of the bytes of `sized` (the input read, or for encode the bytes it writes).
+measure() {  # LABEL SIZED ARGS...
   local label=$1 input=$2
   shift 2
   local bytes walls=() cpus=() peak=0 log
@@ -65,3 +67,16 @@ for format in csv jsonl json table long; do
   measure "realtime --format $format (1 GB)" "$large/quotes.bin" realtime "$large/quotes.xml" \
     "$large/quotes.bin" --block OutBlock1 --format "$format"
 done
+
+# encode reads what decode wrote; the text is written once next to the capture.
+for format in csv jsonl json; do
+  [[ -s $small/quotes.$format ]] ||
+    "$tool" decode "$small/quotes.xml" "$small/quotes.bin" --format "$format" --quiet >"$small/quotes.$format" || true
+  measure "encode --format $format (24 MB out)" "$small/quotes.bin" encode "$small/quotes.xml" "$small/quotes.$format" \
+    --format "$format" --reply -o /dev/null
+done
+[[ -s $large/quotes.csv ]] ||
+  "$tool" realtime "$large/quotes.xml" "$large/quotes.bin" --block OutBlock1 --order arrival --format csv --quiet \
+    >"$large/quotes.csv" || true
+runs=1 measure "encode --stream --format csv (1 GB out)" "$large/quotes.bin" encode "$large/quotes.xml" \
+  "$large/quotes.csv" --format csv --stream --block OutBlock1 -o /dev/null

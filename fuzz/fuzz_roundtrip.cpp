@@ -2,8 +2,10 @@
 //
 // The front of the input draws a definition (up to three output blocks of up to six fields of any type,
 // length and decimals, in any encoding, one-record or repeated with any count rule); the rest is a reply.
-// When the reply splits and every value renders without an issue, the values as shown are built into a reply
-// again: the build must succeed, and the new reply must split and render to the very same values.
+// When the reply splits and every value renders without an issue, the values as shown (a blank number as no
+// value, as JSON shows it null) are built into a reply again: the build must succeed, the new reply must
+// split and render to the very same values, and building those again must give the very same bytes (what the
+// encoder writes comes back byte for byte).
 
 #include <algorithm>
 #include <cstdint>
@@ -33,6 +35,9 @@ std::string fieldXml(FuzzInput& in, int index) {
     const int length = 1 + static_cast<int>(in.below(24));
     const int decimals = in.flag() ? static_cast<int>(in.below(static_cast<size_t>(std::min(length, 6)))) : 0;
     xml += " length='" + std::to_string(length) + "' decimals='" + std::to_string(decimals) + "'";
+    // A number field writes its point, or leaves it out when told so.
+    static const char* const kPoints[] = {"", " point='implied'", " point='explicit'"};
+    if (type == 1 || decimals > 0) xml += in.pick(kPoints);
   } else if (type == 4 || type == 5) {
     xml += " decimals='" + std::to_string(in.below(5)) + "'";
   }
@@ -88,7 +93,11 @@ bool decodeAll(const TransactionProc& parent, std::vector<BlockValues>& values) 
         const auto r = value::appendValue(text, f, value::fieldBytes(*proc, f, i), proc->getEncodingType(),
                                           value::BadByteStyle::Escaped);
         if (r.issue != value::ValueIssue::None) return false;
-        record.fields.emplace_back(f.szFieldName, std::move(text));
+        if (text.empty() && value::valueKind(f) == value::ValueKind::Number) {
+          record.nulls.push_back(f.szFieldName);
+        } else {
+          record.fields.emplace_back(f.szFieldName, std::move(text));
+        }
         if (info.carriesAttr(f)) record.attrs.emplace_back(f.szFieldName, proc->getFieldAttrFromInfo(&f, i));
       }
       block.records.push_back(std::move(record));
@@ -103,7 +112,8 @@ bool same(const std::vector<BlockValues>& a, const std::vector<BlockValues>& b) 
   for (size_t k = 0; k < a.size(); ++k) {
     if (a[k].block != b[k].block || a[k].records.size() != b[k].records.size()) return false;
     for (size_t i = 0; i < a[k].records.size(); ++i)
-      if (a[k].records[i].fields != b[k].records[i].fields || a[k].records[i].attrs != b[k].records[i].attrs)
+      if (a[k].records[i].fields != b[k].records[i].fields ||
+          a[k].records[i].attrs != b[k].records[i].attrs || a[k].records[i].nulls != b[k].records[i].nulls)
         return false;
   }
   return true;
@@ -132,6 +142,8 @@ void run(FuzzInput& in) {
   std::vector<BlockValues> second;
   require(decodeAll(parent, second), "a reply built from decoded values renders with an issue");
   require(same(first, second), "the second decode differs from the first");
+  const auto again = parent.buildReply(second);
+  require(again.ok && again.bytes == built.bytes, "the encoder's own bytes do not come back byte for byte");
 }
 
 }  // namespace

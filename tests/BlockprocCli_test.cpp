@@ -12,6 +12,8 @@
 #include <iterator>
 #include <string>
 
+#include "../bench/QuoteLayout.h"
+
 namespace {
 
 const std::string kSource = BLOCKPROC_SOURCE_DIR;
@@ -138,23 +140,26 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
        "no output block named 'InBlock'; the reply has OutBlock, OutBlock1\n"},
       {kDecode + " --encoding klingon", "", 2,
        "unknown encoding 'klingon'; use cp949, euc-kr, utf-8, ascii or latin1\n"},
-      {encodeIn, "{\"InBlock\": ", 1, "blockproc: standard input: not valid JSON: ", true},
+      {encodeIn, "{\"InBlock\": ", 1,
+       "standard input, line 1: not valid JSON: the input ends before the value of 'InBlock'\n"},
       {encodeIn, R"({"InBlock": {"shcode": "1234567"}})", 1,
-       "standard input: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field holds 6 "
+       "standard input, line 1: block InBlock, record 0, field shcode: '1234567' takes 7 bytes; the field "
+       "holds 6 "
        "bytes\n"},
       {encodeIn, R"({"OutBlock": {}})", 1,
-       "standard input: OutBlock is an output block; give --reply to build a reply, or name input blocks\n"},
+       "standard input, line 1: OutBlock is an output block; give --reply to build a reply, or name input "
+       "blocks\n"},
       {encodeIn, R"({"InBlock": [1]})", 1,
-       "standard input: block InBlock, record 0 must be an object of field values\n"},
+       "standard input, line 1: block InBlock, record 0 must be an object of field values\n"},
       {encodeIn, R"({"InBlock": [{}, {"shcode": true}]})", 1,
-       "standard input: block InBlock, record 1, field shcode: must be a string, a number or null\n"},
+       "standard input, line 1: block InBlock, record 1, field shcode: must be a string, a number or null\n"},
       // Nothing a values file says is dropped unwritten.
       {encodeIn, R"({"InBlock": {"shcode": "005930", "shcode": "000660"}})", 1,
-       "standard input: 'shcode' is given twice in one object\n"},
+       "standard input, line 1: 'shcode' is given twice in one record\n"},
       {encodeIn, R"({"blocks": {"InBlock": {}}, "OutBlock": {}})", 1,
-       "standard input: OutBlock stands beside \"blocks\"; give every block inside it\n"},
+       "standard input, line 1: OutBlock stands beside \"blocks\"; give every block inside it\n"},
       {encodeIn, R"({"code": "Q99999", "InBlock": {}})", 1,
-       "standard input: \"code\" is \"Q99999\"; the definition is for Q10100\n"},
+       "standard input, line 1: \"code\" is \"Q99999\"; the definition is for Q10100\n"},
       {"realtime " + kDef + " examples/current_price.stream", "", 2, "--block is required", true},
       {"realtime " + kDef + " examples/current_price.stream --block Ticks", "", 2,
        "no block named 'Ticks'; the definition has InBlock, OutBlock, OutBlock1\n"},
@@ -226,6 +231,18 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
   } cases[] = {{"totvol", "\"-42\"", "\"totvol\": -42"},
                {"num", "1234567.8", "\"num\": 1234567.80"},
                {"d0", "2.5e3", "\"d0\": 2500"},
+               // A double takes every value it holds and shows the shortest text of it.
+               {"d0", "288230376151711744", "\"d0\": 288230376151711740"},
+               {"d0", "2305843009213693952", "\"d0\": 2305843009213694000"},
+               {"d0", "1092378358114.84375", "\"d0\": 1092378358114.8438"},
+               {"d0", "10300.921", "\"d0\": 10300.921"},
+               {"f2", "1.005", "\"f2\": 1.005"},
+               {"d0", "\"288230376151711745\"",
+                "field d0: '288230376151711745' is not held exactly by a double (it would read back as "
+                "288230376151711740)"},
+               // No value: a number stays blank, and decodes as null again.
+               {"whole", "null", "\"whole\": null"},
+               {"num", "\"\"", "\"num\": null"},
                {"num", "\"0.125\"", "field num: '0.125' has 3 decimal places; the field holds 2"},
                {"txt", "\"ABCD\"", "field txt: 'ABCD' takes 4 bytes; the field holds 3 bytes"},
                {"num@attr", "\"0x100\"", kNotAByte},
@@ -238,7 +255,8 @@ TEST(BlockprocCli, EncodesValuesExactlyOrRefusesThem) {
     const Outcome built = run("encode '" + def + "' - --reply", values);
     if (c.decoded.starts_with("field")) {
       EXPECT_EQ(built.code, 1) << values;
-      EXPECT_EQ(built.err, "blockproc: standard input: block Out, record 0, " + c.decoded + "\n") << values;
+      EXPECT_EQ(built.err, "blockproc: standard input, line 1: block Out, record 0, " + c.decoded + "\n")
+          << values;
       continue;
     }
     ASSERT_EQ(built.code, 0) << values << built.err;
@@ -277,6 +295,39 @@ TEST(BlockprocCli, ShowsBadBytesAndExitsWithOne) {
     EXPECT_NE(r.out.find(c.part), std::string::npos) << c.args << "\n" << r.out;
     EXPECT_TRUE(r.err.starts_with(warning)) << c.args << "\n" << r.err;
   }
+  // Bytes 0x80 to 0xA0 are no EUC-KR text, though the C library's converter would pass them.
+  std::string eucKr = reply;
+  eucKr[1] = '\x80';
+  const Outcome r = run("decode '" + def + "' - --encoding euc-kr --format long", eucKr);
+  EXPECT_EQ(r.code, 1);
+  EXPECT_NE(r.out.find("Out,0,txt,A\\x80B"), std::string::npos) << r.out;
+  EXPECT_TRUE(r.err.starts_with(
+      "blockproc: warning: block Out, record 0, field txt: byte 1 (0x80) is not euc-kr text"))
+      << r.err;
+}
+
+// A capture as a gateway writes it (computed averages and ratios, blank numbers, points left out, negatives,
+// Hangul) decodes in every format without a warning, and its decoded JSON encodes back to the same bytes.
+TEST(BlockprocCli, DecodesAComputedCaptureAndBuildsItsBytesAgain) {
+  constexpr int kRecords = 3000;
+  const std::string def = tempPath("quotes.xml"), capture = tempPath("quotes.bin");
+  writeFile(def, blockproc::quote::definitionXml(kRecords, blockproc::quote::Values::Computed));
+  blockproc::quote::Dice dice;
+  std::string bytes;
+  for (int i = 0; i < kRecords; ++i)
+    bytes += blockproc::quote::quoteRecord(dice, blockproc::quote::Values::Computed);
+  writeFile(capture, bytes);
+  const std::string decode = "decode '" + def + "' '" + capture + "'";
+  for (const char* format : {"table", "json", "jsonl", "csv", "long"}) {
+    const Outcome r = run(decode + " --format " + format);
+    EXPECT_EQ(r.code, 0) << format;
+    EXPECT_EQ(r.err, "") << format;
+  }
+  const Outcome json = run(decode + " --format json");
+  EXPECT_NE(json.out.find("\"volume\": null"), std::string::npos);
+  const Outcome back = run("encode '" + def + "' - --reply", json.out);
+  ASSERT_EQ(back.code, 0) << back.err;
+  EXPECT_TRUE(back.out == bytes);  // 360,000 bytes: not printed when they differ
 }
 
 TEST(BlockprocCli, ChecksWhatItReadsAndWrites) {
@@ -316,11 +367,163 @@ TEST(BlockprocCli, ReadsRequestsBack) {
   ASSERT_EQ(built.code, 0) << built.err;
   EXPECT_EQ(built.out, "AB  012.50");
   const Outcome decoded = run("decode '" + def + "' - --request --format jsonl", built.out);
-  EXPECT_EQ(decoded.out, "{\"block\":\"In\",\"record\":0,\"code\":\"AB\",\"qty\":12.50}\n") << decoded.err;
+  EXPECT_EQ(decoded.out, "{\"@block\":\"In\",\"@record\":0,\"code\":\"AB\",\"qty\":12.50}\n") << decoded.err;
   const Outcome dump = run("hexdump '" + def + "' - --request", built.out);
   EXPECT_EQ(dump.code, 0) << dump.err;
   EXPECT_NE(dump.out.find("00000004  30 31 32 2e 35 30"), std::string::npos) << dump.out;
   EXPECT_TRUE(dump.out.ends_with("In.qty   12.50\n")) << dump.out;
+}
+
+// ---- names, secrets and CSV rows ----------------------------------------------------------------------
+
+std::string definitionFile(const std::string& name, const std::string& xml) {
+  const std::string path = tempPath(name);
+  writeFile(path, xml);
+  return path;
+}
+
+// --output-dir writes only inside the folder it is given: a name that would lead out is refused before any
+// file is made, and a symbolic link of a block's file name is refused rather than followed.
+TEST(BlockprocCli, KeepsEveryFileInsideTheOutputDirectory) {
+  const std::string top = tempPath("od"), dir = top + "/sub";
+  std::system(("rm -rf '" + top + "' && mkdir -p '" + dir + "'").c_str());
+  const std::string escaping = definitionFile(
+      "escape.xml",
+      "<transaction code='T1'><output>\n<block name='../../escape'><field name='x' type='text' length='3'/>"
+      "</block>\n</output></transaction>\n");
+  const std::string outside = ::testing::TempDir() + "escape.csv";
+  std::remove(outside.c_str());
+  const Outcome refused = run("decode '" + escaping + "' - --format csv --output-dir '" + dir + "'", "abc");
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.err, "blockproc: " + escaping +
+                             ":2: block name '../../escape' holds '/'; a block's name becomes a file name "
+                             "(decode --output-dir), so names hold no / or \\\n  (fix the definition; "
+                             "docs/definition-format.md describes the format)\n");
+  EXPECT_EQ(readFile(outside), "");
+  EXPECT_EQ(std::system(("test -z \"$(ls -A '" + top + "/sub')\"").c_str()), 0);
+
+  const std::string def =
+      definitionFile("one.xml",
+                     "<transaction code='T1'><output><block name='B'><field name='x' type='text' length='3'/>"
+                     "</block></output></transaction>");
+  const std::string victim = tempPath("victim");
+  writeFile(victim, "keep");
+  ASSERT_EQ(::symlink(victim.c_str(), (dir + "/B.csv").c_str()), 0);
+  const Outcome linked = run("decode '" + def + "' - --format csv --output-dir '" + dir + "'", "abc");
+  EXPECT_EQ(linked.code, 1);
+  EXPECT_EQ(linked.err, "blockproc: cannot write '" + dir +
+                            "/B.csv': it is a symbolic link; blockproc writes only files of the directory "
+                            "itself\n");
+  EXPECT_EQ(readFile(victim), "keep");
+  // A file of its own is written as always.
+  const Outcome json = run("decode '" + def + "' - --format jsonl --output-dir '" + dir + "'", "abc");
+  EXPECT_EQ(json.code, 0) << json.err;
+  EXPECT_EQ(readFile(dir + "/B.jsonl"), "{\"@block\":\"B\",\"@record\":0,\"x\":\"abc\"}\n");
+}
+
+// A JSON line's own members hold '@', which no field name may: fields named block and record keep their
+// values beside them, and nothing is lost to a repeated key.
+TEST(BlockprocCli, KeepsJsonLinesKeysApartFromFields) {
+  const std::string def = definitionFile(
+      "keys.xml",
+      "<transaction code='T1'><output><block name='B' repeat='3' count='rest'>"
+      "<field name='block' type='text' length='4'/><field name='record' type='number' length='2'/>"
+      "</block></output></transaction>");
+  const Outcome r = run("decode '" + def + "' - --format jsonl", "abcd12wxyz34");
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out,
+            "{\"@block\":\"B\",\"@record\":0,\"block\":\"abcd\",\"record\":12}\n"
+            "{\"@block\":\"B\",\"@record\":1,\"block\":\"wxyz\",\"record\":34}\n");
+  for (const char* name : {"@block", "@record"}) {
+    const std::string taken = definitionFile(
+        "taken.xml", std::string("<transaction code='T1'><output><block name='B'><field name='") + name +
+                         "' type='int16'/></block></output></transaction>");
+    const Outcome refused = run("decode '" + taken + "' - --format jsonl", "ab");
+    EXPECT_EQ(refused.code, 2) << name;
+    EXPECT_NE(refused.err.find(std::string("field name '") + name + "' holds '@'"), std::string::npos)
+        << refused.err;
+  }
+}
+
+// A field flagged password shows as ******** wherever records are shown, whatever its type, unless
+// --show-secrets; the mask is never encoded back as the password.
+TEST(BlockprocCli, MasksPasswordsUnlessAskedToShowThem) {
+  const std::string def = definitionFile(
+      "secret.xml",
+      "<transaction code='T1'><output><block name='Acct' repeat='5' count='rest'>"
+      "<field name='acct' type='text' length='4'/><field name='pwd' type='text' length='6' password='true'/>"
+      "<field name='pin' type='number' length='4' password='true'/></block></output></transaction>");
+  const std::string reply =
+      "A001secret1234A002\xFF"
+      "bcdef0042";  // a bad byte in a password too
+  const std::string stream = tempPath("secret.bin");
+  writeFile(stream, reply);
+  const std::string decode = "decode '" + def + "' - ", mask = "********";
+  const struct {
+    std::string args, masked, shown;  // a part of the output without and with --show-secrets
+  } cases[] = {
+      {decode, "0  A001  " + mask + "  " + mask + "\n", "0  A001  secret   1234\n"},
+      {decode + "--raw", "0  A001  " + mask + "  " + mask + "\n", "0  A001  secret   1234\n"},
+      {decode + "--format csv", "acct,pwd,pin\nA001," + mask + "," + mask + "\n", "A001,secret,1234\n"},
+      {decode + "--format long", "Acct,0,pwd," + mask + "\nAcct,0,pin," + mask + "\n",
+       "Acct,0,pwd,secret\nAcct,0,pin,1234\n"},
+      {decode + "--format jsonl", "\"acct\":\"A001\",\"pwd\":\"" + mask + "\",\"pin\":\"" + mask + "\"}",
+       "\"acct\":\"A001\",\"pwd\":\"secret\",\"pin\":1234}"},
+      {decode + "--format json", "\"pwd\": \"" + mask + "\",\n        \"pin\": \"" + mask + "\"",
+       "\"pwd\": \"secret\",\n        \"pin\": 1234"},
+      {"hexdump '" + def + "' -", "00000004  ** ** ** ** ** **", "00000004  73 65 63 72 65 74"},
+      {"hexdump '" + def + "' -", "Acct[0].pwd   " + mask + "\n", "Acct[0].pwd   secret\n"},
+      {"realtime '" + def + "' '" + stream + "' --block Acct --format csv",
+       "A001," + mask + "," + mask + "\n", "A001,secret,1234\n"}};
+  for (const auto& c : cases) {
+    const Outcome masked = run(c.args, reply), shown = run(c.args + " --show-secrets", reply);
+    EXPECT_EQ(masked.code, 0) << c.args << "\n" << masked.err;
+    EXPECT_EQ(masked.err, "") << c.args;  // the bad byte of a masked field is not told either
+    EXPECT_NE(masked.out.find(c.masked), std::string::npos) << c.args << "\n" << masked.out;
+    EXPECT_EQ(masked.out.find("secret"), std::string::npos) << c.args;
+    EXPECT_EQ(masked.out.find("1234"), std::string::npos) << c.args;
+    EXPECT_NE(shown.out.find(c.shown), std::string::npos) << c.args << "\n" << shown.out;
+  }
+  const std::string clean = reply.substr(0, 14);
+  const Outcome json = run(decode + "--format json", clean);
+  const Outcome back = run("encode '" + def + "' - --reply", json.out);
+  EXPECT_EQ(back.code, 1);
+  EXPECT_EQ(
+      back.err,
+      "blockproc: standard input, line 5: block Acct, record 0, field pwd: is the mask decode shows for a "
+      "password, not the password; decode with --show-secrets to keep it\n");
+  const Outcome secrets = run(decode + "--format json --show-secrets", clean);
+  const Outcome same = run("encode '" + def + "' - --reply", secrets.out);
+  EXPECT_EQ(same.code, 0) << same.err;
+  EXPECT_EQ(same.out, clean);
+}
+
+// Every record is a line of its own in CSV: an empty value alone on its row is written "", and a value that
+// holds a comma, a quote or a line break, or starts or ends with a space, is quoted.
+TEST(BlockprocCli, WritesEveryCsvRecordAsALine) {
+  const std::string def =
+      definitionFile("column.xml",
+                     "<transaction code='T1'><output><block name='B' repeat='9' count='rest'>"
+                     "<field name='v' type='text' length='3'/></block></output></transaction>");
+  const std::string reply = std::string("   a,bq\"x ab") + "x\ny" + "\t z" + "abc";
+  const Outcome r = run("decode '" + def + "' - --format csv", reply);
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out, "v\n\"\"\n\"a,b\"\n\"q\"\"x\"\n\" ab\"\n\"x\ny\"\n\"\t z\"\nabc\n");
+  // Two columns: the empty value needs no quotes, the row is not blank.
+  const std::string two = definitionFile(
+      "two.xml",
+      "<transaction code='T1'><output><block name='B' repeat='9' count='rest'>"
+      "<field name='v' type='text' length='3'/><field name='n' type='number' length='3'/></block></output>"
+      "</transaction>");
+  EXPECT_EQ(run("decode '" + two + "' - --format csv", "      ").out, "v,n\n,\n");
+  // Realtime writes the same rows; a long stream's rows are never blank lines either.
+  const std::string blanks = tempPath("blanks.bin");
+  writeFile(blanks, std::string(3 * 400000, ' '));
+  const Outcome many = run("realtime '" + def + "' '" + blanks + "' --block B --format csv");
+  EXPECT_EQ(many.code, 0) << many.err;
+  std::string expected = "v\n";
+  for (int i = 0; i < 400000; ++i) expected += "\"\"\n";
+  EXPECT_EQ(many.out, expected);
 }
 
 }  // namespace

@@ -85,6 +85,21 @@ TEST(DefinitionLoader, PlacesFieldsWithoutPositionsBehindThePreviousOne) {
   EXPECT_EQ(block.getRecordFieldSize(), 15);  // 3 + 2 + 2 + 8 bytes of data
 }
 
+// Whether a number field's point is written: point="implied" leaves it out, "explicit" (the default) writes
+// it.
+TEST(DefinitionLoader, ReadsWhetherANumberWritesItsPoint) {
+  const DefinitionResult result =
+      load(blockA(R"(<field name='a' type='number' length='12' decimals='2' point='implied'/>
+<field name='b' type='number' length='9' decimals='2' point='explicit'/>
+<field name='c' type='number' length='9' decimals='2'/>
+<field name='d' type='text' length='6' decimals='1' point='implied'/>)"));
+  ASSERT_TRUE(result) << result.description();
+  const BlockInfo& block = *result.definition->tran.findBlock("A");
+  const std::pair<const char*, bool> cases[] = {{"a", true}, {"b", false}, {"c", false}, {"d", true}};
+  for (const auto& [name, implied] : cases)
+    EXPECT_EQ(block.getFieldInfoFromName(name)->bImpliedPoint, implied);
+}
+
 TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
   const struct {
     std::string xml;
@@ -112,9 +127,6 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
       {blockA("<field name='x' type='int16'/>\n<field name='x' type='int16'/>"),
        "5: block A already has a field named 'x'"},
       {fieldA("type='text' length='3'"), "4: <field> needs the attribute 'name'"},
-      {fieldA("name='a@attr' type='int16'"),
-       "4: field name 'a@attr' ends in '@attr', which decoded records keep for a field's attribute byte; "
-       "rename the field"},
       {fieldA("name='x' type='text'"), "4: field 'x' needs the attribute 'length'"},
       {fieldA("name='x' type='text' length='1O'"), "4: 'length' must be a whole number, not '1O'"},
       {fieldA("name='x' type='text' length='0'"), "4: 'length' must lie between 1 and 1000000, not 0"},
@@ -134,7 +146,14 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
        "3: block A takes the rest of the data, so it must be the last output block"},
       {fieldA("name='x' type='text' lenght='3'"),
        "4: unknown attribute 'lenght' on <field> (known: name, kor, eng, type, length, decimals, pos, attr, "
-       "keyenc, account, itemcode, password, attrref)"},
+       "keyenc, account, itemcode, password, attrref, point)"},
+      {fieldA("name='p' type='number' length='8' decimals='2' point='none'"),
+       "4: field 'p': 'point' must be implied or explicit, not 'none'"},
+      {fieldA("name='p' type='double' decimals='2' point='implied'"),
+       "4: field 'p': 'point' applies to number fields (type number, or text with decimals), not to double"},
+      {fieldA("name='p' type='text' length='8' point='explicit'"),
+       "4: field 'p': 'point' applies to number fields (type number, or text with decimals), not to text "
+       "without decimals"},
       {fieldA("name='x' type='int16' attr='maybe'"), "4: 'attr' must be true or false, not 'maybe'"},
       {fieldA("name='x' type='int16' attrref='sign'"),
        "4: field 'x' takes its attribute from 'sign', which is not a field of block A"},
@@ -171,6 +190,64 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
     EXPECT_EQ(result.definition, nullptr) << c.description;
     EXPECT_EQ(result.description(), "def.xml:" + c.description);
   }
+}
+
+// Names reach terminals and become file names: a name that could move the cursor, clear the screen or lead a
+// file out of its folder is refused with its line, and shown escaped in the message.
+TEST(DefinitionLoader, RefusesNamesThatCouldEscapeOrReachATerminalRaw) {
+  const std::string kControl = "holds a control character (";
+  const std::string kNoControl = "); names are shown on terminals, so they hold none";
+  const std::string kSeparator =
+      "'; a block's name becomes a file name (decode --output-dir), so names hold no / or \\";
+  const std::string kAt =
+      "' holds '@', which decoded records keep for the members they add beside the fields (<field>@attr, "
+      "<field>@hex, @block, @record); rename the field";
+  const struct {
+    std::string xml;
+    std::string description;  // after "def.xml:"
+  } cases[] = {
+      {outputs("<block name='../../escape'><field name='x' type='int16'/></block>\n"),
+       "3: block name '../../escape' holds '/" + kSeparator},
+      {outputs("<block name='a\\b'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'a\\b' holds '\\" + kSeparator},
+      {outputs("<block name='..'><field name='x' type='int16'/></block>\n"),
+       "3: block name '..' is .., which stands for a folder; a block's name becomes a file name"},
+      {outputs("<block name='.'><field name='x' type='int16'/></block>\n"),
+       "3: block name '.' is ., which stands for a folder; a block's name becomes a file name"},
+      {outputs("<block name='x&#27;[2J'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'x\\x1B[2J' " + kControl + "\\x1B" + kNoControl},
+      {outputs("<block name='a&#10;b'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'a\\x0Ab' " + kControl + "\\x0A" + kNoControl},
+      // The escape byte itself in the file, DEL, and the C1 control U+009B (a terminal's one-byte escape).
+      {fieldA("name='x\x1B]0;owned\x07' type='int16'"),
+       "4: field name 'x\\x1B]0;owned\\x07' " + kControl + "\\x1B" + kNoControl},
+      {fieldA("name='x&#127;' type='int16'"), "4: field name 'x\\x7F' " + kControl + "\\x7F" + kNoControl},
+      {fieldA("name='x&#x9B;2J' type='int16'"),
+       "4: field name 'x\\xC2\\x9B2J' " + kControl + "\\xC2\\x9B" + kNoControl},
+      {fieldA("name='a/b' type='int16'"), "4: field name 'a/b' holds '/" + kSeparator},
+      {fieldA("name='..' type='int16'"),
+       "4: field name '..' is .., which stands for a folder; a block's name becomes a file name"},
+      // '@' marks the members decoded records add: no field may take the place of one.
+      {fieldA("name='@block' type='int16'"), "4: field name '@block" + kAt},
+      {fieldA("name='@record' type='int16'"), "4: field name '@record" + kAt},
+      {fieldA("name='a@attr' type='int16'"), "4: field name 'a@attr" + kAt},
+      {fieldA("name='a@hex' type='int16'"), "4: field name 'a@hex" + kAt},
+      {"<transaction code='T&#27;[2J'>\n<output>\n" + kBlockA + "</output>\n</transaction>\n",
+       "1: the transaction code 'T\\x1B[2J' holds a control character (\\x1B); a code is shown on "
+       "terminals, so it holds none"}};
+  for (const auto& c : cases) {
+    const DefinitionResult result = load(c.xml);
+    EXPECT_EQ(result.definition, nullptr) << c.description;
+    EXPECT_EQ(result.description(), "def.xml:" + c.description) << c.xml;
+    EXPECT_EQ(result.description().find('\x1B'), std::string::npos);
+  }
+  // What stays a name: dots inside, spaces, Hangul, U+00A0 (past the C1 controls), names like the tool's
+  // own members without their '@'.
+  const DefinitionResult ok =
+      load(outputs("<block name='a.b'><field name='block' type='int16'/><field name='record' type='int16'/>"
+                   "<field name='...' type='int16'/><field name='&#xA0;x y' type='int16'/>"
+                   "<field name='\xED\x98\xB8\xEA\xB0\x80' type='int16'/></block>\n"));
+  EXPECT_TRUE(ok) << ok.description();
 }
 
 // 1,000,000 records of 100 bytes pass 64 MiB: refused for a block held whole, not for a rest block (read a

@@ -20,6 +20,11 @@ FieldInfo fieldOf(int32_t type, int32_t length, int32_t decimals = 0) {
   return FieldInfo("f", type, widths[type] > 0 ? widths[type] : length, decimals);
 }
 
+FieldInfo impliedPoint(FieldInfo field) {
+  field.bImpliedPoint = true;
+  return field;
+}
+
 FieldInfo keyEncrypted(FieldInfo field) {
   field.bKeyEnc = true;
   return field;
@@ -70,7 +75,13 @@ TEST(FieldValue, RendersWireBytesCanonicallyAndSaysWhatIsOdd) {
       {fieldOf(kFieldFloat, 4), bytesOf<float>(3e38F), "300000000000000000000000000000000000000"},
       {fieldOf(kFieldDouble, 8, 2), bytesOf<double>(12.35), "12.35"},
       {fieldOf(kFieldDouble, 8, 2), bytesOf<double>(-0.0), "0.00"},
-      {fieldOf(kFieldDouble, 8), bytesOf<double>(0.1), "0.1", ValueIssue::MorePlaces},
+      // A float's or a double's places pad what is shown, never cap it: computed values come in full.
+      {fieldOf(kFieldDouble, 8), bytesOf<double>(0.1), "0.1"},
+      {fieldOf(kFieldDouble, 8, 2), bytesOf<double>(10300.921), "10300.921"},
+      {fieldOf(kFieldDouble, 8, 2), bytesOf<double>(-41207.0 / 3), "-13735.666666666666"},
+      {fieldOf(kFieldDouble, 8, 2), bytesOf<double>(0x1p58), "288230376151711740.00"},
+      {fieldOf(kFieldDouble, 8, 2), bytesOf<double>(1092378358114.84375), "1092378358114.8438"},
+      {fieldOf(kFieldFloat, 4, 2), bytesOf<float>(1.5F), "0.015"},
       {fieldOf(kFieldFloat, 4), bytesOf<float>(INFINITY), "inf", ValueIssue::NotFinite},
   };
   for (const auto& c : cases) {
@@ -108,12 +119,30 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 6, 2), "1234.5", "123450", "1234.50"},  // the implied point's extra digit
       {fieldOf(kFieldNumText, 10, 2), "900400000.00", "900400000.", "900400000.00"},  // decimals not written
       {fieldOf(kFieldNumText, 10, 3), "-1234567.5", "-1234567.5", "-1234567.500"},
+      // A field whose point is implied is written without it: sign, zero fill, digits.
+      {impliedPoint(fieldOf(kFieldNumText, 12, 2)), "71250.5", "000007125050", "71250.50"},
+      {impliedPoint(fieldOf(kFieldNumText, 12, 2)), "-0.07", "-00000000007", "-0.07"},
+      {impliedPoint(fieldOf(kFieldNumText, 5, 2)), "999.99", "99999", "999.99"},
+      {impliedPoint(fieldOf(kFieldText, 6, 1)), "12.5", "000125", "12.5"},
+      {impliedPoint(fieldOf(kFieldNumText, 5)), "-12", "-12", "-12"},  // no places: nothing to leave out
       {fieldOf(kFieldSInt64, 8), "-42", "-42", "-42"},
       {fieldOf(kFieldInt16, 2), "-32768", "-32768", "-32768"},
       {fieldOf(kFieldInt16, 2), "7.00", "7", "7"},
       {fieldOf(kFieldFloat, 4, 2), "123.45", "12345", "123.45"},
       {fieldOf(kFieldFloat, 4, 1), "0.1", "1", "0.1"},
       {fieldOf(kFieldDouble, 8, 2), "0.1", "0.1", "0.10"},
+      // A float or a double takes what it holds exactly, or the shortest text of what it holds, with any
+      // number of places; it reads back as that binary value's shortest text.
+      {fieldOf(kFieldDouble, 8, 2), "288230376151711744", "288230376151711744", "288230376151711740.00"},
+      {fieldOf(kFieldDouble, 8, 2), "288230376151711740", "288230376151711744", "288230376151711740.00"},
+      {fieldOf(kFieldDouble, 8, 2), "2305843009213693952", "2305843009213693952", "2305843009213694000.00"},
+      {fieldOf(kFieldDouble, 8, 2), "1092378358114.84375", "1092378358114.8438", "1092378358114.8438"},
+      {fieldOf(kFieldDouble, 8, 2), "10300.9210", "10300.921", "10300.921"},
+      {fieldOf(kFieldDouble, 8), "5e-324", "5e-324", "0." + std::string(323, '0') + "5"},
+      {fieldOf(kFieldDouble, 8, 2), "-0", "0", "0.00"},
+      {fieldOf(kFieldFloat, 4), "3.5", "3.5", "3.5"},
+      {fieldOf(kFieldFloat, 4, 2), "1.005", "100.5", "1.005"},
+      {fieldOf(kFieldFloat, 4, 2), "10300.92", "1030092", "10300.92"},
       {fieldOf(kFieldText, 6), "  \xED\x95\x9C", "  \xED\x95\x9C", "  \xED\x95\x9C"},
       // Refusals: places, digits, range, infinity, not a number, text that does not fit or would change.
       {fieldOf(kFieldNumText, 10, 2), "0.125", "", "'0.125' has 3 decimal places; the field holds 2"},
@@ -123,7 +152,16 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {fieldOf(kFieldNumText, 10, 2), "-123456789", "",
        "'-123456789' has 9 digits before the point; the field has room for 8 beside the sign"},
       {fieldOf(kFieldNumText, 5), "1,5", "", "'1,5' is not a number"},
-      {fieldOf(kFieldFloat, 4), "3.5", "", "'3.5' has 1 decimal place; the field holds whole numbers"},
+      {impliedPoint(fieldOf(kFieldNumText, 6, 2)), "-1234.5", "",
+       "'-1234.5' has 4 digits before the point; the field has room for 3 beside the sign"},
+      {fieldOf(kFieldDouble, 8, 2), "288230376151711745", "",
+       "'288230376151711745' is not held exactly by a double (it would read back as 288230376151711740.00)"},
+      {fieldOf(kFieldDouble, 8, 2), "0.1000000000000000001", "",
+       "'0.1000000000000000001' is not held exactly by a double (it would read back as 0.10)"},
+      {fieldOf(kFieldFloat, 4), "0.30000001", "",
+       "'0.30000001' is not held exactly by a float (it would read back as 0.3)"},
+      {fieldOf(kFieldFloat, 4, 2), "0.0030000001", "",
+       "'0.0030000001' is not held exactly by a float (it would read back as 0.003)"},
       {fieldOf(kFieldFloat, 4), "1e39", "", "'1e39' lies outside the range of a float"},
       {fieldOf(kFieldDouble, 8), "1e400", "", "'1e400' lies outside the range of a double"},
       {fieldOf(kFieldFloat, 4), "16777217", "",

@@ -4,6 +4,7 @@
 #include <iconv.h>
 
 #include "blockproc/codec/Utf8.h"
+#include "blockproc/util/Internal.h"
 
 namespace blockproc {
 namespace {
@@ -37,6 +38,12 @@ TEST(TextCodec, DecodingFailsOnCutOrInvalidSequences) {
       {kTextEncodingUTF8, "\xEA\xB0"},          // cut
       {kTextEncodingUTF8, "\x80"},              // stray continuation byte
       {kTextEncodingASCII, "caf\xE9"},
+      // EUC-KR is ASCII and pairs of 0xA1 to 0xFE; the C library would pass 0x80 to 0x9F as U+0080 to U+009F.
+      {kTextEncodingEUCKR, "A\x80"},
+      {kTextEncodingEUCKR, "\x9F"},
+      {kTextEncodingEUCKR, "\xA0\xA1"},
+      {kTextEncodingEUCKR, "\xB0\xA1\xFF"},
+      {kTextEncodingEUCKR, "\xB0\x80"},
       {0x12345u, "plain ASCII"},  // unknown identifier: even ASCII fails
   };
   for (const auto& c : cases) {
@@ -52,6 +59,8 @@ TEST(TextCodec, EncodingFailsOnUnrepresentableOrInvalidText) {
   EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xF0\x9F\x98\x80"), std::nullopt);  // emoji
   EXPECT_EQ(codec::encode(kTextEncodingCP949, "\xED\x95"), std::nullopt);          // not UTF-8
   EXPECT_EQ(codec::encode(kTextEncodingASCII, kHangulUtf8), std::nullopt);
+  EXPECT_EQ(codec::encode(kTextEncodingEUCKR, "A\xC2\x80"), std::nullopt);  // U+0080: no EUC-KR character
+  EXPECT_EQ(codec::encode(kTextEncodingEUCKR, "\xC2\x9F"), std::nullopt);
   EXPECT_EQ(codec::encode(kTextEncodingISOLatin1, "caf\xC3\xA9"), std::string("caf\xE9"));
   EXPECT_EQ(codec::encode(kTextEncodingISOLatin1, kHangulUtf8), std::nullopt);
   EXPECT_EQ(codec::encode(0x12345u, "ABC"), std::nullopt);
@@ -80,6 +89,32 @@ TEST(Utf8, LengthsTrimsAndWidths) {
   std::string latin;
   codec::appendLatin1(latin, "A\xE9");
   EXPECT_EQ(latin, "A\xC3\xA9");
+}
+
+// Every control character a terminal acts on (C0, DEL, C1) is shown as \xNN, byte by byte; the characters
+// around them, U+00A0 and Hangul included, are kept.
+TEST(Utf8, ShowsControlCharactersPrintable) {
+  const struct {
+    std::string_view text;
+    size_t first;  // where findControl finds the first control character
+    std::string shown;
+  } cases[] = {{"plain \xEA\xB0\x80", std::string_view::npos, "plain \xEA\xB0\x80"},
+               {"\xC2\xA0\xC2\xB7", std::string_view::npos, "\xC2\xA0\xC2\xB7"},  // U+00A0, U+00B7
+               {"\x1B[2J", 0, "\\x1B[2J"},
+               {std::string_view("a\0b", 3), 1, "a\\x00b"},
+               {"a\nb\tc\rd", 1, "a\\x0Ab\\x09c\\x0Dd"},
+               {"~\x7F", 1, "~\\x7F"},
+               {"x\xC2\x9B"
+                "2J",
+                1, "x\\xC2\\x9B2J"},  // U+009B, the one-character escape
+               {"\xC2\x80\xC2\x9F", 0, "\\xC2\\x80\\xC2\\x9F"},
+               {"\xC2\xA0\xC2\x7F", 3, "\xC2\xA0\xC2\\x7F"}};  // U+00A0 is none, nor C2 before DEL
+  for (const auto& c : cases) {
+    EXPECT_EQ(utf8::findControl(c.text), c.first) << c.shown;
+    EXPECT_EQ(utf8::hasControl(c.text), c.first != std::string_view::npos) << c.shown;
+    EXPECT_EQ(internal::printable(c.text), c.shown);
+  }
+  EXPECT_EQ(internal::printable("two\nlines\x1B", true), "two\nlines\\x1B");
 }
 
 TEST(TextCodec, CodePage949AgreesWithTheCLibraryOnEveryBytePair) {

@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include "blockproc/engine/FieldValue.h"
+
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <string>
 
@@ -237,6 +240,70 @@ TEST(TransactionProc, LaysOutTheRecordsGivenNotTheRepeat) {
   const std::string over = "HEAD" + std::string(size_t{500001} * 120, 'z');
   EXPECT_EQ(t.proc->receiveReply(over.data(), static_cast<int64_t>(over.size())).message,
             "block Rows holds at most 500,000 records (its repeat); the reply has 500,001 records");
+}
+
+// Number fields written with or without their point, blank, and computed doubles: a reply read and built
+// again from its canonical values (a blank number given as no value) is the same bytes, or, for a form the
+// writer does not use, the same values in the writer's form.
+TEST(TransactionProc, RebuildsRepliesWrittenWithOrWithoutPoints) {
+  Loaded t = load(R"(<transaction code='T'><output><block name='R' repeat='9' count='rest'>
+<field name='imp' type='number' length='12' decimals='2' point='implied'/>
+<field name='exp' type='number' length='9' decimals='2'/>
+<field name='txt' type='text' length='6' decimals='1' point='implied'/>
+<field name='d' type='double' decimals='2'/></block></output></transaction>)");
+  ASSERT_TRUE(t.proc);
+  const auto dbl = [](double v) {
+    std::string bytes(8, '\0');
+    std::memcpy(bytes.data(), &v, 8);
+    return bytes;
+  };
+  const std::string blank12(12, ' '), blank9(9, ' '), blank6(6, ' ');
+  const struct {
+    std::string record;               // imp, exp, txt, d
+    std::vector<std::string> values;  // canonical; "" for a blank number
+    std::string rebuilt;              // "" when the record itself comes back
+  } cases[] = {
+      {"000007125050000123.45000125" + dbl(10300.921), {"71250.50", "123.45", "12.5", "10300.921"}, ""},
+      {"-00007125050-00123.45-00125" + dbl(0x1p58),
+       {"-71250.50", "-123.45", "-12.5", "288230376151711740.00"},
+       ""},
+      {blank12 + blank9 + blank6 + dbl(1092378358114.84375), {"", "", "", "1092378358114.8438"}, ""},
+      {"000000000000000000.00000000" + dbl(-41207.0 / 3), {"0.00", "0.00", "0.0", "-13735.666666666666"}, ""},
+      // Forms the writer does not use come back as the same values in its own.
+      {"+00007125050   123.45   125" + dbl(-0.0),
+       {"71250.50", "123.45", "12.5", "0.00"},
+       "000007125050000123.45000125" + dbl(0.0)},
+      {"000071250.50000012345 012.5" + dbl(2.5),
+       {"71250.50", "123.45", "12.5", "2.50"},
+       "000007125050000123.45000125" + dbl(2.5)},
+  };
+  for (const auto& c : cases) {
+    const auto received = t.proc->receiveReply(c.record.data(), static_cast<int64_t>(c.record.size()));
+    ASSERT_TRUE(received.ok) << received.message;
+    const KXBlockDataProc& rows = *t.proc->findBlockProc("R");
+    RecordValues values;
+    for (int32_t j = 0; j < 4; ++j) {
+      const FieldInfo& f = *rows.getBlockInfo()->getFieldInfoFromIndex(j);
+      std::string text;
+      value::appendValue(text, f, value::fieldBytes(rows, f, 0), kTextEncodingCP949,
+                         value::BadByteStyle::Escaped);
+      EXPECT_EQ(text, c.values[static_cast<size_t>(j)]) << f.szFieldName;
+      if (text.empty()) {
+        values.nulls.push_back(f.szFieldName);
+      } else {
+        values.fields.emplace_back(f.szFieldName, text);
+      }
+    }
+    const auto rebuilt = t.proc->buildReply({{"R", {values}}});
+    ASSERT_TRUE(rebuilt.ok) << rebuilt.message;
+    EXPECT_EQ(rebuilt.bytes, c.rebuilt.empty() ? c.record : c.rebuilt) << c.values[0];
+  }
+  // The point left out takes one byte less: a value that needs it is refused with the room there is.
+  const auto tooWide = t.proc->buildReply({{"R", {{{{"imp", "12345678901.5"}}, {}}}}});
+  EXPECT_EQ(
+      tooWide.message,
+      "block R, record 0, field imp: '12345678901.5' has 11 digits before the point; the field has room "
+      "for 10");
 }
 
 TEST(TransactionProc, WritesThousandsSeparators) {

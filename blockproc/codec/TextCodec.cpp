@@ -195,6 +195,16 @@ class Cp949Table {
   }
 };
 
+// EUC-KR text is ASCII and pairs of bytes 0xA1 to 0xFE. The C library's converter also passes 0x80 to 0x9F
+// through as single characters (U+0080 to U+009F), which are no EUC-KR characters: such bytes are refused.
+bool onlyEucKrBytes(std::string_view bytes) noexcept {
+  for (const char ch : bytes) {
+    const auto c = static_cast<uint8_t>(ch);
+    if (c >= 0x80 && (c < 0xA1 || c == 0xFF)) return false;
+  }
+  return true;
+}
+
 bool appendBytes(std::string& out, std::string_view bytes) noexcept {
   try {
     out.append(bytes);
@@ -231,6 +241,7 @@ bool decodeAppend(uint32_t encoding, std::string_view bytes, std::string& out) n
         const Cp949Table::Result result = Cp949Table::decodeAppend(bytes, out);
         if (result != Cp949Table::Result::AskConverter) return result == Cp949Table::Result::Decoded;
       }
+      if (encoding == kTextEncodingEUCKR && !onlyEucKrBytes(bytes)) return false;
       Converter* c = converter(encoding, true);
       // A double-byte character becomes at most three UTF-8 bytes, a single byte at most three as well.
       return c != nullptr && c->convertAppend(bytes, out, bytes.size() * 3 / 2 + 4);
@@ -266,8 +277,12 @@ bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) no
       return encodeLatin1Append(text, out);
     case Kind::Iconv: {
       Converter* c = converter(encoding, false);
+      const size_t from = out.size();
       // Every UTF-8 sequence of two or more bytes becomes at most two bytes.
-      return c != nullptr && c->convertAppend(text, out, text.size() + 4);
+      if (c == nullptr || !c->convertAppend(text, out, text.size() + 4)) return false;
+      if (encoding != kTextEncodingEUCKR || onlyEucKrBytes(std::string_view(out).substr(from))) return true;
+      out.resize(from);
+      return false;
     }
     case Kind::Unknown:
       break;

@@ -46,6 +46,40 @@ inline bool endsWithIdeographicSpace(std::string_view text) noexcept {
 // The text less every leading and trailing character of Unicode category Zs and TAB (U+0009).
 std::string_view trimSpaceSeparators(std::string_view text) noexcept;
 
+// Bytes of the control character that starts at text[at]: 1 for a C0 control (below 0x20) or DEL, 2 for a C1
+// control (U+0080 to U+009F, C2 80 to C2 9F), 0 for any other character or past the end.
+constexpr size_t controlLength(std::string_view text, size_t at) noexcept {
+  if (at >= text.size()) return 0;
+  const auto byte = static_cast<uint8_t>(text[at]);
+  if (byte < 0x20 || byte == 0x7F) return 1;
+  if (byte != 0xC2 || at + 1 >= text.size()) return 0;
+  const auto next = static_cast<uint8_t>(text[at + 1]);
+  return next >= 0x80 && next <= 0x9F ? 2 : 0;
+}
+
+// Where the first control character (C0, DEL or C1) of the text starts, or std::string_view::npos.
+constexpr size_t findControl(std::string_view text) noexcept {
+  for (size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<uint8_t>(text[at]);
+    // One test for most bytes: a control starts below 0x20, at DEL or at C2.
+    if (byte >= 0x20 && byte != 0x7F && byte != 0xC2) continue;
+    if (controlLength(text, at) > 0) return at;
+  }
+  return std::string_view::npos;
+}
+
+// Whether the text holds a control character (C0, DEL or C1).
+constexpr bool hasControl(std::string_view text) noexcept {
+  // A pass over every byte without a branch, which the compiler can vectorize: a C2 (also the lead of U+00A0
+  // to U+00BF) is looked at closely only when there is one.
+  bool maybe = false;
+  for (const char c : text) {
+    const auto byte = static_cast<uint8_t>(c);
+    maybe |= (byte < 0x20) | (byte == 0x7F) | (byte == 0xC2);
+  }
+  return maybe && findControl(text) != std::string_view::npos;
+}
+
 // Columns the text takes on a terminal: East Asian wide and fullwidth characters take two, others one.
 size_t displayWidth(std::string_view text) noexcept;
 

@@ -46,6 +46,10 @@ class FieldInfo {
   bool bItemCode = false;    // the field holds an item code
   bool bPassword = false;    // the field holds a password
   std::string szAttrRefKey;  // non-empty: the attribute comes from the source field under this key
+  // A number written without its point: sign, zero fill and the digits, the last nDecimalLen of them the
+  // fraction ("000007125050" is 71250.50 in 12 bytes with 2 places). Reading takes either form; the
+  // engine's writer writes this one.
+  bool bImpliedPoint = false;
 
   FieldInfo() = default;
   // A field of the given name, data type, length and decimal places at position 0.

@@ -110,8 +110,9 @@ std::string valueOf(const pugi::xml_attribute& attribute) {
   return unescaped(attribute.value());
 }
 
+// Text from the file quoted for a message, its control characters shown as \xNN.
 std::string quoted(std::string_view text) {
-  return "'" + std::string(text) + "'";
+  return "'" + internal::printable(text) + "'";
 }
 
 // Lines of the document, for messages.
@@ -241,7 +242,12 @@ class Loader {
   void readTransaction(const pugi::xml_node& root) {
     allowOnly(root, {"code", "title", "datamode", "occurslen", "encoding"});
     TranInfo& tran = m_def->tran;
-    tran.setTrCode(required(root, "code"));
+    const std::string code = required(root, "code");
+    if (const size_t at = utf8::findControl(code); at != std::string::npos)
+      fail(root, "the transaction code " + quoted(code) + " holds a control character (" +
+                     internal::printable(code.substr(at, utf8::controlLength(code, at))) +
+                     "); a code is shown on terminals, so it holds none");
+    tran.setTrCode(code);
     m_def->title = valueOf(root.attribute("title"));
     tran.m_strDataMode = valueOf(root.attribute("datamode"));
     tran.m_nOccursLen = static_cast<int32_t>(number(root, "occurslen", 0, kMaxOccursLen, 0));
@@ -275,6 +281,7 @@ class Loader {
   void readBlock(const pugi::xml_node& node, bool input) {
     allowOnly(node, {"name", "repeat", "count", "attr"});
     std::string name = required(node, "name");
+    checkName(node, "block", name);
     if (m_def->tran.findBlock(name) != nullptr) fail(node, "duplicate block name " + quoted(name));
     auto owned = std::make_unique<BlockInfo>(std::move(name));
     BlockInfo& block = *owned;
@@ -329,7 +336,7 @@ class Loader {
 
   FieldInfo& readField(const pugi::xml_node& node, BlockInfo& block) {
     allowOnly(node, {"name", "kor", "eng", "type", "length", "decimals", "pos", "attr", "keyenc", "account",
-                     "itemcode", "password", "attrref"});
+                     "itemcode", "password", "attrref", "point"});
     std::string name = required(node, "name");
     checkFieldName(node, name);
     if (block.getFieldInfoFromName(name) != nullptr)
@@ -362,18 +369,44 @@ class Loader {
     field.bItemCode = flag(node, "itemcode");
     field.bPassword = flag(node, "password");
     field.szAttrRefKey = valueOf(node.attribute("attrref"));
+    field.bImpliedPoint = impliedPoint(node, field);
     return field;
   }
 
-  // Decoded records name a field's attribute byte "<field>@attr" and its undecodable bytes "<field>@hex"
-  // beside the field's own value; a field named so would take the place of another field's column.
+  // Whether a number field's point is left out when it is written: point="implied" (sign, zero fill and the
+  // digits, the last `decimals` of them the fraction) or "explicit" (the point written, the default).
+  bool impliedPoint(const pugi::xml_node& node, const FieldInfo& field) const {
+    const pugi::xml_attribute a = node.attribute("point");
+    if (!a) return false;
+    const std::string v = valueOf(a);
+    if (v != "implied" && v != "explicit")
+      fail(node,
+           "field " + quoted(field.szFieldName) + ": 'point' must be implied or explicit, not " + quoted(v));
+    const bool number =
+        field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
+    if (!number)
+      fail(node, "field " + quoted(field.szFieldName) +
+                     ": 'point' applies to number fields (type number, or " + "text with decimals), not to " +
+                     dataTypeName(field.nDataType) +
+                     (field.nDataType == kFieldText ? " without decimals" : ""));
+    return v == "implied";
+  }
+
+  // The rules every name keeps (nameProblem), with the line of the element.
+  void checkName(const pugi::xml_node& node, std::string_view kind, std::string_view name) const {
+    const std::string problem = nameProblem(name);
+    if (!problem.empty()) fail(node, std::string(kind) + " name " + quoted(name) + " " + problem);
+  }
+
+  // Decoded records add members of their own beside the fields, each holding '@': a field's attribute byte
+  // "<field>@attr", its undecodable bytes "<field>@hex", and a JSON line's "@block" and "@record". A field
+  // name holding '@' could take the place of one of them.
   void checkFieldName(const pugi::xml_node& node, std::string_view name) const {
-    for (const std::string_view suffix : {"@attr", "@hex"})
-      if (name.ends_with(suffix))
-        fail(node, "field name " + quoted(name) + " ends in " + quoted(suffix) +
-                       ", which decoded records keep for a field's " +
-                       (suffix == "@attr" ? "attribute byte" : "bytes in hexadecimal") +
-                       "; rename the field");
+    checkName(node, "field", name);
+    if (name.find('@') != std::string_view::npos)
+      fail(node, "field name " + quoted(name) +
+                     " holds '@', which decoded records keep for the members they add beside the fields "
+                     "(<field>@attr, <field>@hex, @block, @record); rename the field");
   }
 
   int32_t readDecimals(const pugi::xml_node& node, const std::string& name, const TypeName& type,
@@ -653,6 +686,20 @@ DefinitionResult DefinitionLoader::loadString(std::string_view xml, std::string_
   } catch (...) {
     return failure(DefinitionStatus::BadDefinition, name, 0, "out of memory while loading");
   }
+}
+
+std::string nameProblem(std::string_view name) {
+  if (const size_t at = utf8::findControl(name); at != std::string_view::npos)
+    return "holds a control character (" +
+           internal::printable(name.substr(at, utf8::controlLength(name, at))) +
+           "); names are shown on terminals, so they hold none";
+  if (const size_t at = name.find_first_of("/\\"); at != std::string_view::npos)
+    return "holds '" + std::string(1, name[at]) +
+           "'; a block's name becomes a file name (decode --output-dir), so names hold no / or \\";
+  if (name == "." || name == "..")
+    return "is " + std::string(name) + ", which stands for a folder; a block's name becomes a file name";
+  if (name.empty()) return "is empty";
+  return {};
 }
 
 int32_t dataTypeFromName(std::string_view name) noexcept {

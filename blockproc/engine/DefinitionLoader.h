@@ -80,6 +80,11 @@ class DefinitionLoader {
 // open: No such file or directory"), when it cannot.
 bool readFileBytes(const std::string& path, std::string& out, std::string& error) noexcept;
 
+// Why the text cannot be the name of a block or a field ("holds '/'"), or "" when it can. Names reach
+// terminals and become file names (a block's file under decode --output-dir), so a name holds no control
+// character (C0, DEL or C1) and no '/' or '\', and is neither "." nor "..". Throws only std::bad_alloc.
+std::string nameProblem(std::string_view name);
+
 // The data type code for a type name of the format ("text", "number", "int16", ...), or -1.
 int32_t dataTypeFromName(std::string_view name) noexcept;
 // The format's name for a data type code ("text", "number", ...), or "unknown".

@@ -169,8 +169,8 @@ RenderResult appendBinaryFloat(std::string& out, Float value, int32_t shift, int
   } else {
     n = {digits.substr(0, static_cast<size_t>(point)), 0, 0, digits.substr(static_cast<size_t>(point))};
   }
-  const bool more = appendNumber(out, negative, n, places);
-  return {more ? ValueIssue::MorePlaces : ValueIssue::None, -1};
+  appendNumber(out, negative, n, places);  // places beyond the field's are the value's own: shown in full
+  return {};
 }
 
 template <typename Int>
@@ -190,6 +190,13 @@ struct Decimal {
 };
 
 enum class ParseStatus { Ok, NotANumber, OutOfRange };
+
+// Drops the integer's leading zeros and the fraction's trailing ones; zero has no sign.
+void normalize(Decimal& d) {
+  d.integer.erase(0, std::min(d.integer.find_first_not_of('0'), d.integer.size()));
+  while (!d.fraction.empty() && d.fraction.back() == '0') d.fraction.pop_back();
+  if (d.integer.empty() && d.fraction.empty()) d.negative = false;
+}
 
 // An optional sign, digits with at most one point (a digit on either side), an optional exponent.
 ParseStatus parseDecimal(std::string_view text, Decimal& d) {
@@ -230,10 +237,51 @@ ParseStatus parseDecimal(std::string_view text, Decimal& d) {
   if (point > size) digits.append(static_cast<size_t>(point - size), '0');
   d.integer = digits.substr(0, static_cast<size_t>(point));
   d.fraction = digits.substr(static_cast<size_t>(point));
-  d.integer.erase(0, std::min(d.integer.find_first_not_of('0'), d.integer.size()));
-  while (!d.fraction.empty() && d.fraction.back() == '0') d.fraction.pop_back();
-  if (d.integer.empty() && d.fraction.empty()) d.negative = false;
+  normalize(d);
   return ParseStatus::Ok;
+}
+
+// The decimal times 10^places: the point moved `places` digits to the right.
+Decimal scaledUp(Decimal d, int32_t places) {
+  const auto k = static_cast<size_t>(std::max(places, 0));
+  if (d.fraction.size() < k) d.fraction.append(k - d.fraction.size(), '0');
+  d.integer.append(d.fraction, 0, k);
+  d.fraction.erase(0, k);
+  normalize(d);
+  return d;
+}
+
+// The decimal as plain text: the sign below zero, at least one integer digit, the fraction behind a point.
+std::string plainText(const Decimal& d) {
+  std::string text = d.negative ? "-" : "";
+  text += d.integer.empty() ? "0" : d.integer;
+  if (!d.fraction.empty()) text += '.' + d.fraction;
+  return text;
+}
+
+bool sameValue(const Decimal& a, const Decimal& b) {
+  return a.negative == b.negative && a.integer == b.integer && a.fraction == b.fraction;
+}
+
+// The decimal that a double is, exactly: it has at most 309 digits before the point and 1,074 after it, so
+// its fixed text with 1,074 places is the whole value. (A float is a double as well.)
+Decimal exactValue(double value) {
+  char text[1400];
+  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, 1074).ptr;
+  Decimal d;
+  parseDecimal(std::string_view(text, static_cast<size_t>(end - text)), d);
+  return d;
+}
+
+// The decimal of the shortest text that reads back as the binary value: the digits of the scientific form,
+// which the renderer shows (the plain form writes a large whole value's every digit).
+template <typename Float>
+Decimal shortestValue(Float value) {
+  char text[64];
+  const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific).ptr;
+  Decimal d;
+  parseDecimal(std::string_view(text, static_cast<size_t>(end - text)), d);
+  return d;
 }
 
 std::string_view trimSpaces(std::string_view text) {
@@ -337,10 +385,13 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
   if (!withPlaces(d, places, p.write, why)) return false;
   p.expected = p.write;
   const int64_t sign = d.negative ? 1 : 0, digits = static_cast<int64_t>(d.integer.size());
-  // The writer's layout always writes the point; with an implied point the digits take one byte more.
+  // The writer's layout always writes the point; with an implied point the digits take one byte more. A
+  // field whose point is implied is always written so: sign, zero fill, the digits, the last `places` of
+  // them the fraction.
+  const bool pointWritten = !(field.bImpliedPoint && places > 0);
   const int64_t withPoint = (places > 0 ? field.nLength - places - 1 : field.nLength) - sign;
   const int64_t implied = field.nLength - places - sign;
-  if (std::max<int64_t>(digits, 1) <= withPoint) return true;
+  if (pointWritten && std::max<int64_t>(digits, 1) <= withPoint) return true;
   if (places > 0 && digits <= implied) {
     p.write.assign(d.negative ? "-" : "");
     p.write.append(static_cast<size_t>(implied - digits), '0');
@@ -355,7 +406,7 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
   std::string_view fraction = d.fraction;
   while (!fraction.empty() && fraction.back() == '0') fraction.remove_suffix(1);
   const int64_t compact = sign + std::max<int64_t>(digits, 1) + 1 + static_cast<int64_t>(fraction.size());
-  if (places > 0 && compact <= field.nLength) {
+  if (pointWritten && places > 0 && compact <= field.nLength) {
     p.write.assign(d.negative ? "-" : "");
     p.write.append(static_cast<size_t>(field.nLength - compact), '0');
     p.write += d.integer.empty() ? std::string_view("0") : std::string_view(d.integer);
@@ -370,7 +421,7 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
       places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
   // Room for digits: with the implied point, or with a point and the decimals that are not zero.
   const int64_t roomWithPoint =
-      places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(fraction.size()) : 0;
+      pointWritten && places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(fraction.size()) : 0;
   why += internal::withThousands(std::max<int64_t>({implied, roomWithPoint, 0}));
   if (d.negative) why += " beside the sign";
   return false;
@@ -392,37 +443,33 @@ bool prepareInteger(const FieldInfo& field, const Decimal& d, PreparedValue& p, 
 }
 
 // A float field holds the value times 10^decimals (its reader divides by them); a double the value itself.
+// The value is taken when the binary value nearest to it reads back as the same number: when the binary
+// value is the number exactly (2^58 in a double), or when the number is that binary value's shortest text
+// (0.1 in a double, which holds 0.1000000000000000055...). Any other number would come back as another
+// one, and is refused naming it. `decimals` only pads what is shown; it never caps the places taken.
 template <typename Float>
 bool prepareFloat(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
   const int32_t places = std::max(field.nDecimalLen, 0);
   const bool isFloat = field.nDataType == kFieldFloat;
-  if (!withPlaces(d, places, p.expected, why)) return false;
-  std::string scaled = d.negative ? "-" : "";
-  scaled += d.integer.empty() ? "0" : d.integer;
-  if (isFloat) {
-    scaled += d.fraction;
-    scaled.append(static_cast<size_t>(places) - d.fraction.size(), '0');
-  } else if (!d.fraction.empty()) {
-    scaled += '.';
-    scaled += d.fraction;
-  }
+  const Decimal scaled = isFloat ? scaledUp(d, places) : d;
+  const std::string text = plainText(scaled);
   Float stored = 0;
-  const auto [end, ec] = std::from_chars(scaled.data(), scaled.data() + scaled.size(), stored);
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), stored);
   if (ec != std::errc() || !std::isfinite(stored)) {
     why += isFloat ? "lies outside the range of a float" : "lies outside the range of a double";
     return false;
   }
-  std::string back;
-  appendBinaryFloat(back, stored, isFloat ? places : 0, places);
-  if (back != p.expected) {
+  appendBinaryFloat(p.expected, stored, isFloat ? places : 0, places);
+  if (!sameValue(shortestValue(stored), scaled) && !sameValue(exactValue(stored), scaled)) {
     why += isFloat ? "is not held exactly by a float" : "is not held exactly by a double";
-    why += " (it would read back as " + back + ")";
+    why += " (it would read back as " + p.expected + ")";
     return false;
   }
   // The shortest text of the stored value as a double reads back as exactly that value.
-  char text[64];
-  const auto textEnd = std::to_chars(text, text + sizeof text, static_cast<double>(stored)).ptr;
-  p.write.assign(text, textEnd);
+  char shortest[64];
+  const auto shortestEnd =
+      std::to_chars(shortest, shortest + sizeof shortest, static_cast<double>(stored)).ptr;
+  p.write.assign(shortest, shortestEnd);
   return true;
 }
 

@@ -11,7 +11,7 @@
 //   int16/int64/sint64 the integer in decimal;
 //   float              the value read divided by 10^decimals, double the value read, both in the shortest
 //                      decimal text that reads back as the same binary value, with at least the field's
-//                      decimal places.
+//                      decimal places: decimals pad, never cap (10300.921 in a double with 2 is 10300.921).
 // The renderers append to a caller's string and allocate nothing else; they throw only std::bad_alloc.
 
 #include <cstdint>
@@ -31,7 +31,7 @@ enum class ValueIssue : uint8_t {
   None,
   BadBytes,    // bytes that are not text in the encoding; shown escaped, `offset` is the first of them
   NotANumber,  // a number field whose bytes are not a number; shown as text, `offset` is the first wrong byte
-  MorePlaces,  // a number with more decimal places than the field's; shown with all of them
+  MorePlaces,  // a number field's text with more decimal places than the field's; shown with all of them
   NotFinite,   // a float or double that is infinite or not a number; shown as inf, -inf or nan
 };
 
@@ -85,6 +85,9 @@ struct PreparedValue {
 // when the field cannot hold the value exactly: too many digits or decimal places, out of range, not a
 // number, text longer than the field or ending in a space, a character the encoding lacks, any value but
 // the empty one for a key-encrypted field (its value would go to the block's key dictionary, not the bytes).
+// A float or a double takes any number it holds exactly and the shortest text of any value it holds, with
+// any number of places; it refuses a number that would read back as another, naming that one ("'0.3000001'
+// is not held exactly by a float (it would read back as 0.3)").
 bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encoding, PreparedValue& prepared,
                   std::string& why);
 

@@ -50,7 +50,8 @@ enum class FindingKind : uint8_t {
   FieldAdded,      // a field of `delta` bytes stands after `field` ("" : at the start of the record)
   FieldRemoved,    // field `field` (`delta` bytes) is not in the data
   RecordsLonger,   // every record is `delta` bytes longer, the extra bytes at the end
-  RecordsShorter,  // every record is `delta` bytes shorter, the missing bytes at the end
+  RecordsShorter,  // every record is `delta` bytes shorter (not given by checkLayout, which names the last
+                   // field shorter or removed instead)
   CutShort,        // the data ends `delta` bytes into a record (or a count promises more records)
 };
 

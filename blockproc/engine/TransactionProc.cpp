@@ -433,6 +433,12 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
   }
   for (size_t k = 0; k < fields.size(); ++k)
     writeValue(proc, *fields[k], index, record, values.fields[k].second);
+  for (const std::string& name : values.nulls) {
+    const FieldInfo* field = proc.findFieldInfo(name);
+    if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
+    // No value: a text or number field blank (a number's laid-out default is zeros, which read as 0).
+    if (!isBinary(*field)) writeValue(proc, *field, index, record, "");
+  }
   for (const auto& [name, attr] : values.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
@@ -490,6 +496,30 @@ void appendLaidOutRecords(std::string& out, KXBlockDataProc& proc, const BlockVa
 }
 
 }  // namespace
+
+std::string TransactionProc::appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
+                                          int64_t record, bool input) noexcept {
+  const size_t size = out.size();
+  try {
+    layOutDefaults(proc, 1);
+    writeRecord(proc, values, 0, record, true);
+    if (input) {
+      out.resize(size + static_cast<size_t>(sendRecordSize(*proc.getBlockInfo())), ' ');
+      proc.getStructInputData(out.data() + size);
+    } else {
+      const int64_t length = proc.getBlockInfo()->getRecordMemSize();
+      if (length > proc.getBlockBuffSize()) return "block " + proc.getBlockName() + " was not laid out";
+      out.append(reinterpret_cast<const char*>(proc.getData()), static_cast<size_t>(length));
+    }
+    return {};
+  } catch (const Refusal& refusal) {
+    out.resize(size);
+    return refusal.message;
+  } catch (...) {
+    out.resize(size);
+    return "out of memory while building the data";
+  }
+}
 
 TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValues>& values,
                                                     bool input) noexcept {

@@ -27,6 +27,9 @@ namespace blockproc {
 struct RecordValues {
   std::vector<std::pair<std::string, std::string>> fields;  // field name and value, written in this order
   std::vector<std::pair<std::string, uint8_t>> attrs;       // field name and attribute byte
+  // Fields given no value (JSON null, Python None): a number or text field is written blank, as a blank
+  // one reads; any other field keeps its default. A count field given none is filled in.
+  std::vector<std::string> nulls = {};
 };
 
 struct BlockValues {
@@ -109,6 +112,15 @@ class TransactionProc : public BaseDataProc {
   // The reply that receiveReply would split into these values: for every output block in order, its count
   // prefix when it has one, then its records as laid out in memory (attribute bytes included).
   BuildResult buildReply(const std::vector<BlockValues>& values) noexcept;
+
+  // Appends to `out` one record of the block built from `values`, as buildRequest (`input`: the sent fields
+  // back to back) or buildReply (the record as laid out in memory) writes each record of a block, for a
+  // caller that writes a block's records as they come; a one-record block takes any number of them, one
+  // after another, as a real-time stream holds them. Messages number the record `record`. Returns "" when
+  // the record was appended, else why the values were refused (block, record, field and reason), `out`
+  // then unchanged. A count field is written only when the values give it.
+  std::string appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
+                           int64_t record, bool input) noexcept;
 
  private:
   struct Side;

@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "blockproc/codec/Utf8.h"
+
 namespace blockproc::internal {
 
 // The filler of every text field, record and blanked buffer.
@@ -24,6 +26,26 @@ constexpr char kHexLower[] = "0123456789abcdef";
 inline void appendHexByte(std::string& out, uint8_t byte, const char* digits = kHexUpper) {
   out.push_back(digits[byte >> 4]);
   out.push_back(digits[byte & 15]);
+}
+
+// The text with every control character (C0, DEL and C1) shown as \xNN, a byte at a time, so that text from a
+// definition or from the data can neither break a line of output nor move the cursor or clear a terminal.
+// With `keepNewlines`, a '\n' stays a line break (a message of several lines).
+inline std::string printable(std::string_view text, bool keepNewlines = false) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t at = 0; at < text.size();) {
+    const size_t control = keepNewlines && text[at] == '\n' ? 0 : utf8::controlLength(text, at);
+    if (control == 0) {
+      out.push_back(text[at++]);
+      continue;
+    }
+    for (const size_t end = at + control; at < end; ++at) {
+      out += "\\x";
+      appendHexByte(out, static_cast<uint8_t>(text[at]));
+    }
+  }
+  return out;
 }
 
 // The number with a comma between groups of three digits: 1200 gives "1,200", -1234567 "-1,234,567".

@@ -90,6 +90,9 @@ bool canonicalScaled(const FieldAt& at, int64_t record, std::string& scratch, in
   at.canonical(record, scratch);
   if (scratch.empty()) return false;
   const size_t point = scratch.find('.');  // a canonical number has at most one
+  const size_t places = static_cast<size_t>(std::max(at.field.nDecimalLen, 0));
+  if ((point == std::string::npos ? 0 : scratch.size() - point - 1) > places)  // a float's or double's own
+    at.fail(record, 0, scratch + " has more decimal places than the column's " + std::to_string(places));
   if (point != std::string::npos) scratch.erase(point, 1);
   const num::WholeInt scaled = num::parseWholeInt(scratch, INT64_MIN, INT64_MAX);
   if (!scaled.isNumber || scaled.clamped) {

@@ -184,7 +184,9 @@ RecordValues recordFrom(py::handle record, const std::string& block, size_t inde
       const long long byte = value.cast<long long>();
       if (byte < 0 || byte > 255) throw py::value_error(at + " must be an attribute byte, 0 to 255");
       values.attrs.emplace_back(name.substr(0, name.size() - kAttr.size()), static_cast<uint8_t>(byte));
-    } else if (!value.is_none()) {
+    } else if (value.is_none()) {
+      values.nulls.push_back(name);  // a number or text field blank, as decode gives a blank one
+    } else {
       values.fields.emplace_back(name, valueText(value, where(block, index, name)));
     }
   }

@@ -162,13 +162,27 @@ def patched(at, data):
     (patched(9, "전".encode("cp949")[:1]), r"field name \(byte 70 of .*\): byte 9 \(0xC0\) is not cp949 text"),
     (patched(10, b"   12a"), r"field qty \(byte 76 of .*\): byte 5 \(0x61\) is not part of a number"),
     (patched(16, b" 1.234  "), r"field price \(byte 77 of .*\): .* more decimal places than the field's 2"),
-    (patched(49, struct.pack("<f", 0.5)), r"field f \(byte 110 of .*\): .* more decimal places"),
-    (patched(53, struct.pack("<d", 0.0625)), r"field d \(byte 114 of .*\): .* more decimal places"),
     (patched(53, struct.pack("<d", float("nan"))), r"field d \(byte 114 of .*\): .*not a finite number"),
 ])
 def test_bytes_without_an_exact_value_are_refused_naming_block_record_field_offset(every_type, read, bad, why):
     with pytest.raises(ValueError, match="^block Rows, record 1, " + why):
         read(every_type, GOOD + bad)
+
+
+def test_a_float_or_double_with_more_places_than_its_decimals_is_its_value():
+    data = GOOD + patched(53, struct.pack("<d", 0.0625))
+    assert blockproc.decode(blockproc.load_definition(EVERY_TYPE), data)["Rows"][1]["d"] == decimal.Decimal("0.0625")
+    with pytest.raises(ValueError, match=r"field d \(byte 114 of .*\): 0.0625 has more decimal places than the column"):
+        blockproc.realtime_frame(blockproc.load_definition(EVERY_TYPE), data, "Rows")
+
+
+def test_no_value_writes_a_number_field_blank_as_decode_gives_it():
+    definition = blockproc.load_definition(
+        "<transaction code='T3'><output><block name='B'><field name='n' type='number' length='5'/>"
+        "<field name='i' type='int16'/></block></output></transaction>")
+    reply = blockproc.encode(definition, {"B": {"n": None, "i": None}}, reply=True)
+    assert reply == b"     \0\0"
+    assert blockproc.decode(definition, reply) == {"B": [{"n": None, "i": 0}]}
 
 
 def test_a_number_beyond_64_bits_is_exact_in_records_and_refused_in_a_frame():

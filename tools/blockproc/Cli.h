@@ -17,6 +17,7 @@
 
 namespace blockproc::cli {
 
+using internal::printable;
 using internal::withThousands;
 
 enum ExitCode : int { kExitOk = 0, kExitData = 1, kExitUsage = 2 };
@@ -58,6 +59,10 @@ class Output {
  public:
   // Standard output for "" or "-", else the file, created or truncated.
   explicit Output(const std::string& path);
+  // The file `name` of the open directory `dirFd`, created or truncated; `shown` names it in messages. The
+  // name is one component of a path (never "/", "." or ".."), and a symbolic link of that name is refused
+  // rather than followed, so that the file written is in that directory whatever the name holds.
+  Output(int dirFd, const std::string& name, const std::string& shown);
   // Text kept in memory only, for a caller that writes it out elsewhere: spill and finish do nothing.
   Output() = default;
   ~Output();
@@ -67,6 +72,10 @@ class Output {
   std::string& text() noexcept { return m_text; }
   // Writes the buffer out once it holds a chunk; called between records.
   void spill();
+  // Writes everything gathered now, whatever its size (a followed feed shows each record as it comes).
+  void flush() {
+    if (m_fd >= 0 && !m_text.empty()) writeAll();
+  }
   // Writes everything gathered and, for a file, closes it.
   void finish();
 
@@ -106,30 +115,40 @@ class Warnings {
 
 // ---- records as text --------------------------------------------------------------------------------------
 
+// What a field flagged `password` shows instead of its value, whatever its length or bytes.
+constexpr std::string_view kSecretMask = "********";
+
 // One column of a block's records: a field's value, or the attribute byte after it.
 struct Column {
   const FieldInfo* field;
   bool attr;
-  std::string name;  // the field name, "<field>@attr" for the attribute byte
+  std::string name;   // the field name, "<field>@attr" for the attribute byte
+  std::string shown;  // the name as text output shows it (printable)
+  bool masked;        // a password's value, shown as kSecretMask
 };
-std::vector<Column> columnsOf(const KXBlockDataProc& proc);
+// The block's columns; a password field's value is masked unless `showSecrets`.
+std::vector<Column> columnsOf(const KXBlockDataProc& proc, bool showSecrets);
+
+// The members JSON Lines puts ahead of a record's fields: its block's name and its number in the block. They
+// hold '@', which no field name may, so that no field can take their place.
+constexpr std::string_view kJsonlBlockKey = "@block";
+constexpr std::string_view kJsonlRecordKey = "@record";
 
 // How records are rendered.
 struct RenderOptions {
   Format format = Format::Table;
-  bool raw = false;  // the processor's display strings instead of canonical values
+  bool raw = false;          // the processor's display strings instead of canonical values
+  bool showSecrets = false;  // password fields in clear instead of kSecretMask
 };
 
 // Appends the column's value in record `index`: canonical (or the processor's display string when raw),
-// "0x35" for an attribute byte. Returns what kept the value from being plain; `warnings`, when given, is
-// told of it with block, record, field and byte offset.
+// "0x35" for an attribute byte, kSecretMask for a masked column (which never warns). Returns what kept the
+// value from being plain; `warnings`, when given, is told of it with block, record, field and byte offset.
 // `record` is the number messages give the record (record `index` of a piece of a longer block); -1 gives
 // `index`.
 value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
                                int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record = -1);
-// The text with control characters shown as \xNN, so that a value cannot break a table or the terminal.
-std::string printable(std::string_view text);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
 std::string padded(std::string_view text, size_t width, bool right);
 // Appends `text` padded to `width` display columns.
@@ -191,6 +210,10 @@ class InputStream {
   size_t read(std::string& buf, size_t n);
   // Copies standard input into an unnamed temporary file, so that it can be read at any offset.
   void makeSeekable();
+  // Appends what arrives within `waitMs` milliseconds, at most `n` bytes, from one read; returns how many (0
+  // when nothing came in time or a signal came). A pipe that closes ends the input; a regular file never
+  // does, for it may still be growing. Fails with kExitData.
+  size_t readArrived(std::string& buf, size_t n, int waitMs);
   // Reads `n` bytes at `offset` of a seekable input into `to`; fails with kExitData.
   void readAt(char* to, size_t n, int64_t offset);
   // The whole of a seekable input mapped into memory (pages are read as they are touched), valid while this
@@ -221,6 +244,7 @@ struct DecodeOptions {
   std::string block;
   std::string outputDir;  // one file per block
   bool raw = false;
+  bool showSecrets = false;
   bool request = false;    // the data is a request: the input blocks
   bool quiet = false;      // no progress line
   int64_t chunkBytes = 0;  // bytes read at a time from a count="rest" block; 0: the default
@@ -230,7 +254,14 @@ struct EncodeOptions {
   CommonOptions common;
   std::string values;
   std::string output;
+  std::string format = "json";
+  std::string
+      block;  // CSV's block; with stream, the stream's block; else the block of JSON lines without one
   bool reply = false;
+  bool stream = false;     // a real-time stream: the records of `block` back to back
+  bool quiet = false;      // no line naming the fields that took their defaults
+  bool strict = false;     // refuse a record or block that leaves a field out
+  int64_t chunkBytes = 0;  // bytes of input read at a time; 0: the default
 };
 struct HexdumpOptions {
   CommonOptions common;
@@ -239,6 +270,7 @@ struct HexdumpOptions {
   bool stream = false;    // the data is real-time records of `block` back to back
   std::string block;      // the stream's block
   int64_t records = 100;  // records shown of each block; a line says how many more there are
+  bool showSecrets = false;
 };
 struct RealtimeOptions {
   CommonOptions common;
@@ -246,7 +278,11 @@ struct RealtimeOptions {
   std::string block;
   std::string format = "table";
   bool raw = false;
-  int32_t keep = 0;  // 0: every record of the stream
+  bool showSecrets = false;
+  int32_t keep = 0;              // 0: every record of the stream
+  std::string order = "newest";  // or "arrival": the records in the order they were received
+  bool orderGiven = false;       // --order was given
+  bool follow = false;           // print each record as it arrives, until the feed closes or Ctrl-C
   bool quiet = false;
   int64_t chunkBytes = 0;
   int32_t jobs = 1;

@@ -1,6 +1,8 @@
-// The inspect, decode and encode subcommands.
+// The inspect and decode subcommands.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -8,18 +10,15 @@
 #include <cstring>
 #include <iostream>
 
-#include <nlohmann/json.hpp>
-
 #include "Cli.h"
 #include "blockproc/codec/TextCodec.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc::cli {
 
 namespace {
 
 std::string titleLine(const TransactionDefinition& def) {
-  return def.tran.getTrCode() + (def.title.empty() ? "" : " " + printable(def.title)) + "\n";
+  return printable(def.tran.getTrCode()) + (def.title.empty() ? "" : " " + printable(def.title)) + "\n";
 }
 
 std::string listOf(const std::vector<KXBlockDataProc*>& procs) {
@@ -39,7 +38,8 @@ std::string flagsOf(const FieldInfo& f) {
   add(f.bAccountNo, "account");
   add(f.bPassword, "password");
   add(f.bKeyEnc, "keyenc");
-  add(!f.szAttrRefKey.empty(), "attr from " + f.szAttrRefKey);
+  add(!f.szAttrRefKey.empty(), "attr from " + printable(f.szAttrRefKey));
+  add(f.bImpliedPoint, "point implied");
   return flags;
 }
 
@@ -51,13 +51,13 @@ std::string countRule(const BlockInfo& block, int32_t occursLen, bool input) {
       return std::string("the rest of the ") + (input ? "request" : "reply");
     case RCL_BLOCKFIELD_ID:
     default:
-      return "field " + block.m_strRecordLenSubInfo;
+      return "field " + printable(block.m_strRecordLenSubInfo);
   }
 }
 
 std::string blockSummary(const KXBlockDataProc& proc, const TransactionDefinition& def, bool input) {
   const BlockInfo& block = *proc.getBlockInfo();
-  std::string text = block.m_szBlockName + " (" + (input ? "input" : "output") + "): record " +
+  std::string text = printable(block.m_szBlockName) + " (" + (input ? "input" : "output") + "): record " +
                      withThousands(block.getRecordMemSize()) + " bytes";
   if (input) text += ", " + withThousands(block.getRecordFieldSize()) + " sent";
   if (block.isOccursBlock())
@@ -71,7 +71,7 @@ std::string fieldsTable(const BlockInfo& block) {
   std::vector<std::vector<std::string>> rows;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& f = *block.getFieldInfoFromIndex(j);
-    rows.push_back({f.szFieldName, printable(f.szKorFieldName), printable(f.szEngFieldName),
+    rows.push_back({printable(f.szFieldName), printable(f.szKorFieldName), printable(f.szEngFieldName),
                     std::to_string(f.nDataPos), std::to_string(f.nLength), dataTypeName(f.nDataType),
                     std::to_string(f.nDecimalLen),
                     block.carriesAttr(f) ? std::to_string(f.nDataPos + f.nLength) : "", flagsOf(f)});
@@ -85,156 +85,6 @@ std::string linksLine(const KXBlockDataProc& proc) {
   if (real == 0 && field == 0) return {};
   return "links: " + std::to_string(real) + " real-time, " + std::to_string(field) + " field\n";
 }
-
-// ---- encode -----------------------------------------------------------------------------------------------
-
-constexpr std::string_view kAttrSuffix = "@attr";
-
-// Decimal digits, or one or two hexadecimal ones behind "0x": the value when it is a byte (0 to 255), else
-// -1.
-int byteFromText(std::string_view text) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  if (hex) text.remove_prefix(2);
-  if (text.empty() || (hex && text.size() > 2) || text.front() == '+' || text.front() == '-') return -1;
-  const num::WholeInt byte = num::parseWholeInt(text, 0, 255, hex ? 16 : 10);
-  return byte.isNumber && !byte.clamped ? static_cast<int>(byte.value) : -1;
-}
-
-uint8_t attrByte(const nlohmann::ordered_json& value, const std::string& where) {
-  if (value.is_number_unsigned() && value.get<uint64_t>() <= 255)
-    return static_cast<uint8_t>(value.get<uint64_t>());
-  if (value.is_string()) {
-    const int byte = byteFromText(value.get<std::string>());
-    if (byte >= 0) return static_cast<uint8_t>(byte);
-  }
-  throw Failure{kExitData,
-                where + ": must be an attribute byte: 0 to 255, or hexadecimal text such as \"0x35\""};
-}
-
-// The values of record `index` of a block, refusals placed as the engine places its own: "block In, record 0,
-// field qty".
-RecordValues recordFrom(const nlohmann::ordered_json& record, const std::string& source,
-                        const std::string& block, size_t index) {
-  if (!record.is_object())
-    throw Failure{kExitData, source + ": block " + block + ", record " + std::to_string(index) +
-                                 " must be an object of field values"};
-  RecordValues values;
-  for (const auto& [key, value] : record.items()) {
-    std::string at = source + ": ";
-    value::appendWhere(at, block, static_cast<int64_t>(index), key);
-    if (key.ends_with("@hex"))
-      throw Failure{kExitData,
-                    at + ": decode shows bytes that are not text this way; they cannot be encoded back"};
-    if (key.size() > kAttrSuffix.size() && key.ends_with(kAttrSuffix)) {
-      values.attrs.emplace_back(key.substr(0, key.size() - kAttrSuffix.size()), attrByte(value, at));
-    } else if (value.is_string()) {
-      values.fields.emplace_back(key, value.get<std::string>());
-    } else if (value.is_number()) {
-      values.fields.emplace_back(key, value.dump());
-    } else if (!value.is_null()) {
-      throw Failure{kExitData, at + ": must be a string, a number or null"};
-    }
-  }
-  return values;
-}
-
-// The blocks of a values file: the blocks at the top, or under "blocks" as decode writes them, beside a
-// "code" that must be the definition's. Anything else at the top beside "blocks" is refused: it would be
-// left unwritten.
-std::vector<BlockValues> valuesFrom(const nlohmann::ordered_json& root, const std::string& file,
-                                    const std::string& trCode) {
-  const std::string where = sourceName(file) + ": ";
-  if (!root.is_object()) throw Failure{kExitData, where + "the values must be a JSON object of blocks"};
-  if (root.contains("code") && root["code"] != trCode)
-    throw Failure{kExitData,
-                  where + "\"code\" is " + root["code"].dump() + "; the definition is for " + trCode};
-  const bool nested = root.contains("blocks");
-  if (nested && !root["blocks"].is_object())
-    throw Failure{kExitData, where + "\"blocks\" must be an object of blocks"};
-  if (nested)
-    for (const auto& [name, value] : root.items())
-      if (name != "code" && name != "blocks")
-        throw Failure{kExitData, where + name + " stands beside \"blocks\"; give every block inside it"};
-  const nlohmann::ordered_json& blocks = nested ? root["blocks"] : root;
-  std::vector<BlockValues> values;
-  for (const auto& [name, block] : blocks.items()) {
-    if (!nested && name == "code") continue;
-    BlockValues entry{name, {}};
-    if (block.is_array()) {
-      for (size_t i = 0; i < block.size(); ++i)
-        entry.records.push_back(recordFrom(block[i], sourceName(file), name, i));
-    } else if (block.is_object()) {
-      entry.records.push_back(recordFrom(block, sourceName(file), name, 0));
-    } else {
-      throw Failure{kExitData, sourceName(file) + ": block " + name +
-                                   " must be an object (one record) or a list of objects (records)"};
-    }
-    values.push_back(std::move(entry));
-  }
-  return values;
-}
-
-// Builds the document of a values file with every number that is not a plain integer kept as its text
-// (a string), so that 0.1, 1e5 and 12345678901234567890123 reach the engine exactly as written.
-class ExactNumbers : public nlohmann::json_sax<nlohmann::ordered_json> {
- public:
-  using Json = nlohmann::ordered_json;
-  Json root;
-  std::string error;
-  bool repeatedKey = false;  // the error is a key given twice, in JSON that is otherwise well formed
-
-  bool null() override { return add(nullptr) != nullptr; }
-  bool boolean(bool value) override { return add(value) != nullptr; }
-  bool number_integer(number_integer_t value) override { return add(value) != nullptr; }
-  bool number_unsigned(number_unsigned_t value) override { return add(value) != nullptr; }
-  bool number_float(number_float_t, const string_t& text) override { return add(text) != nullptr; }
-  bool string(string_t& value) override { return add(value) != nullptr; }
-  bool binary(binary_t&) override { return add(nullptr) != nullptr; }
-  bool start_object(std::size_t) override { return open(Json::object()); }
-  bool key(string_t& name) override {
-    m_key = name;
-    return true;
-  }
-  bool end_object() override { return close(); }
-  bool start_array(std::size_t) override { return open(Json::array()); }
-  bool end_array() override { return close(); }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) override {
-    error = e.what();
-    return false;
-  }
-
- private:
-  Json* add(Json value) {
-    if (m_stack.empty()) {
-      root = std::move(value);
-      return &root;
-    }
-    Json& top = *m_stack.back();
-    if (top.is_array()) {
-      top.push_back(std::move(value));
-      return &top.back();
-    }
-    if (top.contains(m_key)) {  // a later value would silently replace the earlier one
-      error = "'" + m_key + "' is given twice in one object";
-      repeatedKey = true;
-      return nullptr;
-    }
-    top[m_key] = std::move(value);
-    return &top[m_key];
-  }
-  bool open(Json value) {
-    Json* opened = add(std::move(value));
-    if (opened == nullptr) return false;
-    m_stack.push_back(opened);
-    return true;
-  }
-  bool close() {
-    m_stack.pop_back();
-    return true;
-  }
-  std::vector<Json*> m_stack;
-  std::string m_key;
-};
 
 }  // namespace
 
@@ -311,14 +161,11 @@ class Sinks {
       sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
       return;
     }
-    if (::mkdir(options.outputDir.c_str(), 0777) != 0 && errno != EEXIST)
-      throw Failure{kExitData,
-                    "cannot make the directory '" + options.outputDir + "': " + std::strerror(errno)};
+    openDirectory(options.outputDir, blocks);
     for (const KXBlockDataProc* proc : blocks) {
-      auto& sink =
-          m_sinks.emplace_back(Sink{std::make_unique<Output>(options.outputDir + "/" + proc->getBlockName() +
-                                                             extensionOf(render.format)),
-                                    nullptr});
+      const std::string file = proc->getBlockName() + extensionOf(render.format);
+      auto& sink = m_sinks.emplace_back(
+          Sink{std::make_unique<Output>(m_dir.fd, file, options.outputDir + "/" + file), nullptr});
       sink.writer = std::make_unique<RecordWriter>(*sink.out, code, render, warnings);
     }
   }
@@ -352,6 +199,33 @@ class Sinks {
     std::unique_ptr<Output> out;
     std::unique_ptr<RecordWriter> writer;
   };
+  // Makes the directory if need be and opens it, after checking that every block's name can be a file name
+  // in it, so that no file is written when one cannot be.
+  void openDirectory(const std::string& dir, const std::vector<const KXBlockDataProc*>& blocks) {
+    for (const KXBlockDataProc* proc : blocks)
+      if (const std::string problem = nameProblem(proc->getBlockName()); !problem.empty())
+        throw Failure{kExitUsage, "block name '" + proc->getBlockName() + "' cannot name a file in '" + dir +
+                                      "': it " + problem};
+    if (::mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST)
+      throw Failure{kExitData, "cannot make the directory '" + dir + "': " + std::strerror(errno)};
+    m_dir.fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (m_dir.fd < 0)
+      throw Failure{kExitData, "cannot open the directory '" + dir + "': " + std::strerror(errno)};
+  }
+
+  // The directory of --output-dir, open while its files are written (closed after them, or when a file
+  // cannot be opened).
+  struct Directory {
+    int fd = -1;
+    Directory() = default;
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+    ~Directory() {
+      if (fd >= 0) ::close(fd);
+    }
+  };
+
+  Directory m_dir;
   std::vector<const KXBlockDataProc*> m_blocks;
   std::vector<Sink> m_sinks;
 };
@@ -440,7 +314,7 @@ void adviseOnRest(const DecodeOptions& options, const Session& session, InputStr
   const std::string notWhole =
       in.name() + ": " + TransactionProc::checkRest(block, in.size() - slice.offset, false);
   if (!cutShort) throw Failure{kExitData, notWhole + advice};
-  std::cerr << "blockproc: " << notWhole << advice << "\n  (its whole records follow)\n";
+  std::cerr << "blockproc: " << printable(notWhole + advice, true) << "\n  (its whole records follow)\n";
 }
 
 int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, const Session& session,
@@ -473,7 +347,7 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
 }  // namespace
 
 int runDecode(const DecodeOptions& options) {
-  const RenderOptions render{parseFormat(options.format), options.raw};
+  const RenderOptions render{parseFormat(options.format), options.raw, options.showSecrets};
   const Session session = openSession(options.common, options.reply);
   const std::vector<const KXBlockDataProc*> blocks = chosenBlocks(session, options.block, options.request);
   if (render.format == Format::Csv && blocks.size() > 1 && options.outputDir.empty())
@@ -502,36 +376,6 @@ int runDecode(const DecodeOptions& options) {
   sinks.finish();
   warnings.close();
   return warnings.count() > 0 ? kExitData : kExitOk;
-}
-
-int runEncode(const EncodeOptions& options) {
-  const Session session = openSession(options.common, options.values);
-  const std::string text = readInput(options.values);
-  ExactNumbers document;
-  if (!nlohmann::ordered_json::sax_parse(text, &document)) {
-    std::string what = document.error;
-    if (const size_t end = what.find("] "); end != std::string::npos) what = what.substr(end + 2);
-    throw Failure{kExitData, sourceName(options.values) + ": " +
-                                 (document.repeatedKey ? what : "not valid JSON: " + what)};
-  }
-  const std::vector<BlockValues> values =
-      valuesFrom(document.root, options.values, session.definition->tran.getTrCode());
-  if (!options.reply) {
-    for (const BlockValues& v : values) {
-      const auto& outputs = session.proc->outputProcs();
-      const KXBlockDataProc* proc = session.proc->findBlockProc(v.block);
-      if (proc != nullptr && std::find(outputs.begin(), outputs.end(), proc) != outputs.end())
-        throw Failure{kExitData,
-                      sourceName(options.values) + ": " + v.block +
-                          " is an output block; give --reply to build a reply, or name input blocks"};
-    }
-  }
-  const auto built = options.reply ? session.proc->buildReply(values) : session.proc->buildRequest(values);
-  if (!built.ok) throw Failure{kExitData, sourceName(options.values) + ": " + built.message};
-  Output out(options.output);
-  out.text() = built.bytes;
-  out.finish();
-  return kExitOk;
 }
 
 }  // namespace blockproc::cli

@@ -78,6 +78,21 @@ Output::Output(const std::string& path) {
   m_text.reserve(kChunk + kChunk / 4);
 }
 
+Output::Output(int dirFd, const std::string& name, const std::string& shown)
+    : m_own(true), m_name("'" + printable(shown) + "'") {
+  if (name.empty() || name == "." || name == ".." ||
+      name.find_first_of(std::string_view("/\0", 2)) != std::string::npos)
+    throw Failure{kExitUsage,
+                  "cannot write " + m_name + ": its name is not the name of a file in the directory"};
+  m_fd = ::openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
+  if (m_fd < 0 && errno == ELOOP)
+    throw Failure{kExitData,
+                  "cannot write " + m_name +
+                      ": it is a symbolic link; blockproc writes only files of the directory itself"};
+  if (m_fd < 0) throw Failure{kExitData, "cannot write " + m_name + ": " + std::strerror(errno)};
+  m_text.reserve(kChunk + kChunk / 4);
+}
+
 Output::~Output() {
   if (m_own && m_fd >= 0) ::close(m_fd);
 }
@@ -117,7 +132,7 @@ void Warnings::add(const std::string& message) {
     return;
   }
   Progress::clearShown();
-  std::cerr << "blockproc: warning: " << message << "\n";
+  std::cerr << "blockproc: warning: " << printable(message) << "\n";
 }
 
 void Warnings::absorb(const Warnings& piece) {
@@ -126,19 +141,22 @@ void Warnings::absorb(const Warnings& piece) {
 }
 
 void Warnings::close() const {
-  if (m_count > kShownWarnings)
-    std::cerr << "blockproc: warning: " << withThousands(m_count - kShownWarnings) << " more not shown\n";
+  if (m_count <= kShownWarnings) return;
+  Progress::clearShown();
+  std::cerr << "blockproc: warning: " << withThousands(m_count - kShownWarnings) << " more not shown\n";
 }
 
 // ---- cells ------------------------------------------------------------------------------------------------
 
-std::vector<Column> columnsOf(const KXBlockDataProc& proc) {
+std::vector<Column> columnsOf(const KXBlockDataProc& proc, bool showSecrets) {
   std::vector<Column> columns;
   const BlockInfo& block = *proc.getBlockInfo();
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo* field = block.getFieldInfoFromIndex(j);
-    columns.push_back({field, false, field->szFieldName});
-    if (block.carriesAttr(*field)) columns.push_back({field, true, field->szFieldName + "@attr"});
+    const std::string& name = field->szFieldName;
+    columns.push_back({field, false, name, printable(name), field->bPassword && !showSecrets});
+    if (block.carriesAttr(*field))
+      columns.push_back({field, true, name + "@attr", printable(name + "@attr"), false});
   }
   return columns;
 }
@@ -146,6 +164,10 @@ std::vector<Column> columnsOf(const KXBlockDataProc& proc) {
 value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
                                int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record) {
+  if (column.masked) {
+    out += kSecretMask;
+    return {};
+  }
   if (column.attr) {
     out += "0x";
     internal::appendHexByte(out, proc.getFieldAttrFromInfo(column.field, index));
@@ -170,20 +192,6 @@ value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, co
     warnings->add(message);
   }
   return result;
-}
-
-std::string printable(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    const auto byte = static_cast<uint8_t>(c);
-    if (byte < 0x20 || byte == 0x7F) {
-      out += "\\x";
-      internal::appendHexByte(out, byte);
-    } else {
-      out += c;
-    }
-  }
-  return out;
 }
 
 void appendPadded(std::string& out, std::string_view text, size_t width, bool right) {

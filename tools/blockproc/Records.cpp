@@ -34,12 +34,6 @@ bool anyOf(const std::array<bool, 256>& table, std::string_view text) {
   return false;
 }
 
-bool anyControl(std::string_view text) {
-  for (char c : text)
-    if (static_cast<uint8_t>(c) < 0x20 || c == 0x7F) return true;
-  return false;
-}
-
 using num::appendInt;
 
 size_t digitsOf(int64_t value) {
@@ -74,9 +68,17 @@ void appendJsonString(std::string& out, std::string_view text) {
   out += '"';
 }
 
-// Quotes the CSV cell that starts at `from` in `out` when it holds a comma, a quote or a line break.
+// Whether a CSV cell needs quotes: it holds a comma, a quote or a line break, or it starts or ends with a
+// space or a tab, which some readers drop from a cell left bare.
+bool needsQuotes(std::string_view cell) {
+  if (cell.empty()) return false;
+  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  return blank(cell.front()) || blank(cell.back()) || anyOf(kCsvSpecial, cell);
+}
+
+// Quotes the CSV cell that starts at `from` in `out` when it needs quotes.
 void quoteCsvTail(std::string& out, size_t from, std::string& scratch) {
-  if (!anyOf(kCsvSpecial, std::string_view(out).substr(from))) return;
+  if (!needsQuotes(std::string_view(out).substr(from))) return;
   scratch.assign(out, from);
   out.resize(from);
   out += '"';
@@ -98,8 +100,9 @@ bool isNumberColumn(const Column& c) {
 }
 
 size_t columnWidth(const Column& c) {
-  const size_t values = c.attr ? 4 : static_cast<size_t>(value::displayWidth(*c.field));
-  return std::max(values, utf8::displayWidth(c.name));
+  size_t values = c.attr ? 4 : static_cast<size_t>(value::displayWidth(*c.field));
+  if (c.masked) values = std::max(values, kSecretMask.size());
+  return std::max(values, utf8::displayWidth(c.shown));
 }
 
 }  // namespace
@@ -114,6 +117,7 @@ struct RecordWriter::State {
   std::string scratch, cell;
   // The block being written.
   const KXBlockDataProc* proc = nullptr;
+  std::string blockShown;  // the block name as text output shows it
   std::vector<Column> columns;
   std::vector<size_t> widths;
   size_t indexWidth = 1;
@@ -136,7 +140,7 @@ struct RecordWriter::State {
       if (!right) text().append(fill, ' ');
       return;
     }
-    if (anyControl(cell))
+    if (utf8::hasControl(cell))
       appendPadded(text(), printable(cell), width, right);
     else
       appendPadded(text(), cell, width, right);
@@ -147,7 +151,7 @@ struct RecordWriter::State {
     appendPadded(t, "#", indexWidth, true);
     for (size_t j = 0; j < columns.size(); ++j) {
       t += "  ";
-      appendPadded(t, columns[j].name, widths[j], isNumberColumn(columns[j]));
+      appendPadded(t, columns[j].shown, widths[j], isNumberColumn(columns[j]));
     }
     trimLine(t);
   }
@@ -170,9 +174,10 @@ struct RecordWriter::State {
     for (const Column& c : columns) {
       anyAttr = anyAttr || c.attr;
       if (c.attr) continue;
-      nameWidth = std::max(nameWidth, utf8::displayWidth(c.name));
+      nameWidth = std::max(nameWidth, utf8::displayWidth(c.shown));
       korWidth = std::max(korWidth, utf8::displayWidth(printable(c.field->szKorFieldName)));
       valueWidth = std::max(valueWidth, static_cast<size_t>(value::displayWidth(*c.field)));
+      if (c.masked) valueWidth = std::max(valueWidth, kSecretMask.size());
     }
     std::string& t = text();
     appendPadded(t, "field", nameWidth, false);
@@ -184,7 +189,7 @@ struct RecordWriter::State {
     trimLine(t);
     for (size_t j = 0; j < columns.size(); ++j) {
       const Column& c = columns[j];
-      appendPadded(t, c.name, nameWidth, false);
+      appendPadded(t, c.shown, nameWidth, false);
       t += "  ";
       appendPadded(t, printable(c.field->szKorFieldName), korWidth, false);
       t += "  ";
@@ -218,8 +223,10 @@ struct RecordWriter::State {
     };
     members.clear();
     for (const Column& c : columns) {
-      Member m{
-          key(c.name), {}, std::string(separator) + key(c.name + "@hex"), !options.raw && isNumberColumn(c)};
+      Member m{key(c.name),
+               {},
+               std::string(separator) + key(c.name + "@hex"),
+               !options.raw && !c.masked && isNumberColumn(c)};
       m.next = std::string(separator) + m.first;
       members.push_back(std::move(m));
     }
@@ -261,6 +268,7 @@ struct RecordWriter::State {
 
   void csvRecord(int32_t index, int64_t record) {
     std::string& t = text();
+    const size_t rowStart = t.size();
     for (size_t j = 0; j < columns.size(); ++j) {
       if (j > 0) t += ',';
       const size_t from = t.size();
@@ -270,17 +278,19 @@ struct RecordWriter::State {
       if (options.raw || !isNumberColumn(columns[j]) || r.issue != value::ValueIssue::None)
         quoteCsvTail(t, from, scratch);
     }
+    // A row of one empty cell would be a blank line, which CSV readers skip: the record is kept as "".
+    if (t.size() == rowStart) t += "\"\"";
     t += '\n';
   }
 
   void longRecord(int32_t index, int64_t record) {
     std::string& t = text();
     for (const Column& c : columns) {
-      appendCsvCell(t, proc->getBlockName(), scratch);
+      appendCsvCell(t, blockShown, scratch);
       t += ',';
       appendInt(t, record);
       t += ',';
-      appendCsvCell(t, c.name, scratch);
+      appendCsvCell(t, c.shown, scratch);
       t += ',';
       const size_t from = t.size();
       appendCell(t, *proc, c, index, value::BadByteStyle::Escaped, options.raw, &warnings, record);
@@ -340,7 +350,8 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
   State& s = *m_state;
   std::string& t = s.text();
   s.proc = &proc;
-  s.columns = columnsOf(proc);
+  s.blockShown = printable(proc.getBlockName());
+  s.columns = columnsOf(proc, s.options.showSecrets);
   s.count = count;
   s.written = 0;
   const bool first = s.firstBlock;
@@ -348,7 +359,7 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
   switch (s.options.format) {
     case Format::Table:
       if (!first) t += '\n';
-      t += proc.getBlockName();
+      t += s.blockShown;
       t += ':';
       if (count >= 0) {
         t += ' ';
@@ -372,15 +383,15 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
     case Format::Csv:
       for (size_t j = 0; j < s.columns.size(); ++j) {
         if (j > 0) t += ',';
-        appendCsvCell(t, s.columns[j].name, s.scratch);
+        appendCsvCell(t, s.columns[j].shown, s.scratch);
       }
       t += '\n';
       return;
     case Format::Jsonl:
       s.prepareMembers("");
-      s.lineStart = "{\"block\":";
+      s.lineStart = "{\"" + std::string(kJsonlBlockKey) + "\":";
       appendJsonString(s.lineStart, proc.getBlockName());
-      s.lineStart += ",\"record\":";
+      s.lineStart += ",\"" + std::string(kJsonlRecordKey) + "\":";
       return;
     case Format::Long:
       return;
@@ -439,6 +450,7 @@ void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::ve
       // A writer of its own, set up for the block as this one is, writing into memory.
       State piece(w.out, s.code, s.options, w.warnings);
       piece.columns = s.columns;
+      piece.blockShown = s.blockShown;
       piece.widths = s.widths;
       piece.members = s.members;
       piece.lineStart = s.lineStart;

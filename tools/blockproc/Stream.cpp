@@ -1,6 +1,7 @@
 // Input read a piece at a time.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,6 +69,24 @@ size_t InputStream::read(std::string& buf, size_t n) {
   }
   buf.resize(start + got);
   return got;
+}
+
+size_t InputStream::readArrived(std::string& buf, size_t n, int waitMs) {
+  if (m_end) return 0;
+  if (m_size < 0) {  // a pipe or a terminal: wait for bytes
+    pollfd ready{m_fd, POLLIN, 0};
+    const int r = ::poll(&ready, 1, waitMs);
+    if (r < 0 && errno != EINTR) readFailure(m_name);
+    if (r <= 0) return 0;
+  }
+  const size_t start = buf.size();
+  buf.resize(start + n);
+  const ssize_t r = ::read(m_fd, buf.data() + start, n);
+  buf.resize(start + (r > 0 ? static_cast<size_t>(r) : 0));
+  if (r < 0 && errno != EINTR && errno != EAGAIN) readFailure(m_name);
+  if (r == 0 && m_size < 0) m_end = true;
+  if (r == 0 && m_size >= 0) ::poll(nullptr, 0, waitMs);  // the end of a file that may grow: look again soon
+  return r > 0 ? static_cast<size_t>(r) : 0;
 }
 
 void InputStream::makeSeekable() {

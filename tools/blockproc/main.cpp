@@ -2,9 +2,9 @@
 //
 //   blockproc inspect DEF                 the layout of every block
 //   blockproc decode DEF REPLY            every field of every record of a reply
-//   blockproc encode DEF VALUES.json      request (or reply) bytes built from values
+//   blockproc encode DEF VALUES           request, reply or stream bytes built from records
 //   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
-//   blockproc realtime DEF STREAM --block NAME   real-time records, newest first
+//   blockproc realtime DEF STREAM --block NAME   real-time records, newest first (or as they arrive)
 //   blockproc check DEF DATA              what about the layout would make the data read cleanly
 //   blockproc view DEF DATA               an inspector in the browser (or --html FILE)
 //
@@ -36,6 +36,11 @@ void addEncoding(CLI::App& command, CommonOptions& common) {
       "--encoding", common.encoding,
       "text encoding of the records, instead of the definition's (cp949, euc-kr, utf-8, ascii, "
       "latin1)");
+}
+
+void addShowSecrets(CLI::App& command, bool& showSecrets) {
+  command.add_flag("--show-secrets", showSecrets,
+                   "show fields flagged password as they are, instead of ********");
 }
 
 void addFormat(CLI::App& command, std::string& format, bool& raw) {
@@ -79,6 +84,7 @@ int main(int argc, char** argv) {
   addDefinition(*decodeCmd, decode.common);
   decodeCmd->add_option("REPLY", decode.reply, "reply bytes (- reads standard input)")->required();
   addFormat(*decodeCmd, decode.format, decode.raw);
+  addShowSecrets(*decodeCmd, decode.showSecrets);
   addEncoding(*decodeCmd, decode.common);
   decodeCmd->add_option("--block", decode.block, "show only this block");
   decodeCmd->add_option("--output-dir", decode.outputDir, "write one file per block into this directory");
@@ -86,17 +92,35 @@ int main(int argc, char** argv) {
   addStreaming(*decodeCmd, decode.quiet, decode.chunkBytes, decode.jobs);
 
   EncodeOptions encode;
-  CLI::App* encodeCmd = app.add_subcommand("encode", "build request bytes from field values in JSON");
+  CLI::App* encodeCmd = app.add_subcommand(
+      "encode", "build request, reply or real-time stream bytes from records in any form decode writes");
   addDefinition(*encodeCmd, encode.common);
   encodeCmd
       ->add_option("VALUES", encode.values,
-                   "JSON: per block an object of field values, or a list of them for a repeated block "
-                   "(- reads standard input)")
+                   "the records (- reads standard input); JSON: per block an object of field values, or a "
+                   "list of them for a repeated block")
       ->required();
+  encodeCmd
+      ->add_option("--format", encode.format,
+                   "input format: json (decode's document, or a values file), jsonl (a JSON object per "
+                   "record), csv (a header of field names, a row per record of one block) or long "
+                   "(block,record,field,value)")
+      ->check(CLI::IsMember({"json", "jsonl", "csv", "long"}))
+      ->capture_default_str();
+  encodeCmd->add_option("--block", encode.block,
+                        "the block of CSV rows, of JSON lines without a block key, or of --stream");
   encodeCmd->add_option("-o,--output", encode.output,
                         "write the bytes to this file instead of standard output");
   encodeCmd->add_flag("--reply", encode.reply,
-                      "build reply bytes from output blocks (decode's JSON) instead");
+                      "build reply bytes from the output blocks instead of a request");
+  encodeCmd->add_flag("--stream", encode.stream,
+                      "build a real-time stream: the records of --block back to back, in the order given");
+  encodeCmd->add_flag("-q,--quiet", encode.quiet, "no line naming the fields that took their defaults");
+  encodeCmd->add_flag("--strict", encode.strict, "refuse records and blocks that leave a field out");
+  // Tests read a small input in many pieces with it; hidden from the help.
+  encodeCmd->add_option("--chunk-bytes", encode.chunkBytes)
+      ->check(CLI::Range(int64_t{1}, int64_t{1} << 30))
+      ->group("");
   addEncoding(*encodeCmd, encode.common);
 
   HexdumpOptions hexdump;
@@ -115,10 +139,11 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(int64_t{0}, int64_t{1} << 40))
       ->capture_default_str();
   addEncoding(*hexdumpCmd, hexdump.common);
+  addShowSecrets(*hexdumpCmd, hexdump.showSecrets);
 
   RealtimeOptions realtime;
-  CLI::App* realtimeCmd =
-      app.add_subcommand("realtime", "feed a stream of real-time records, show newest first");
+  CLI::App* realtimeCmd = app.add_subcommand(
+      "realtime", "feed a stream of real-time records, show newest first or as they arrive");
   addDefinition(*realtimeCmd, realtime.common);
   realtimeCmd
       ->add_option("STREAM", realtime.stream, "real-time records back to back (- reads standard input)")
@@ -126,7 +151,18 @@ int main(int argc, char** argv) {
   realtimeCmd->add_option("--block", realtime.block, "the block whose records the stream holds")->required();
   realtimeCmd->add_option("--keep", realtime.keep, "keep only the newest N records (default: all)")
       ->check(CLI::Range(1, 1000000));
+  CLI::Option* order =
+      realtimeCmd
+          ->add_option(
+              "--order", realtime.order,
+              "newest (newest first, as the processor keeps them) or arrival (in the order received)")
+          ->check(CLI::IsMember({"newest", "arrival"}))
+          ->capture_default_str();
+  realtimeCmd->add_flag("-f,--follow", realtime.follow,
+                        "show each record as soon as it is whole, from a pipe or a file still being written, "
+                        "until the feed closes or Ctrl-C (records in the order received)");
   addFormat(*realtimeCmd, realtime.format, realtime.raw);
+  addShowSecrets(*realtimeCmd, realtime.showSecrets);
   addStreaming(*realtimeCmd, realtime.quiet, realtime.chunkBytes, realtime.jobs);
   addEncoding(*realtimeCmd, realtime.common);
 
@@ -184,15 +220,19 @@ int main(int argc, char** argv) {
     if (*decodeCmd) return runDecode(decode);
     if (*encodeCmd) return runEncode(encode);
     if (*hexdumpCmd) return runHexdump(hexdump);
-    if (*realtimeCmd) return runRealtime(realtime);
+    if (*realtimeCmd) {
+      realtime.orderGiven = order->count() > 0;
+      return runRealtime(realtime);
+    }
     if (*checkCmd) return runCheck(checkOpts);
     if (*viewCmd) return runView(view);
   } catch (const Failure& failure) {
     std::cout.flush();
-    std::cerr << "blockproc: " << failure.message << "\n";
+    // Messages name blocks, fields and paths from the definition and the command line: shown printable.
+    std::cerr << "blockproc: " << printable(failure.message, true) << "\n";
     return failure.code;
   } catch (const std::exception& e) {
-    std::cerr << "blockproc: " << e.what() << "\n";
+    std::cerr << "blockproc: " << printable(e.what(), true) << "\n";
     return kExitData;
   } catch (...) {
     std::cerr << "blockproc: unexpected failure\n";
