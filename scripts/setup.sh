@@ -14,7 +14,7 @@
 # Debian 12 machine; otherwise installs through sudo.
 set -euo pipefail
 sample=(cmake make g++ libpugixml-dev libcli11-dev nlohmann-json3-dev libcpp-httplib-dev pkgconf)
-browser=(chromium chromium-driver python3-selenium)
+browser=(chromium chromium-driver python3-selenium fonts-nanum)
 python=(python3-dev pybind11-dev python3-pytest python3-numpy python3-pandas python3-dask python3-distributed)
 want=()
 profile=0
