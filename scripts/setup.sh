@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a command needs; does nothing for those already present.
 #
-#   scripts/setup.sh sample   build the library and the tool: cmake, g++, pugixml, CLI11, nlohmann-json
-#   scripts/setup.sh test     sample, GoogleTest / GoogleMock and the Python module's packages (the default)
+#   scripts/setup.sh sample   build the library and the tool: cmake, g++, pugixml, CLI11, nlohmann-json, and
+#                             cpp-httplib (with pkg-config) for the server of `blockproc view`
+#   scripts/setup.sh test     sample, GoogleTest / GoogleMock, the Python module's packages, and headless
+#                             Chromium with its driver and Selenium for the browser tests (the default)
 #   scripts/setup.sh python   sample, and pybind11 with Debian's python3, pytest, numpy, pandas, dask, distributed
 #   scripts/setup.sh fuzz     sample, and clang with its sanitizer runtime for the libFuzzer targets
 #   scripts/setup.sh bench    sample, and Google Benchmark
@@ -11,14 +13,15 @@
 # Other words are further Debian packages (scripts/valgrind.sh adds valgrind). Works as root on a fresh
 # Debian 12 machine; otherwise installs through sudo.
 set -euo pipefail
-sample=(cmake make g++ libpugixml-dev libcli11-dev nlohmann-json3-dev)
+sample=(cmake make g++ libpugixml-dev libcli11-dev nlohmann-json3-dev libcpp-httplib-dev pkgconf)
+browser=(chromium chromium-driver python3-selenium fonts-nanum)
 python=(python3-dev pybind11-dev python3-pytest python3-numpy python3-pandas python3-dask python3-distributed)
 want=()
 profile=0
 for word in "$@"; do
   case "$word" in
     sample) want+=("${sample[@]}"); profile=1 ;;
-    test) want+=("${sample[@]}" libgtest-dev libgmock-dev "${python[@]}"); profile=1 ;;
+    test) want+=("${sample[@]}" libgtest-dev libgmock-dev "${python[@]}" "${browser[@]}"); profile=1 ;;
     python) want+=("${sample[@]}" "${python[@]}"); profile=1 ;;
     fuzz) want+=("${sample[@]}" clang libclang-rt-14-dev); profile=1 ;;
     bench) want+=("${sample[@]}" libbenchmark-dev time); profile=1 ;;
@@ -26,7 +29,7 @@ for word in "$@"; do
     *) want+=("$word") ;;
   esac
 done
-((profile)) || want+=("${sample[@]}" libgtest-dev libgmock-dev "${python[@]}")
+((profile)) || want+=("${sample[@]}" libgtest-dev libgmock-dev "${python[@]}" "${browser[@]}")
 need=()
 for pkg in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || need+=("$pkg")

@@ -27,3 +27,9 @@ if grep -qx 'BLOCKPROC_PYTHON_MODULE:INTERNAL=ON' "$build/CMakeCache.txt"; then
 else
   echo "test.sh: $build has no Python module (BLOCKPROC_BUILD_PYTHON=OFF); pytest not run"
 fi
+# `blockproc view` in headless Chromium, in every build with the tool (a sanitizer build too); screenshots
+# go to $build/screenshots.
+if [ -x "$build/tools/blockproc/blockproc" ]; then
+  BLOCKPROC_BUILD_DIR="$(cd "$build" && pwd)" PYTHONDONTWRITEBYTECODE=1 \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider tests/browser
+fi

@@ -9,10 +9,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-tsan}
 bash scripts/setup.sh test bench
+# The same settings as scripts/python-tsan.sh, so that the two share one build.
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBLOCKPROC_WERROR=ON -DBLOCKPROC_BUILD_TESTS=ON \
-  -DBLOCKPROC_BUILD_TOOLS=ON -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_PYTHON=OFF \
-  -DCMAKE_CXX_FLAGS="-fsanitize=thread -fno-omit-frame-pointer" -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread \
-  >/dev/null
+  -DBLOCKPROC_BUILD_TOOLS=ON -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_PYTHON=ON \
+  -DBLOCKPROC_SANITIZE_THREAD=ON >/dev/null
 tests=(TransactionProc_test BlockprocStream_test)
 cmake --build "$build" -j "$(nproc)" --target blockproc_cli make_quote_capture "${tests[@]}"
 

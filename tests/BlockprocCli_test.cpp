@@ -197,7 +197,7 @@ TEST(BlockprocCli, AnswersHelpAndVersion) {
       {"decode",
        {"--format", "--block", "--output-dir", "--request", "--raw", "--encoding", "--jobs", "--quiet"}},
       {"encode", {"--output", "--reply", "--format", "--stream", "--strict", "--quiet"}},
-       {"check", {"--block", "--request", "--stream", "--format"}},
+      {"check", {"--block", "--request", "--stream", "--format"}},
       {"hexdump", {"--request", "--records", "--show-secrets"}},
       {"realtime", {"--block", "--keep", "--format", "--jobs", "--order", "--follow", "--show-secrets"}}};
   for (const auto& [command, options] : commands) {
@@ -392,8 +392,8 @@ TEST(BlockprocCli, ShowsTheStreamOfAOneRecordBlockAsRecords) {
                            R"("f2":0.00,"d0":0})";
   const struct {
     std::string format, part;
-  } cases[] = {{"jsonl", R"({"block":"Out","record":0,"txt":"XYZ")" + rest + "\n" +
-                             R"({"block":"Out","record":1,"txt":"ABC")" + rest + "\n"},
+  } cases[] = {{"jsonl", R"({"@block":"Out","@record":0,"txt":"XYZ")" + rest + "\n" +
+                             R"({"@block":"Out","@record":1,"txt":"ABC")" + rest + "\n"},
                {"json", "\"Out\": [\n      {\n        \"txt\": \"XYZ\""},
                {"table", "Out: 2 records\n#  txt"}};
   for (const auto& c : cases) {

@@ -224,6 +224,7 @@ class InputStream {
   std::string_view map();
   bool atEnd() const noexcept { return m_end; }
   int64_t size() const noexcept { return m_size; }  // a regular file's size, else -1
+  int descriptor() const noexcept { return m_fd; }
   const std::string& name() const noexcept { return m_name; }
 
  private:

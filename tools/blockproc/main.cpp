@@ -6,6 +6,7 @@
 //   blockproc hexdump DEF REPLY           the reply's bytes, each range labelled with its field
 //   blockproc realtime DEF STREAM --block NAME   real-time records, newest first (or as they arrive)
 //   blockproc check DEF DATA              what about the layout would make the data read cleanly
+//   blockproc view DEF DATA               an inspector in the browser (or --html FILE)
 //
 // Exit codes: 0 success, 1 data errors, 2 usage or definition errors.
 
@@ -16,6 +17,7 @@
 #include <CLI/CLI.hpp>
 
 #include "Cli.h"
+#include "View.h"
 
 #ifndef BLOCKPROC_VERSION
 #define BLOCKPROC_VERSION "unknown"
@@ -180,6 +182,30 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   addEncoding(*checkCmd, checkOpts.common);
 
+  ViewOptions view;
+  CLI::App* viewCmd = app.add_subcommand(
+      "view", "inspect data in the browser: bytes, fields, values, warnings (served on 127.0.0.1)");
+  addDefinition(*viewCmd, view.common);
+  viewCmd->add_option("DATA", view.data, "reply, request or stream bytes (- reads standard input)")
+      ->required();
+  viewCmd->add_flag("--request", view.request, "the data is a request: show its input blocks");
+  viewCmd->add_flag("--stream", view.stream,
+                    "the data is real-time records back to back, shown in file order a page at a time");
+  viewCmd->add_option("--block", view.block,
+                      "with --stream, the block whose records the stream holds (default: the first output "
+                      "block whose records make the stream whole)");
+  viewCmd->add_option("--port", view.port, "listen on this port of 127.0.0.1 (default: a free one)")
+      ->check(CLI::Range(1, 65535));
+  viewCmd->add_option("--html", view.html,
+                      "write the page with the data embedded to this file (opens without a server) instead");
+  viewCmd
+      ->add_option("--html-records", view.htmlRecords,
+                   "records embedded in the --html file, from the first (the page says so)")
+      ->check(CLI::Range(1, 500))
+      ->capture_default_str();
+  viewCmd->get_option("--request")->excludes(viewCmd->get_option("--stream"));
+  addEncoding(*viewCmd, view.common);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -205,6 +231,7 @@ int main(int argc, char** argv) {
       return runRealtime(realtime);
     }
     if (*checkCmd) return runCheck(checkOpts);
+    if (*viewCmd) return runView(view);
   } catch (const Failure& failure) {
     std::cout.flush();
     // Messages name blocks, fields and paths from the definition and the command line: shown printable.
