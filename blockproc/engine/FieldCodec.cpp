@@ -228,9 +228,10 @@ bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
 
 // A number: a blank value leaves the field spaces; a plain decimal with no more places than the field's is
 // written with its point (a sign, zero fill, the digits, the point and exactly the field's places, or the
-// same left-aligned in a text field), or without a point when the field's point is implied (a sign, zero
-// fill, then every digit, the last `places` of them the fraction). Other forms, and a value that leaves the
-// point no room, go the reference way.
+// same left-aligned in a text field); when they leave no room, with the point and only the places that
+// are not zero (zero fill ahead); when the point is implied or even that has no room, without the point
+// (a sign, zero fill, then every digit, the last `places` of them the fraction). Other forms go the
+// reference way.
 bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
   const std::string_view text = trimSpaces(value);
   if (text.empty()) {
@@ -262,7 +263,16 @@ bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
     if (leftAligned) std::memset(at, kSpace, static_cast<size_t>(length - used));
     return true;
   }
-  if (!pointWritten && digits <= implied) {
+  const int64_t compact = sign + std::max<int64_t>(digits, 1) + 1 + static_cast<int64_t>(p.fraction.size());
+  if (pointWritten && places > 0 && compact <= length) {  // the point and the places that are not zero
+    if (p.negative) *at++ = '-';
+    at = zeros(at, length - compact);
+    at = digits == 0 ? zeros(at, 1) : put(at, p.integer);
+    *at++ = '.';
+    put(at, p.fraction);
+    return true;
+  }
+  if (places > 0 && digits <= implied) {
     if (p.negative) *at++ = '-';
     at = put(zeros(at, implied - digits), p.integer);
     zeros(put(at, p.fraction), places - static_cast<int64_t>(p.fraction.size()));
