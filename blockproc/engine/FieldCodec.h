@@ -28,7 +28,7 @@ class FieldEncoder {
 
   // Writes the field's bytes (max(nLength, 0) of them) for `value` at `out` and gives true; or gives false
   // with `why` set to the quoted value and the reason ("'12.345' has 3 decimal places; the field holds 2",
-  // "'x' would read back as 'y'"), `out` then unspecified. Throws only std::bad_alloc.
+  // "'x' would read back as 'y'"), `out` then not to be used. Throws only std::bad_alloc.
   bool encode(std::string_view value, uint8_t* out, std::string& why);
 
   // The same, always the reference way: the prepared value laid out as the writer lays it out, then read
