@@ -12,8 +12,8 @@
 #include <random>
 #include <string>
 
-#include "blockproc/codec/TextCodec.h"
 #include "blockproc/data/BlockInfo.h"
+#include "blockproc/detail/TextCodec.h"
 
 namespace blockproc::quote {
 

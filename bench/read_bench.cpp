@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "QuoteLayout.h"
-#include "blockproc/codec/TextCodec.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/TextCodec.h"
 
 namespace blockproc {
 namespace {

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "blockproc/codec/Utf8.h"
+#include "blockproc/detail/Utf8.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)

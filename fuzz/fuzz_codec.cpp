@@ -13,8 +13,8 @@
 
 #include "FuzzCheck.h"
 #include "FuzzInput.h"
-#include "blockproc/codec/TextCodec.h"
-#include "blockproc/codec/Utf8.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::fuzz {
 namespace {

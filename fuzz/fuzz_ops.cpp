@@ -20,8 +20,8 @@
 #include "FuzzCheck.h"
 #include "FuzzInput.h"
 #include "blockproc/codec/TextEncoding.h"
-#include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/Utf8.h"
 #include "blockproc/parser/TBXML.h"
 
 namespace blockproc::fuzz {

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang in build-fuzz and runs each in turn for a bounded time.
 #
-#   scripts/fuzz.sh --ci                 every target for 45 s; fails on any crash, leak or sanitizer report
+#   scripts/fuzz.sh --ci                 every target for 30 s; fails on any crash, leak or sanitizer report
 #   scripts/fuzz.sh --seconds 1800       a longer local campaign (per target)
 #   scripts/fuzz.sh --runs 10000000      stop a target after that many executions (or the time, if first)
 #   scripts/fuzz.sh fuzz_ops fuzz_xml    only the targets named
@@ -27,7 +27,7 @@ while (($#)); do
   esac
   shift
 done
-[ -n "$seconds" ] || seconds=$([ "$ci" = 1 ] && echo 45 || echo 300)
+[ -n "$seconds" ] || seconds=$([ "$ci" = 1 ] && echo 30 || echo 300)
 ((${#targets[@]})) || targets=(fuzz_ops fuzz_xml fuzz_definition fuzz_codec fuzz_roundtrip fuzz_encode fuzz_fieldcodec)
 
 bash scripts/setup.sh fuzz

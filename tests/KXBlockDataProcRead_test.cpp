@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "TestBlocks.h"
-#include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc {
 namespace {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "bench/QuoteLayout.h"
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/TextCodec.h"
 
 namespace blockproc::check {
 namespace {

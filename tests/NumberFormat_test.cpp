@@ -1,6 +1,6 @@
 // Integers and fixed-point doubles against the C library's printf, which the readers' strings must equal.
 
-#include "blockproc/util/NumberFormat.h"
+#include "blockproc/detail/NumberFormat.h"
 
 #include <gtest/gtest.h>
 

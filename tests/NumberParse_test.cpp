@@ -1,6 +1,6 @@
 // Reading the leading number of a text: integers clamped to their range, doubles, hexadecimal.
 
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/NumberParse.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // decimal insertion is pinned through the readers, in the read tests; the UTF-16 position search through
 // KXBlockDataProc::findIndex, in the write tests).
 
-#include "blockproc/util/NumericText.h"
+#include "blockproc/detail/NumericText.h"
 
 #include <gtest/gtest.h>
 

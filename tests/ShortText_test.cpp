@@ -1,6 +1,6 @@
 // Short fields read by 16-byte blocks against the byte-by-byte readers they stand in for.
 
-#include "blockproc/util/ShortText.h"
+#include "blockproc/detail/ShortText.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "blockproc/util/NumericText.h"
+#include "blockproc/detail/NumericText.h"
 
 namespace blockproc::text {
 namespace {

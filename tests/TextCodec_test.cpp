@@ -1,10 +1,10 @@
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/TextCodec.h"
 
 #include <gtest/gtest.h>
 #include <iconv.h>
 
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc {
 namespace {

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
 
 namespace blockproc {
 namespace {

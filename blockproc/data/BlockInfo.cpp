@@ -5,8 +5,8 @@
 #include <limits>
 #include <utility>
 
-#include "blockproc/data/FieldNameIndex.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/FieldNameIndex.h"
+#include "blockproc/detail/Internal.h"
 
 namespace blockproc {
 

@@ -2,8 +2,8 @@
 // and the helpers every family of operations shares.
 
 #include "blockproc/data/KXBlockDataProc.h"
-#include "blockproc/data/RecordBuffer.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/RecordBuffer.h"
 
 #include <algorithm>
 #include <cstring>

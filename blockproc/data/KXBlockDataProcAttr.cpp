@@ -3,9 +3,9 @@
 #include <string_view>
 
 #include "blockproc/data/KXBlockDataProc.h"
-#include "blockproc/data/RecordBuffer.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/RecordBuffer.h"
 
 namespace blockproc {
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
-#include "blockproc/data/RecordBuffer.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/RecordBuffer.h"
 
 namespace blockproc {
 

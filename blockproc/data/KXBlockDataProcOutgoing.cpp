@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "blockproc/codec/TextCodec.h"
 #include "blockproc/data/KXBlockDataProc.h"
-#include "blockproc/data/RecordBuffer.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/RecordBuffer.h"
+#include "blockproc/detail/TextCodec.h"
 
 namespace blockproc {
 

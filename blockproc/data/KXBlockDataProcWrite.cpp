@@ -6,14 +6,14 @@
 #include <cstring>
 #include <string>
 
-#include "blockproc/codec/TextCodec.h"
-#include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
-#include "blockproc/data/RecordBuffer.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumberParse.h"
-#include "blockproc/util/NumericText.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/NumericText.h"
+#include "blockproc/detail/RecordBuffer.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc {
 

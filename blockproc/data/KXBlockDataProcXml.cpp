@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/NumberParse.h"
 #include "blockproc/parser/TBXML.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
 

@@ -17,12 +17,12 @@
 
 #include <pugixml.hpp>
 
-#include "blockproc/codec/TextCodec.h"
-#include "blockproc/codec/Utf8.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 #include "blockproc/parser/TBXML.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
 

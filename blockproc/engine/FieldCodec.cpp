@@ -9,12 +9,12 @@
 #include <cstring>
 #include <system_error>
 
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/NumericText.h"
+#include "blockproc/detail/TextCodec.h"
 #include "blockproc/engine/FieldValue.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumberParse.h"
-#include "blockproc/util/NumericText.h"
 
 namespace blockproc::value {
 

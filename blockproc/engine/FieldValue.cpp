@@ -10,11 +10,11 @@
 #include <limits>
 #include <system_error>
 
-#include "blockproc/codec/TextCodec.h"
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::value {
 

@@ -20,10 +20,10 @@
 #include <cstring>
 #include <limits>
 
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/TextCodec.h"
 #include "blockproc/engine/FieldValue.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc::check {
 

@@ -11,6 +11,15 @@
 // ones of each block), so the check of a large capture reads a few megabytes whatever its size.
 //
 // The check throws nothing but std::bad_alloc and touches no byte outside the data it is given.
+//
+// Usage:
+//
+//   auto loaded = DefinitionLoader::loadFile("tick.xml");
+//   check::CheckOptions options;
+//   options.kind = check::DataKind::Stream;
+//   options.block = "Tick";
+//   const check::CheckResult result = check::checkLayout(*loaded.definition, bytes, options);
+//   for (const check::Finding& f : result.findings) std::cout << check::describe(f) << '\n';
 
 #include <cstdint>
 #include <string>

@@ -6,12 +6,12 @@
 #include <cstring>
 #include <limits>
 
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/TextCodec.h"
 #include "blockproc/engine/FieldCodec.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/parser/TBXML.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc {
 

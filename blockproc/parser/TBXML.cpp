@@ -13,7 +13,7 @@
 #include <memory_resource>
 #include <new>
 
-#include "blockproc/codec/Utf8.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc {
 

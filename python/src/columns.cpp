@@ -16,11 +16,11 @@
 #include <limits>
 #include <vector>
 
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/data/FieldNameIndex.h"
+#include "blockproc/detail/FieldNameIndex.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/Utf8.h"
 #include "blockproc/engine/FieldValue.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumberParse.h"
 
 namespace blockproc::python {
 

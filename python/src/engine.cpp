@@ -7,11 +7,11 @@
 #include <memory>
 #include <vector>
 
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/TextCodec.h"
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/TransactionProc.h"
-#include "blockproc/util/Internal.h"
 #include "columns.h"
 #include "common.h"
 

@@ -14,8 +14,8 @@ PYBIND11_MAKE_OPAQUE(blockproc::KeyEncDict)
 #include <unordered_map>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/Internal.h"
 #include "blockproc/parser/TBXML.h"
-#include "blockproc/util/Internal.h"
 #include "common.h"
 
 namespace blockproc::python {

@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "Progress.h"
+#include "blockproc/detail/Internal.h"
 #include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/LayoutCheck.h"
 #include "blockproc/engine/TransactionProc.h"
-#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
 

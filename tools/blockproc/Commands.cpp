@@ -11,7 +11,7 @@
 #include <iostream>
 
 #include "Cli.h"
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/TextCodec.h"
 
 namespace blockproc::cli {
 

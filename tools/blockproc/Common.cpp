@@ -12,9 +12,9 @@
 #include <iterator>
 
 #include "Cli.h"
-#include "blockproc/codec/TextCodec.h"
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::cli {
 

@@ -8,8 +8,8 @@
 #include <optional>
 #include <vector>
 
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::cli {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "Cli.h"
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::cli {
 

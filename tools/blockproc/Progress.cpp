@@ -8,8 +8,8 @@
 #include <chrono>
 #include <cmath>
 
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberFormat.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
 
 namespace blockproc::cli {
 

@@ -10,9 +10,9 @@
 #include <thread>
 
 #include "Cli.h"
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/Internal.h"
-#include "blockproc/util/NumberFormat.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::cli {
 

@@ -12,9 +12,9 @@
 #include <cstring>
 
 #include "View.h"
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/TextCodec.h"
 #include "blockproc/engine/LayoutCheck.h"
-#include "blockproc/util/Internal.h"
 
 namespace blockproc::cli {
 

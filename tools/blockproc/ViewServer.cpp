@@ -14,7 +14,7 @@
 #include <random>
 
 #include "View.h"
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/NumberParse.h"
 
 #if BLOCKPROC_VIEW_SERVER
 #include <httplib.h>

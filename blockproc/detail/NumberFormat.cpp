@@ -1,4 +1,4 @@
-#include "blockproc/util/NumberFormat.h"
+#include "blockproc/detail/NumberFormat.h"
 
 #include <algorithm>
 #include <array>

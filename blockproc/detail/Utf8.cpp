@@ -1,4 +1,4 @@
-#include "blockproc/codec/Utf8.h"
+#include "blockproc/detail/Utf8.h"
 
 #include <cstring>
 

@@ -1,13 +1,13 @@
-#include "blockproc/util/NumericText.h"
+#include "blockproc/detail/NumericText.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 
-#include "blockproc/codec/TextCodec.h"
-#include "blockproc/codec/Utf8.h"
-#include "blockproc/util/NumberFormat.h"
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/NumberParse.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::num {
 

@@ -1,4 +1,4 @@
-#include "blockproc/util/NumberParse.h"
+#include "blockproc/detail/NumberParse.h"
 
 #include <algorithm>
 #include <charconv>

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "blockproc/codec/Utf8.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::internal {
 

@@ -1,5 +1,5 @@
-#include "blockproc/data/RecordBuffer.h"
-#include "blockproc/util/Internal.h"
+#include "blockproc/detail/RecordBuffer.h"
+#include "blockproc/detail/Internal.h"
 
 #include <algorithm>
 #include <cstring>

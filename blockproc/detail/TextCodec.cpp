@@ -1,4 +1,4 @@
-#include "blockproc/codec/TextCodec.h"
+#include "blockproc/detail/TextCodec.h"
 
 #include <iconv.h>
 
@@ -12,7 +12,7 @@
 #include <mutex>
 #include <new>
 
-#include "blockproc/codec/Utf8.h"
+#include "blockproc/detail/Utf8.h"
 
 namespace blockproc::codec {
 
