@@ -13,38 +13,11 @@
 #include <string>
 
 #include "../bench/QuoteLayout.h"
+#include "ToolRun.h"
 
 namespace {
 
-const std::string kSource = BLOCKPROC_SOURCE_DIR;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::string tempPath(const std::string& name) {
-  return ::testing::TempDir() + "blockproc_check_" + std::to_string(getpid()) + "_" + name;
-}
-
-std::string writeTemp(const std::string& name, const std::string& bytes) {
-  const std::string path = tempPath(name);
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-  return path;
-}
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
-
-Outcome run(const std::string& args) {
-  const std::string out = tempPath("out"), err = tempPath("err");
-  const std::string command =
-      "cd '" + kSource + "' && '" BLOCKPROC_CLI_PATH "' " + args + " >'" + out + "' 2>'" + err + "'";
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(out), readFile(err)};
-}
+using namespace tooltest;
 
 // 1,000 quote records as generated, the same with two more digits in front of each price, and cut short.
 struct Captures {

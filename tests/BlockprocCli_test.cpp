@@ -15,44 +15,17 @@
 #include <vector>
 
 #include "../bench/QuoteLayout.h"
+#include "ToolRun.h"
 
 namespace {
 
-const std::string kSource = BLOCKPROC_SOURCE_DIR;
+using namespace tooltest;
+
 const std::string kDef = "examples/current_price.xml";
 const std::string kReply = "examples/current_price.reply";
 const std::string kDecode = "decode " + kDef + " " + kReply;
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-std::string tempPath(const std::string& name) {
-  return ::testing::TempDir() + "blockproc_cli_" + std::to_string(getpid()) + "_" + name;
-}
-
 const std::string kSampleReply = readFile(kSource + "/" + kReply);
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
-
-// Runs the tool in the source directory with `args` (shell words) and `input` on standard input.
-Outcome run(const std::string& args, const std::string& input = "") {
-  const std::string in = tempPath("in"), out = tempPath("out"), err = tempPath("err");
-  writeFile(in, input);
-  const std::string command = "cd '" + kSource + "' && '" BLOCKPROC_CLI_PATH "' " + args + " <'" + in +
-                              "' >'" + out + "' 2>'" + err + "'";
-  const int status = std::system(command.c_str());
-  const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return {code, readFile(out), readFile(err)};
-}
 
 TEST(BlockprocCli, WritesTheGoldenOutputsExactly) {
   const struct {

@@ -13,39 +13,11 @@
 #include <string>
 
 #include "../bench/QuoteLayout.h"
+#include "ToolRun.h"
 
 namespace {
 
-const std::string kSource = BLOCKPROC_SOURCE_DIR;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::string tempPath(const std::string& name) {
-  return ::testing::TempDir() + "blockproc_encode_" + std::to_string(getpid()) + "_" + name;
-}
-
-std::string writeTemp(const std::string& name, const std::string& bytes) {
-  const std::string path = tempPath(name);
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-  return path;
-}
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
-
-// Runs the tool in the source directory with `input` on standard input.
-Outcome run(const std::string& args, const std::string& input = "") {
-  const std::string in = writeTemp("in", input), out = tempPath("out"), err = tempPath("err");
-  const std::string command = "cd '" + kSource + "' && '" BLOCKPROC_CLI_PATH "' " + args + " <'" + in +
-                              "' >'" + out + "' 2>'" + err + "'";
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(out), readFile(err)};
-}
+using namespace tooltest;
 
 // A request block, a one-record reply block ahead of a count prefix, a block counted by a field, and a
 // count="rest" block: every way a block's records are laid out.

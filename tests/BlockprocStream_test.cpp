@@ -12,39 +12,19 @@
 #include <string>
 
 #include "../bench/QuoteLayout.h"
+#include "ToolRun.h"
 
 namespace {
 
-const std::string kSource = BLOCKPROC_SOURCE_DIR;
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-std::string tempPath(const std::string& name) {
-  return ::testing::TempDir() + "blockproc_stream_" + std::to_string(getpid()) + "_" + name;
-}
-
-std::string writeTemp(const std::string& name, const std::string& bytes) {
-  const std::string path = tempPath(name);
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-  return path;
-}
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
+using tooltest::kSource;
+using tooltest::Outcome;
+using tooltest::readFile;
+using tooltest::tempPath;
+using tooltest::writeTemp;
 
 // Runs the tool in the source directory; `pipe`, when given, is a file fed through a pipe.
 Outcome run(const std::string& args, const std::string& pipe = "") {
-  const std::string out = tempPath("out"), err = tempPath("err");
-  const std::string feed = pipe.empty() ? "" : "cat '" + pipe + "' | ";
-  const std::string command = "cd '" + kSource + "' && " + feed + "'" BLOCKPROC_CLI_PATH "' " + args + " >'" +
-                              out + "' 2>'" + err + "'";
-  const int status = std::system(command.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(out), readFile(err)};
+  return tooltest::runTool(args, pipe.empty() ? "" : "cat '" + pipe + "' | ", writeTemp("in", ""));
 }
 
 // 300 quote records (36,000 bytes): a piece of one record, or of a few kilobytes, makes many pieces.
