@@ -5,11 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-tsan}
-bash scripts/setup.sh test bench
-# The same settings as scripts/tsan.sh, so that the two share one build.
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBLOCKPROC_WERROR=ON -DBLOCKPROC_BUILD_TESTS=ON \
-  -DBLOCKPROC_BUILD_TOOLS=ON -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_PYTHON=ON \
-  -DBLOCKPROC_SANITIZE_THREAD=ON >/dev/null
+TSAN_CONFIGURE_ONLY=1 bash scripts/tsan.sh "$build"  # the thread-sanitized build the two scripts share
 cmake --build "$build" -j "$(nproc)" --target _blockproc
 built=$(cd "$build" && pwd)
 compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$build/CMakeCache.txt")

@@ -9,10 +9,11 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-tsan}
 bash scripts/setup.sh test bench
-# The same settings as scripts/python-tsan.sh, so that the two share one build.
+# One build for this and scripts/python-tsan.sh, which asks for the configuration alone.
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBLOCKPROC_WERROR=ON -DBLOCKPROC_BUILD_TESTS=ON \
   -DBLOCKPROC_BUILD_TOOLS=ON -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_PYTHON=ON \
   -DBLOCKPROC_SANITIZE_THREAD=ON >/dev/null
+[ "${TSAN_CONFIGURE_ONLY:-}" = 1 ] && exit 0
 tests=(TransactionProc_test BlockprocStream_test)
 cmake --build "$build" -j "$(nproc)" --target blockproc_cli make_quote_capture "${tests[@]}"
 
