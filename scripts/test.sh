@@ -12,14 +12,15 @@ cmake --build "$build" -j "$(nproc)"
 ctest --test-dir "$build" --output-on-failure -j "$(nproc)"
 # The Python module's tests, run by the interpreter it is built for. A module built with AddressSanitizer and
 # UndefinedBehaviorSanitizer runs in the uninstrumented interpreter with the sanitizer runtime preloaded (it
-# must come first); the interpreter's own allocations are never freed at exit, so leaks are not reported.
+# must come first), and Python objects come from malloc so that a use after free of one is caught too; the
+# interpreter's own allocations are never freed at exit, so leaks are not reported.
 if grep -qx 'BLOCKPROC_PYTHON_MODULE:INTERNAL=ON' "$build/CMakeCache.txt"; then
   built=$(cd "$build" && pwd)
   preload=() sanitized=""
   if grep -qx 'BLOCKPROC_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then
     compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$build/CMakeCache.txt")
     preload=(LD_PRELOAD="$("$compiler" -print-file-name=libasan.so) $("$compiler" -print-file-name=libubsan.so)"
-      ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0")
+      ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0" PYTHONMALLOC=malloc)
     sanitized=1
   fi
   env "${preload[@]}" PYTHONPATH="$built/python" BLOCKPROC_BUILD_DIR="$built" BLOCKPROC_SANITIZED="$sanitized" \

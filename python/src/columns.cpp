@@ -325,14 +325,16 @@ py::array textColumn(const FieldAt& at, int64_t count, std::string& scratch) {
 
 // decimal.Decimal objects of scaled values. A column's values come back often (prices, rates), and a Decimal
 // is immutable, so each one made is kept in a direct-mapped table by its scaled value and handed out again: a
-// value seen before costs a lookup (about 6 ns), a new one the product of Decimal("1E-<places>") and the int
-// (about 110 ns; a Decimal made from its text takes twice that). A product is rounded to the thread's decimal
-// context, so while the maker lives the thread has its own context, with room for every 64-bit integer; the
-// caller's comes back when it goes. The table takes twice the column's records in slots, up to kSlots (64
-// KiB).
+// value seen before costs a lookup, a new one the product of Decimal("1E-<places>") and the int (a Decimal
+// made from its text costs twice that). A product is rounded to the thread's decimal context, so while the
+// maker lives the thread has its own context, with room for every 64-bit integer; the caller's comes back
+// when it goes. The table takes twice the column's records in slots, up to kSlots (256 KiB, so that it stays
+// in a core's second-level cache). Its pointers are borrowed: every Decimal it makes is held by the column
+// the caller fills, which outlives the maker, so a slot is overwritten without touching the object it held
+// (a cold cache line for a value made long before). bench/python_bench.py shows each choice.
 class DecimalMaker {
  public:
-  static constexpr size_t kSlots = 4096;
+  static constexpr size_t kSlots = 16384;
   DecimalMaker(int32_t places, int64_t records)
       : m_module(py::module_::import("decimal")),
         m_type(m_module.attr("Decimal")),
@@ -345,7 +347,6 @@ class DecimalMaker {
         m_module.attr("Context")(py::arg("prec") = 40, py::arg("traps") = py::list()));
   }
   ~DecimalMaker() {
-    for (Slot& s : m_slots) Py_XDECREF(s.value);
     // Put back with any error being raised kept aside.
     PyObject *type, *value, *trace;
     PyErr_Fetch(&type, &value, &trace);
@@ -357,7 +358,7 @@ class DecimalMaker {
   DecimalMaker(const DecimalMaker&) = delete;
   DecimalMaker& operator=(const DecimalMaker&) = delete;
 
-  // A new reference to the Decimal of scaled * 10^-places.
+  // A new reference to the Decimal of scaled * 10^-places; the caller holds it at least as long as the maker.
   PyObject* scaled(int64_t value) {
     Slot& slot = m_slots[(static_cast<uint64_t>(value) * 0x9E3779B97F4A7C15ULL) >> m_shift];
     if (slot.value != nullptr && slot.key == value) return newRef(slot.value);
@@ -366,8 +367,7 @@ class DecimalMaker {
     PyObject* made = PyNumber_Multiply(m_unit.ptr(), number);
     Py_DECREF(number);
     if (made == nullptr) throw py::error_already_set();
-    Py_XDECREF(slot.value);
-    slot.value = newRef(made);
+    slot.value = made;
     slot.key = value;
     return made;
   }

@@ -188,3 +188,15 @@ def test_a_reply_beyond_2_gib_is_read_when_its_last_block_takes_the_rest():
             blockproc.to_pandas(fixed, reply, "H")
     finally:
         reply.close()
+
+
+def test_decimals_stay_exact_when_the_table_of_made_values_overflows():
+    # More distinct values than the maker's table holds, each coming back later: every slot is overwritten
+    # many times, and a value handed out again must still be the one made for it (run under AddressSanitizer
+    # with PYTHONMALLOC=malloc, a Decimal freed too early would be caught here).
+    values = [(k * 7919) % 50_000 - 25_000 for k in range(120_000)]
+    frame = pd.DataFrame({"v": pd.array(values, dtype="Int64")})
+    got = blockproc.as_decimal(frame, "v", 3)
+    assert got.tolist() == [D(v).scaleb(-3) for v in values]
+    repeated = blockproc.as_decimal(frame.head(1_000) % 100, "v", 3)
+    assert len({id(d) for d in repeated}) <= 100  # values seen before are shared, not made again
