@@ -67,10 +67,8 @@ struct RawValue {
 
 // 10 to the power `places`; exact in a double up to 10^22, as std::pow gives them.
 double powerOfTen(int32_t places) noexcept {
-  static constexpr std::array<double, 23> kExact{1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                 1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                                 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-  if (places >= 0 && places < static_cast<int32_t>(kExact.size())) return kExact[static_cast<size_t>(places)];
+  if (places >= 0 && places < static_cast<int32_t>(num::kExactPowersOfTen.size()))
+    return num::kExactPowersOfTen[static_cast<size_t>(places)];
   return std::pow(10.0, places);
 }
 

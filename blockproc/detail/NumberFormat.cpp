@@ -23,20 +23,10 @@ float narrowToFloat(double value) noexcept {
 
 namespace {
 
-constexpr auto kPow10 = [] {
-  std::array<uint64_t, 20> powers{};
-  uint64_t power = 1;
-  for (auto& p : powers) {
-    p = power;
-    power *= 10;
-  }
-  return powers;
-}();
-
 // The count of decimal digits of v (1 for 0).
 int decimalLength(uint64_t v) noexcept {
   const int guess = (static_cast<int>(std::bit_width(v | 1)) * 1233) >> 12;  // log10(2) ~ 1233 / 4096
-  return guess + ((v | 1) >= kPow10[static_cast<size_t>(guess)] ? 1 : 0);
+  return guess + ((v | 1) >= kPowersOfTen[static_cast<size_t>(guess)] ? 1 : 0);
 }
 
 // Digits in a register. The 8 digits of v < 10^8 are made in one 64-bit word, its first byte the first
@@ -135,7 +125,7 @@ char* writeFixed(char* dst, double value, int32_t places) noexcept {
   const int shift = 1075 - exponent;                                  // value = mantissa / 2^shift
   if (shift <= 0) return nullptr;                                     // 2^52 and above
   __extension__ typedef unsigned __int128 u128;                       // GCC and Clang on 64-bit targets
-  const uint64_t scale = kPow10[static_cast<size_t>(places)];
+  const uint64_t scale = kPowersOfTen[static_cast<size_t>(places)];
   const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | (uint64_t{1} << 52);
   uint64_t integral = 0, decimals = 0;
   bool roundUp = false;

@@ -1,6 +1,6 @@
-// Decoding block records for Python. Values come from the engine's canonical renderer; the column builders
-// take a few common forms by fast paths that give the same values (each says why it is the same and what it
-// saves) and hand everything else to the engine.
+// Decoding block records for Python. Values come from the engine: number fields in their plain forms by its
+// number readers (engine/NumberDecode.h), everything else by its canonical renderer; text columns keep each
+// value's str while it keeps coming back.
 
 #include "columns.h"
 
@@ -21,36 +21,11 @@
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/Utf8.h"
 #include "blockproc/engine/FieldValue.h"
+#include "blockproc/engine/NumberDecode.h"
 
 namespace blockproc::python {
 
 namespace {
-
-constexpr std::array<uint64_t, 20> kPowersOfTen{1ULL,
-                                                10ULL,
-                                                100ULL,
-                                                1000ULL,
-                                                10000ULL,
-                                                100000ULL,
-                                                1000000ULL,
-                                                10000000ULL,
-                                                100000000ULL,
-                                                1000000000ULL,
-                                                10000000000ULL,
-                                                100000000000ULL,
-                                                1000000000000ULL,
-                                                10000000000000ULL,
-                                                100000000000000ULL,
-                                                1000000000000000ULL,
-                                                10000000000000000ULL,
-                                                100000000000000000ULL,
-                                                1000000000000000000ULL,
-                                                10000000000000000000ULL};
-
-// 10^k as doubles, each exact.
-constexpr std::array<double, 23> kExactPowers = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                 1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
-                                                 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
 // One field of the records being decoded, for reading its bytes and naming it in messages.
 struct FieldAt {
@@ -106,72 +81,6 @@ bool canonicalScaled(const FieldAt& at, int64_t record, std::string& scratch, in
     at.fail(record, 0, scratch + " does not fit a 64-bit column; decode gives it exactly");
   }
   out = scaled.value;
-  return true;
-}
-
-enum class Plain { Value, Blank, Other };
-
-// Numeric text of the wire as value * 10^places, when it is in the form replies carry: spaces, an optional
-// sign, at most 18 digits with none or at most `places` after a point (without one the last `places` digits
-// are the decimals), then spaces or NULs. The engine reads these bytes as the same value; Other for anything
-// else, which the caller hands to the engine. Kept for speed: several times faster than rendering the
-// canonical text and reading it back (the number fields of the quote capture, bench/python_bench.py).
-Plain plainScaled(std::string_view bytes, int32_t places, int64_t& out) noexcept {
-  size_t end = bytes.size(), i = 0;
-  while (end > 0 && (bytes[end - 1] == ' ' || bytes[end - 1] == '\0')) --end;
-  while (i < end && bytes[i] == ' ') ++i;
-  if (i == end) return Plain::Blank;
-  const bool negative = bytes[i] == '-';
-  if (bytes[i] == '-' || bytes[i] == '+') ++i;
-  uint64_t digits = 0;  // wraps past 18 digits, which are then refused below
-  int32_t count = 0, fraction = -1;
-  for (; i < end; ++i) {
-    const char c = bytes[i];
-    if (c >= '0' && c <= '9') {
-      digits = digits * 10 + static_cast<uint64_t>(c - '0');
-      ++count;
-      if (fraction >= 0) ++fraction;
-    } else if (c == '.' && fraction < 0) {
-      fraction = 0;
-    } else {
-      return Plain::Other;
-    }
-  }
-  const int32_t missing = fraction < 0 ? 0 : places - fraction;
-  if (count == 0 || missing < 0 || count + missing > 18) return Plain::Other;
-  digits *= kPowersOfTen[static_cast<size_t>(missing)];
-  out = negative ? -static_cast<int64_t>(digits) : static_cast<int64_t>(digits);
-  return Plain::Value;
-}
-
-// The value a float or double field shows as a float64: a double is its own value; a float is the shortest
-// decimal text of its float with the point moved `places` left, read back as the nearest double. A whole
-// float below 2^24 in magnitude is that integer, and one correctly rounded division by 10^places (exact for
-// places up to 22) gives the nearest double to integer * 10^-places; any other float goes through its
-// shortest text. False for a non-finite value, which the caller hands to the engine.
-bool realValue(std::string_view bytes, bool isFloat, int32_t places, double& out) noexcept {
-  if (!isFloat) {
-    std::memcpy(&out, bytes.data(), sizeof out);
-    return std::isfinite(out);
-  }
-  float value = 0;
-  std::memcpy(&value, bytes.data(), sizeof value);
-  if (!std::isfinite(value)) return false;
-  if (places == 0) {
-    out = value;
-    return true;
-  }
-  if (std::fabs(value) < 16777216.0f && places <= 22 && std::trunc(value) == value) {
-    out = static_cast<double>(value) / kExactPowers[static_cast<size_t>(places)];
-    return true;
-  }
-  char text[64];
-  char* end = std::to_chars(text, text + 40, value, std::chars_format::scientific).ptr;
-  const char* e = std::find(text, end, 'e');
-  const int64_t exponent =
-      num::parseLeadingInt(std::string_view(e + 1, static_cast<size_t>(end - e - 1)), -1000, 1000) - places;
-  end = num::writeInt(const_cast<char*>(e) + 1, exponent);
-  out = num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
   return true;
 }
 
@@ -427,19 +336,7 @@ struct FloatSink {
   py::array_t<double> values;
   int32_t places;
   FloatSink(int64_t count, int32_t p) : values(count), places(p) {}
-  // |v| below 2^53 and 10^places are exact doubles, and one division rounds once: the nearest double.
-  void scaled(int64_t i, int64_t v) {
-    if (v > -(int64_t{1} << 53) && v < (int64_t{1} << 53) && places <= 22) {
-      values.mutable_data()[i] = static_cast<double>(v) / kExactPowers[static_cast<size_t>(places)];
-      return;
-    }
-    char text[num::kIntRoom + 24];
-    char* end = num::writeInt(text, v);
-    *end++ = 'e';
-    end = num::writeInt(end, -places);
-    values.mutable_data()[i] =
-        num::parseLeadingDouble(std::string_view(text, static_cast<size_t>(end - text)));
-  }
+  void scaled(int64_t i, int64_t v) { values.mutable_data()[i] = value::scaledToDouble(v, places); }
   void none(int64_t i) { values.mutable_data()[i] = std::numeric_limits<double>::quiet_NaN(); }
   void text(const FieldAt&, int64_t i, const std::string& canonical) {
     values.mutable_data()[i] = num::parseLeadingDouble(canonical);
@@ -473,10 +370,10 @@ std::pair<py::object, py::object> numberColumn(const FieldAt& at, int64_t count,
   Sink sink(count, places);
   for (int64_t record = 0; record < count; ++record) {
     int64_t v = 0;
-    const Plain plain = plainScaled(at.bytes(record), places, v);
-    if (plain == Plain::Value) {
+    const value::ScaledRead plain = value::readScaled(at.bytes(record), places, v);
+    if (plain == value::ScaledRead::Value) {
       sink.scaled(record, v);
-    } else if (plain == Plain::Blank) {
+    } else if (plain == value::ScaledRead::Blank) {
       sink.none(record);
     } else {
       at.canonical(record, scratch);
@@ -498,7 +395,7 @@ py::array realColumn(const FieldAt& at, int64_t count, int32_t places, std::stri
   const int32_t width = isFloat ? 4 : 8;
   for (int64_t record = 0; record < count; ++record) {
     const std::string_view raw = at.bytes(record);
-    if (at.field.nLength >= width && realValue(raw, isFloat, places, out[record])) continue;
+    if (at.field.nLength >= width && value::readReal(raw, isFloat, places, out[record])) continue;
     at.canonical(record, scratch);
     if (at.field.nLength >= width) {
       // Not finite, and the engine takes it: the stored value itself.
