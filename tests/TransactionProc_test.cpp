@@ -388,5 +388,24 @@ TEST(TransactionProc, WritesThousandsSeparators) {
   for (const auto& [value, text] : cases) EXPECT_EQ(internal::withThousands(value), text);
 }
 
+// A definition changed in memory so that a field lies past its record: building through the processor must
+// refuse that field's value rather than drop it.
+TEST(TransactionProcBuild, AFieldPastItsRecordIsRefusedNotDropped) {
+  Loaded t = load(twoBlocks("rest", 0));
+  ASSERT_TRUE(t.def);
+  // The block owns its fields; reaching one stands for a block whose own layout puts it there.
+  auto* n = const_cast<FieldInfo*>(t.def->tran.m_OutBlockList[0]->getFieldInfoFromName("n"));
+  ASSERT_NE(n, nullptr);
+  n->nDataPos = 100;
+  TransactionProc proc(*t.def);
+  const auto built = proc.buildReply({{"Head", {{{{"name", "ab"}, {"n", "5"}}, {}}}}});
+  EXPECT_FALSE(built.ok) << "built " << built.bytes.size() << " bytes";
+  EXPECT_NE(built.message.find("record 0, field n:"), std::string::npos) << built.message;
+  std::string out;
+  const std::string why = proc.appendRecord(out, *proc.findBlockProc("Head"), {{{"n", "5"}}, {}}, 0, false);
+  EXPECT_NE(why.find("record 0, field n:"), std::string::npos) << why;
+  EXPECT_TRUE(out.empty());
+}
+
 }  // namespace
 }  // namespace blockproc
