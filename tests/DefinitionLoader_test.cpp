@@ -199,6 +199,7 @@ TEST(DefinitionLoader, RefusesABrokenDefinitionNamingTheLineAndProblem) {
 TEST(DefinitionLoader, RefusesNamesThatCouldEscapeOrReachATerminalRaw) {
   const std::string kControl = "holds a control character (";
   const std::string kNoControl = "); names are shown on terminals, so they hold none";
+  const std::string kDirection = "holds a character that reorders or breaks the text shown (";
   const std::string kSeparator =
       "'; a block's name becomes a file name (decode --output-dir), so names hold no / or \\";
   const std::string kAt =
@@ -226,6 +227,13 @@ TEST(DefinitionLoader, RefusesNamesThatCouldEscapeOrReachATerminalRaw) {
       {fieldA("name='x&#127;' type='int16'"), "4: field name 'x\\x7F' " + kControl + "\\x7F" + kNoControl},
       {fieldA("name='x&#x9B;2J' type='int16'"),
        "4: field name 'x\\xC2\\x9B2J' " + kControl + "\\xC2\\x9B" + kNoControl},
+      // Characters that make a name show as another: a right-to-left override, an isolate, a line separator.
+      {fieldA("name='x&#x202E;cod.exe' type='int16'"),
+       "4: field name 'x\\xE2\\x80\\xAEcod.exe' " + kDirection + "\\xE2\\x80\\xAE" + kNoControl},
+      {outputs("<block name='a&#x2066;b'><field name='x' type='int16'/></block>\n"),
+       "3: block name 'a\\xE2\\x81\\xA6b' " + kDirection + "\\xE2\\x81\\xA6" + kNoControl},
+      {fieldA("name='a&#x2028;b' type='int16'"),
+       "4: field name 'a\\xE2\\x80\\xA8b' " + kDirection + "\\xE2\\x80\\xA8" + kNoControl},
       {fieldA("name='a/b' type='int16'"), "4: field name 'a/b' holds '/" + kSeparator},
       {fieldA("name='..' type='int16'"),
        "4: field name '..' is .., which stands for a folder; a block's name becomes a file name"},
@@ -236,7 +244,10 @@ TEST(DefinitionLoader, RefusesNamesThatCouldEscapeOrReachATerminalRaw) {
       {fieldA("name='a@hex' type='int16'"), "4: field name 'a@hex" + kAt},
       {"<transaction code='T&#27;[2J'>\n<output>\n" + kBlockA + "</output>\n</transaction>\n",
        "1: the transaction code 'T\\x1B[2J' holds a control character (\\x1B); a code is shown on "
-       "terminals, so it holds none"}};
+       "terminals, so it holds none"},
+      {"<transaction code='T&#x200F;'>\n<output>\n" + kBlockA + "</output>\n</transaction>\n",
+       "1: the transaction code 'T\\xE2\\x80\\x8F' holds a character that reorders or breaks the text shown "
+       "(\\xE2\\x80\\x8F); a code is shown on terminals, so it holds none"}};
   for (const auto& c : cases) {
     const DefinitionResult result = load(c.xml);
     EXPECT_EQ(result.definition, nullptr) << c.description;

@@ -28,14 +28,16 @@ inline void appendHexByte(std::string& out, uint8_t byte, const char* digits = k
   out.push_back(digits[byte & 15]);
 }
 
-// The text with every control character (C0, DEL and C1) shown as \xNN, a byte at a time, so that text from a
-// definition or from the data can neither break a line of output nor move the cursor or clear a terminal.
-// With `keepNewlines`, a '\n' stays a line break (a message of several lines).
+// The text with every control character (C0, DEL and C1) and every character that reorders or breaks the
+// text shown (utf8::directionalLength) as \xNN, a byte at a time, so that text from a definition or from the
+// data can neither break a line of output, move the cursor or clear a terminal, nor show as other text. With
+// `keepNewlines`, a '\n' stays a line break (a message of several lines).
 inline std::string printable(std::string_view text, bool keepNewlines = false) {
   std::string out;
   out.reserve(text.size());
   for (size_t at = 0; at < text.size();) {
-    const size_t control = keepNewlines && text[at] == '\n' ? 0 : utf8::controlLength(text, at);
+    size_t control = keepNewlines && text[at] == '\n' ? 0 : utf8::controlLength(text, at);
+    if (control == 0) control = utf8::directionalLength(text, at);
     if (control == 0) {
       out.push_back(text[at++]);
       continue;

@@ -57,6 +57,27 @@ constexpr size_t controlLength(std::string_view text, size_t at) noexcept {
   return next >= 0x80 && next <= 0x9F ? 2 : 0;
 }
 
+// Bytes of the character that starts at text[at] when it reorders or breaks the text a terminal shows
+// without being a control: the bidirectional marks, embeddings, overrides and isolates (U+061C, U+200E,
+// U+200F, U+202A to U+202E, U+2066 to U+2069) and the line and paragraph separators (U+2028, U+2029); 0 for
+// any other character or past the end. A name holding one can show as another name.
+constexpr size_t directionalLength(std::string_view text, size_t at) noexcept {
+  if (at + 1 >= text.size()) return 0;
+  const auto lead = static_cast<uint8_t>(text[at]), second = static_cast<uint8_t>(text[at + 1]);
+  if (lead == 0xD8 && second == 0x9C) return 2;  // U+061C
+  if (lead != 0xE2 || at + 2 >= text.size()) return 0;
+  const auto third = static_cast<uint8_t>(text[at + 2]);
+  if (second == 0x80) return third == 0x8E || third == 0x8F || (third >= 0xA8 && third <= 0xAE) ? 3 : 0;
+  return second == 0x81 && third >= 0xA6 && third <= 0xA9 ? 3 : 0;
+}
+
+// Where the first character directionalLength counts starts, or std::string_view::npos.
+constexpr size_t findDirectional(std::string_view text) noexcept {
+  for (size_t at = 0; at < text.size(); ++at)
+    if (directionalLength(text, at) > 0) return at;
+  return std::string_view::npos;
+}
+
 // Where the first control character (C0, DEL or C1) of the text starts, or std::string_view::npos.
 constexpr size_t findControl(std::string_view text) noexcept {
   for (size_t at = 0; at < text.size(); ++at) {

@@ -247,6 +247,12 @@ class Loader {
       fail(root, "the transaction code " + quoted(code) + " holds a control character (" +
                      internal::printable(code.substr(at, utf8::controlLength(code, at))) +
                      "); a code is shown on terminals, so it holds none");
+    if (const size_t at = utf8::findDirectional(code); at != std::string::npos)
+      fail(root, "the transaction code " + quoted(code) +
+                     " holds a character that reorders or breaks the "
+                     "text shown (" +
+                     internal::printable(code.substr(at, utf8::directionalLength(code, at))) +
+                     "); a code is shown on terminals, so it holds none");
     tran.setTrCode(code);
     m_def->title = valueOf(root.attribute("title"));
     tran.m_strDataMode = valueOf(root.attribute("datamode"));
@@ -692,6 +698,10 @@ std::string nameProblem(std::string_view name) {
   if (const size_t at = utf8::findControl(name); at != std::string_view::npos)
     return "holds a control character (" +
            internal::printable(name.substr(at, utf8::controlLength(name, at))) +
+           "); names are shown on terminals, so they hold none";
+  if (const size_t at = utf8::findDirectional(name); at != std::string_view::npos)
+    return "holds a character that reorders or breaks the text shown (" +
+           internal::printable(name.substr(at, utf8::directionalLength(name, at))) +
            "); names are shown on terminals, so they hold none";
   if (const size_t at = name.find_first_of("/\\"); at != std::string_view::npos)
     return "holds '" + std::string(1, name[at]) +
