@@ -536,6 +536,7 @@ struct TransactionProc::RecordPlan {
   std::vector<uint8_t> given;  // by field index: whether the values give the field
   std::string record;          // a request's record before it is packed
   bool direct = false;
+  bool made = false;  // worked out
 
   // The caller's values as views (RecordValues converted, without copying its text).
   std::vector<std::pair<std::string_view, std::string_view>> viewFields;
@@ -561,7 +562,7 @@ struct TransactionProc::RecordPlan {
   }
 
   const Slot& slotOf(const KXBlockDataProc& proc, size_t k, std::string_view name) {
-    if (k < byPosition.size() && byPosition[k].name == name) return byPosition[k];
+    if (k < byPosition.size() && internal::sameName(byPosition[k].name, name)) return byPosition[k];
     const FieldInfo& field = fieldOf(proc, name);
     if (k >= byPosition.size()) byPosition.resize(k + 1);
     byPosition[k] = {std::string(name), &field, &encoderOf(proc, field)};
@@ -644,9 +645,13 @@ struct TransactionProc::RecordPlan {
 };
 
 TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
+  if (m_lastPlanProc == &proc) return *m_lastPlan;
   std::unique_ptr<RecordPlan>& slot = m_plans[&proc];
-  if (slot) return *slot;
-  slot = std::make_unique<RecordPlan>();
+  if (!slot) slot = std::make_unique<RecordPlan>();
+  m_lastPlanProc = &proc;
+  m_lastPlan = slot.get();
+  if (m_lastPlan->made) return *m_lastPlan;
+  m_lastPlan->made = true;
   RecordPlan& plan = *slot;
   const BlockInfo& block = *proc.getBlockInfo();
   const int64_t size = block.getRecordMemSize();

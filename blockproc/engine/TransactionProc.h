@@ -162,6 +162,9 @@ class TransactionProc : public BaseDataProc {
   std::vector<KXBlockDataProc*> m_InblockDPList, m_OutblockDPList;
   std::map<std::string, KXBlockDataProc*, std::less<>> m_blockDPMap;
   std::unordered_map<const KXBlockDataProc*, std::unique_ptr<RecordPlan>> m_plans;
+  // The plan used last, found without a lookup: a block's records are built one after another.
+  const KXBlockDataProc* m_lastPlanProc = nullptr;
+  RecordPlan* m_lastPlan = nullptr;
 };
 
 }  // namespace blockproc

@@ -139,7 +139,8 @@ class Encoder {
   };
 
   static const FieldInfo* fieldAt(Block& b, size_t k, std::string_view name) {
-    if (k < b.byPosition.size() && b.byPosition[k].first == name) return b.byPosition[k].second;
+    if (k < b.byPosition.size() && internal::sameName(b.byPosition[k].first, name))
+      return b.byPosition[k].second;
     const FieldInfo* f = b.proc->findFieldInfo(name);
     if (f == nullptr) return nullptr;
     if (k >= b.byPosition.size()) b.byPosition.resize(k + 1);

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cctype>
+#include <cstring>
 #include <optional>
 #include <vector>
 
@@ -111,6 +113,31 @@ void beginRecord(InputRecord& r, int64_t line) {
   clearValues(r);
 }
 
+// Where the first byte of `text` that `stop` marks stands, or text.size(). Eight bytes are looked at a time
+// for one of the `words` (each a byte repeated eight times) or, with `controls`, a byte below 0x20: a word x
+// holds a zero byte exactly when (x - 0x01..01) & ~x & 0x80..80 is not zero, and a byte below 0x20 exactly
+// when (x - 0x20..20) & ~x & 0x80..80 is not; the lowest bit set is the first such byte's (a borrow only
+// marks bytes above it). The last bytes, fewer than eight, are looked at one by one.
+template <size_t N>
+size_t findStop(std::string_view text, const std::array<bool, 256>& stop,
+                const std::array<uint64_t, N>& words, bool controls) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
+  size_t n = 0;
+  for (; n + 8 <= text.size(); n += 8) {
+    uint64_t x;
+    std::memcpy(&x, text.data() + n, 8);
+    uint64_t found = controls ? (x - kOnes * 0x20) & ~x : 0;
+    for (const uint64_t word : words) found |= ((x ^ word) - kOnes) & ~(x ^ word);
+    if ((found & kHighs) != 0) return n + static_cast<size_t>(std::countr_zero(found & kHighs) / 8);
+  }
+  while (n < text.size() && !stop[static_cast<uint8_t>(text[n])]) ++n;
+  return n;
+}
+
+constexpr uint64_t repeated(char c) {
+  return 0x0101010101010101ull * static_cast<uint8_t>(c);
+}
+
 // ---- JSON -------------------------------------------------------------------------------------------------
 
 // Bytes that end a run of a JSON string's plain bytes: the closing quote, an escape, a control character.
@@ -121,8 +148,21 @@ constexpr std::array<bool, 256> kJsonStringStop = [] {
   return table;
 }();
 
+// Bytes a JSON number is made of.
+constexpr std::array<bool, 256> kJsonNumeric = [] {
+  std::array<bool, 256> table{};
+  for (const char c : std::string_view("0123456789-+.eE")) table[static_cast<uint8_t>(c)] = true;
+  return table;
+}();
+
+// The bytes of a JSON string up to its closing quote, an escape or a control character.
+size_t stringRun(std::string_view text) {
+  static constexpr std::array<uint64_t, 2> kWords{repeated('"'), repeated('\\')};
+  return findStop(text, kJsonStringStop, kWords, true);
+}
+
 bool jsonNumeric(char c) {
-  return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+  return kJsonNumeric[static_cast<uint8_t>(c)];
 }
 
 // The tokens of JSON text read from a byte source. A string's contents and a number's text come back as a
@@ -179,6 +219,47 @@ class JsonLexer {
     return Token::Literal;
   }
 
+  // Takes the punctuation `c` when it is the next token (the common case, without the general dispatch);
+  // false, nothing taken, when another token follows.
+  bool takeIf(char c) {
+    skipSpace();
+    m_line = m_src.line();
+    if (m_src.peek() != static_cast<uint8_t>(c)) return false;
+    m_src.take();
+    return true;
+  }
+
+  // A member as decode writes it, "name":value with a string or number value, no white space and no escape,
+  // read straight off the bytes held: its name, the value's token and text. False, nothing taken, for any
+  // other member (or one that goes on past the bytes held), which the tokens then read.
+  bool plainMember(std::string_view& name, Token& t, std::string_view& text) {
+    const std::string_view held = m_src.held();
+    if (held.empty() || held[0] != '"') return false;
+    const size_t nameEnd = 1 + stringRun(held.substr(1));
+    if (nameEnd + 2 >= held.size() || held[nameEnd] != '"' || held[nameEnd + 1] != ':') return false;
+    const std::string_view rest = held.substr(nameEnd + 2);
+    size_t taken = 0;
+    if (rest[0] == '"') {
+      const size_t n = stringRun(rest.substr(1));
+      if (n + 1 >= rest.size() || rest[n + 1] != '"') return false;
+      t = Token::String;
+      text = rest.substr(1, n);
+      taken = n + 2;
+    } else if (rest[0] == '-' || (rest[0] >= '0' && rest[0] <= '9')) {
+      const size_t n = numberLength(rest);
+      if (n == 0 || n >= rest.size() || jsonNumeric(rest[n])) return false;
+      t = Token::Number;
+      text = rest.substr(0, n);
+      taken = n;
+    } else {
+      return false;
+    }
+    name = held.substr(1, nameEnd - 1);
+    m_line = m_src.line();
+    m_src.skip(nameEnd + 2 + taken);
+    return true;
+  }
+
   // The line the last token started on.
   int64_t line() const noexcept { return m_line; }
   ByteSource& source() const noexcept { return m_src; }
@@ -203,8 +284,7 @@ class JsonLexer {
   // an escape (the common case), else decoded into the pool.
   std::string_view readString() {
     const std::string_view held = m_src.held();
-    size_t n = 0;
-    while (n < held.size() && !kJsonStringStop[static_cast<uint8_t>(held[n])]) ++n;
+    const size_t n = stringRun(held);
     if (n < held.size() && held[n] == '"') {
       m_src.skip(n + 1);
       return held.substr(0, n);
@@ -212,8 +292,7 @@ class JsonLexer {
     std::string& out = m_pool.next();
     for (;;) {
       const std::string_view rest = m_src.held();
-      size_t k = 0;
-      while (k < rest.size() && !kJsonStringStop[static_cast<uint8_t>(rest[k])]) ++k;
+      const size_t k = stringRun(rest);
       out.append(rest.data(), k);
       m_src.skip(k);
       if (k == rest.size() && m_src.refill()) continue;
@@ -267,7 +346,37 @@ class JsonLexer {
   }
 
   // -? (0 | [1-9][0-9]*) (. [0-9]+)? ([eE] [+-]? [0-9]+)?
+  static size_t numberLength(std::string_view out) {
+    size_t i = out[0] == '-' ? 1 : 0;
+    const auto digits = [&] {
+      const size_t from = i;
+      while (i < out.size() && out[i] >= '0' && out[i] <= '9') ++i;
+      return i - from;
+    };
+    const size_t whole = digits();
+    bool ok = whole > 0 && !(whole > 1 && out[i - whole] == '0');
+    if (ok && i < out.size() && out[i] == '.') ++i, ok = digits() > 0;
+    if (ok && i < out.size() && (out[i] == 'e' || out[i] == 'E')) {
+      ++i;
+      if (i < out.size() && (out[i] == '+' || out[i] == '-')) ++i;
+      ok = digits() > 0;
+    }
+    return ok ? i : 0;
+  }
+
+  // A number in one pass over the bytes held when they go on past it (the common case); else its run of
+  // bytes gathered and checked whole.
   std::string_view readNumber() {
+    const std::string_view held = m_src.held();
+    const size_t length = numberLength(held);
+    if (length > 0 && length < held.size() && !jsonNumeric(held[length])) {
+      m_src.skip(length);
+      return held.substr(0, length);
+    }
+    return readNumberRun();
+  }
+
+  std::string_view readNumberRun() {
     const std::string_view held = m_src.held();
     size_t n = 0;
     while (n < held.size() && jsonNumeric(held[n])) ++n;
@@ -286,21 +395,7 @@ class JsonLexer {
       }
       out = text;
     }
-    size_t i = out[0] == '-' ? 1 : 0;
-    const auto digits = [&] {
-      const size_t from = i;
-      while (i < out.size() && out[i] >= '0' && out[i] <= '9') ++i;
-      return i - from;
-    };
-    const size_t whole = digits();
-    bool ok = whole > 0 && !(whole > 1 && out[i - whole] == '0');
-    if (ok && i < out.size() && out[i] == '.') ++i, ok = digits() > 0;
-    if (ok && i < out.size() && (out[i] == 'e' || out[i] == 'E')) {
-      ++i;
-      if (i < out.size() && (out[i] == '+' || out[i] == '-')) ++i;
-      ok = digits() > 0;
-    }
-    if (!ok || i != out.size()) fail("'" + std::string(out) + "' is not a JSON number");
+    if (numberLength(out) != out.size()) fail("'" + std::string(out) + "' is not a JSON number");
     return out;
   }
 
@@ -332,13 +427,16 @@ using Token = JsonLexer::Token;
 // record's block and number.
 void readMembers(JsonLexer& lex, InputRecord& r, bool keys) {
   std::string_view key, text;
-  Token t = lex.next(text);
-  if (t == Token::EndObject) return;
+  Token t = Token::End;
+  if (lex.takeIf('}')) return;
   for (;;) {
-    if (t != Token::String) lex.fail("a member name must be a string");
-    key = text;
-    if (lex.next(text) != Token::Colon) lex.fail("':' must follow a member name");
-    t = lex.next(text);
+    if (!lex.plainMember(key, t, text)) {
+      t = lex.next(text);
+      if (t != Token::String) lex.fail("a member name must be a string");
+      key = text;
+      if (!lex.takeIf(':') && lex.next(text) != Token::Colon) lex.fail("':' must follow a member name");
+      t = lex.next(text);
+    }
     const bool value = t == Token::String || t == Token::Number || (t == Token::Literal && text == "null");
     if (keys && key == jsonl_keys::kBlock) {
       if (t != Token::String || !r.block.empty())
@@ -361,10 +459,12 @@ void readMembers(JsonLexer& lex, InputRecord& r, bool keys) {
       refuse(lex.source().name(), lex.line(),
              whereOf(r.block, r.record, key) + ": must be a string, a number or null");
     }
-    t = lex.next(text);
-    if (t == Token::EndObject) return;
-    if (t != Token::Comma) lex.fail("',' or '}' must follow a member");
-    t = lex.next(text);
+    if (!lex.takeIf(',')) {
+      if (lex.takeIf('}')) return;
+      t = lex.next(text);
+      if (t == Token::EndObject) return;
+      if (t != Token::Comma) lex.fail("',' or '}' must follow a member");
+    }
   }
 }
 
@@ -631,8 +731,9 @@ class CsvRows {
 
   std::string_view plain() {
     const std::string_view held = m_src.held();
-    size_t k = 0;
-    while (k < held.size() && !kCsvStop[static_cast<uint8_t>(held[k])]) ++k;
+    static constexpr std::array<uint64_t, 4> kWords{repeated(','), repeated('"'), repeated('\n'),
+                                                    repeated('\r')};
+    const size_t k = findStop(held, kCsvStop, kWords, false);
     m_src.skip(k);
     if (m_src.peek() == '"') refuse(m_src.name(), m_src.line(), "a quote stands inside a cell not quoted");
     return held.substr(0, k);
@@ -651,6 +752,8 @@ class CsvReader : public RecordReader {
     if (!m_rows.next(m_cells, m_columns, line))
       refuse(m_src.name(), 1, "the input is empty; a header row of field names must come first");
     m_header.assign(m_cells.begin(), m_cells.begin() + static_cast<std::ptrdiff_t>(m_columns));
+    for (const std::string& name : m_header)
+      m_plain.push_back(!name.ends_with(kAttrSuffix) && !name.ends_with(kHexSuffix));
   }
 
   bool next(InputRecord& r) override {
@@ -663,7 +766,11 @@ class CsvReader : public RecordReader {
       refuse(
           m_src.name(), line,
           "the row has " + std::to_string(m_count) + " cells; the header has " + std::to_string(m_columns));
-    for (size_t k = 0; k < m_columns; ++k) addValue(r, m_src, m_header[k], m_cells[k], false);
+    for (size_t k = 0; k < m_columns; ++k)
+      if (m_plain[k])
+        r.fields.emplace_back(m_header[k], m_cells[k]);
+      else
+        addValue(r, m_src, m_header[k], m_cells[k], false);
     return true;
   }
 
@@ -672,6 +779,7 @@ class CsvReader : public RecordReader {
   CsvRows m_rows;
   std::string m_block;
   std::vector<std::string> m_header;
+  std::vector<bool> m_plain;  // per column: a field's values (not its attribute bytes)
   std::vector<std::string_view> m_cells;
   size_t m_columns = 0, m_count = 0;
   int64_t m_record = 0;
