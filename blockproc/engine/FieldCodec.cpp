@@ -92,6 +92,14 @@ bool nearestOfShort(const Plain& p, int32_t places, Float& out) {
   return true;
 }
 
+// Writes a binary value's `width` bytes at `out`, then spaces to the end of the field (`length` bytes, at
+// least `width`): a field of just the value's width, the usual one, takes no call to memset.
+void putBinary(uint8_t* out, const void* value, size_t width, int32_t length) {
+  std::memcpy(out, value, width);
+  if (static_cast<size_t>(length) > width)
+    std::memset(out + width, kSpace, static_cast<size_t>(length) - width);
+}
+
 // Copies `text` at `at` and gives the end.
 uint8_t* put(uint8_t* at, std::string_view text) {
   if (!text.empty()) std::memcpy(at, text.data(), text.size());
@@ -320,13 +328,12 @@ bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
     if (!isDigit(text[i])) return false;
   int64_t v = 0;
   if (std::from_chars(text.data(), text.data() + text.size(), v).ec != std::errc()) return false;
-  std::memset(out, kSpace, static_cast<size_t>(m_length));
   if (m_field->nDataType == kFieldInt16) {
     if (v < -32768 || v > 32767) return false;
     const auto narrow = static_cast<int16_t>(v);
-    std::memcpy(out, &narrow, sizeof narrow);
+    putBinary(out, &narrow, sizeof narrow, m_length);
   } else {
-    std::memcpy(out, &v, sizeof v);
+    putBinary(out, &v, sizeof v, m_length);
   }
   return true;
 }
@@ -341,8 +348,7 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
   if (text.size() > 64 || !parsePlain(text, p)) return false;
   Float stored = 0;
   if (nearestOfShort(p, m_places, stored)) {
-    std::memset(out, kSpace, static_cast<size_t>(m_length));
-    std::memcpy(out, &stored, sizeof stored);
+    putBinary(out, &stored, sizeof stored, m_length);
     return true;
   }
   // The value times 10^places, as plain digits: the point moved right, zeros added.
@@ -371,8 +377,7 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
       !parsePlain(std::string_view(shortest, static_cast<size_t>(end.ptr - shortest)), got) ||
       !samePlain(got, want))
     return false;
-  std::memset(out, kSpace, static_cast<size_t>(m_length));
-  std::memcpy(out, &stored, sizeof stored);
+  putBinary(out, &stored, sizeof stored, m_length);
   return true;
 }
 
