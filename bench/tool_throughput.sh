@@ -8,10 +8,14 @@
 # resident memory from /usr/bin/time -v.
 #
 #   bench/tool_throughput.sh [cpu] [runs]     (defaults: cpu 1, 3 runs)
+#
+# ROWS=encode or ROWS=decode runs only the encode rows or only the decode and realtime rows (default: all).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cpu=${1:-1}
 runs=${2:-3}
+rows=${ROWS:-all}
+case $rows in all | encode | decode) ;; *) echo "tool_throughput.sh: ROWS is all, encode or decode" >&2; exit 2 ;; esac
 bash scripts/setup.sh bench
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_TOOLS=ON >/dev/null
 cmake --build build-bench -j 2 --target blockproc_cli make_quote_capture >/dev/null
@@ -57,6 +61,7 @@ capture "$large" 8333334
 
 echo "| command | MB/s (wall) | MB/s (CPU) | peak MB |"
 echo "|---|---:|---:|---:|"
+if [[ $rows != encode ]]; then
 for format in csv jsonl json table long; do
   measure "decode --format $format (24 MB)" "$small/quotes.bin" decode "$small/quotes.xml" "$small/quotes.bin" \
     --format "$format"
@@ -67,6 +72,8 @@ for format in csv jsonl json table long; do
   measure "realtime --format $format (1 GB)" "$large/quotes.bin" realtime "$large/quotes.xml" \
     "$large/quotes.bin" --block OutBlock1 --format "$format"
 done
+fi
+[[ $rows == decode ]] && exit 0
 
 # encode reads what decode wrote; the text is written once next to the capture.
 for format in csv jsonl json long; do

@@ -210,11 +210,44 @@ TEST(BlockprocEncode, NamesTheLineOfWhatItRefuses) {
   const std::string built = tempPath("half.bin");
   EXPECT_EQ(run(rest + " -o '" + built + "'", "w,f\nab,1\nabcdefgh,2\n").code, 1);
   EXPECT_NE(::access(built.c_str(), F_OK), 0);
+  // Read in pieces of any size (a record that straddles two is read again whole), the same line is named.
+  for (const char* pieces : {"", " --chunk-bytes 1", " --chunk-bytes 3"})
+    for (const auto& c : cases) {
+      const Outcome r = run(c.args + pieces, c.input);
+      EXPECT_NE(r.code, 0) << c.args << pieces << "\n" << c.input;
+      EXPECT_TRUE(r.err.starts_with("blockproc: " + c.err)) << c.args << pieces << "\n"
+                                                            << c.input << "\n"
+                                                            << r.err;
+    }
+}
+
+// Text the input does not hold as it stands (JSON escapes, CSV doubled quotes and line breaks in a quoted
+// cell) comes through whole however the input is cut, and so does the line a later refusal names.
+TEST(BlockprocEncode, TakesEscapedTextCutAnywhere) {
+  const std::string def = "'" + definitionPath() + "'";
+  const std::string reply = "encode " + def + " - --reply --block Rest --format ";
+  const struct {
+    std::string format, input;
+  } cases[] = {
+      {"jsonl", "{\"w\":\"a\\\"b\\u3131\",\"f\":1}\n{\"w\":\"\\ud55c\\uae00\",\"f\":-2.5}\n"},
+      {"csv", "w,f\n\"a\"\"b\u3131\",1\n\"\ud55c\uae00\",-2.5\n"},
+      {"long",
+       "block,record,field,value\nRest,0,w,\"a\"\"b\u3131\"\nRest,0,f,1\nRest,1,w,\ud55c\uae00\nRest,1,f,-2."
+       "5\n"},
+  };
   for (const auto& c : cases) {
-    const Outcome r = run(c.args, c.input);
-    EXPECT_NE(r.code, 0) << c.args << "\n" << c.input;
-    EXPECT_TRUE(r.err.starts_with("blockproc: " + c.err)) << c.args << "\n" << c.input << "\n" << r.err;
+    const Outcome whole = run(reply + c.format, c.input);
+    ASSERT_EQ(whole.code, 0) << c.format << whole.err;
+    EXPECT_NE(whole.out.find("a\"b\xA4\xA1 "), std::string::npos) << c.format;  // \u3131 in code page 949
+    for (const char* pieces : {"1", "2", "5"})
+      EXPECT_EQ(run(reply + c.format + " --chunk-bytes " + pieces, c.input).out, whole.out)
+          << c.format << pieces;
   }
+  const std::string cut = "w,f\n\"a\nb\",1\n\"a\"\"\",x\n";
+  for (const char* pieces : {"1", "4", "65536"})
+    EXPECT_TRUE(run(reply + "csv --chunk-bytes " + pieces, cut)
+                    .err.starts_with("blockproc: standard input, line 4: block Rest, record 1, field f: "))
+        << pieces;
 }
 
 // One line per block names the fields that took their defaults; --quiet drops it; --strict refuses them.
@@ -234,6 +267,11 @@ TEST(BlockprocEncode, SaysWhichFieldsTookTheirDefaults) {
       // counts block Counted: it is filled with the count).
       {" --reply", R"({"Head": {"name": null, "px": null, "n": null, "d": null}})", 0,
        "blockproc: block Head: defaults for d\n"},
+      // so --strict takes a text or number field given null, and refuses a binary one.
+      {" --reply --strict", R"({"Head": {"name": null, "px": null, "n": null, "d": 1}})", 0, ""},
+      {" --reply --strict", R"({"Head": {"name": null, "px": null, "n": null, "d": null}})", 1,
+       "blockproc: standard input, line 1: block Head, record 0 leaves out d, and --strict takes no "
+       "defaults\n"},
       {" --strict", R"({"In": {"code": "A", "qty": 1}, "InRows": [{"k": "1"}]})", 0, ""},
       {" --strict", R"({"In": {"code": "A"}})", 1,
        "blockproc: standard input, line 1: block In, record 0 leaves out qty, and --strict takes no "

@@ -121,6 +121,49 @@ TEST(FieldCodec, LaysOutEachTypeAsTheWriterDoes) {
   }
 }
 
+// Floats and doubles at the edges of the few-digit way (at most 6 or 15 significant digits, a power of ten
+// up to 10^10 or 10^22) and just past them, where the general way decides: both take and lay out the same.
+TEST(FieldCodec, FloatsOfFewDigitsMatchTheGeneralWay) {
+  const struct {
+    int32_t type, places;
+    std::string value;
+  } cases[] = {
+      {kFieldFloat, 2, "1234.56"},
+      {kFieldFloat, 2, "12345.67"},
+      {kFieldFloat, 2, "-9999.99"},
+      {kFieldFloat, 0, "999999"},
+      {kFieldFloat, 0, "9999999"},
+      {kFieldFloat, 0, "16777217"},
+      {kFieldFloat, 0, "0.000001"},
+      {kFieldFloat, 4, "0.0000001"},
+      {kFieldFloat, 3, "100000000"},
+      {kFieldFloat, 0, "-0.000"},
+      {kFieldFloat, 2, "0.015"},
+      {kFieldFloat, 0, "0.1"},
+      {kFieldDouble, 0, "123456789012345"},
+      {kFieldDouble, 0, "1234567890123456"},
+      {kFieldDouble, 0, "9007199254740993"},
+      {kFieldDouble, 0, "0.0000000000000000000001"},
+      {kFieldDouble, 0, "0.00000000000000000000001"},
+      {kFieldDouble, 0, "10000000000000000000000"},
+      {kFieldDouble, 0, "100000000000000000000000"},
+      {kFieldDouble, 2, "-527897.43"},
+      {kFieldDouble, 0, "0.30000000000000004"},
+  };
+  for (const auto& c : cases) {
+    const FieldInfo field = fieldOf(c.type, 8, c.places);
+    FieldEncoder encoder(field, kTextEncodingCP949);
+    std::string fast(8, '#'), general(8, '#'), why, generalWhy;
+    const bool took = encoder.encode(c.value, reinterpret_cast<uint8_t*>(fast.data()), why);
+    const bool generalTook =
+        encoder.encodeReference(c.value, reinterpret_cast<uint8_t*>(general.data()), generalWhy);
+    EXPECT_EQ(took, generalTook) << c.value << ": " << why << generalWhy;
+    if (took && generalTook) {
+      EXPECT_EQ(fast, general) << c.value;
+    }
+  }
+}
+
 TEST(FieldCodec, KeyEncryptedFieldTakesOnlyNoValue) {
   FieldInfo field = fieldOf(kFieldText, 4);
   field.bKeyEnc = true;

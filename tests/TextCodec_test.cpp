@@ -67,6 +67,40 @@ TEST(TextCodec, EncodingFailsOnUnrepresentableOrInvalidText) {
   EXPECT_EQ(codec::encode(kTextEncodingUTF8, kHangulUtf8), std::string(kHangulUtf8));
 }
 
+// Code page 949 text encoded by the table gives the converter's bytes; what the table does not hold (a
+// character outside the encoding or above U+FFFF, text that is not UTF-8, another encoding) is left to the
+// converter.
+TEST(TextCodec, EncodesCodePage949ByTableAsTheConverterDoes) {
+  const struct {
+    uint32_t encoding;
+    std::string text;
+    bool byTable;
+  } cases[] = {
+      {kTextEncodingCP949, "KODEX 200", true},
+      {kTextEncodingCP949, std::string(kHangulUtf8), true},
+      {kTextEncodingCP949, "TIGER \xEB\xAF\xB8\xEA\xB5\xADS&P500", true},  // ASCII runs between Hangul
+      {kTextEncodingCP949, "\xEB\x98\xA0", true},                          // extended Hangul
+      {kTextEncodingCP949,
+       "\xE2\x82\xAC"
+       "1",
+       true},                                           // the euro sign, in code page 949 too
+      {kTextEncodingCP949, "A\xE0\xB8\x81", false},     // Thai: no character of it
+      {kTextEncodingCP949, "\xF0\x9F\x98\x80", false},  // above U+FFFF
+      {kTextEncodingCP949, "\xED\x95", false},          // cut UTF-8
+      {kTextEncodingUTF8, std::string(kHangulUtf8), false},
+      {kTextEncodingEUCKR, std::string(kHangulUtf8), false},
+  };
+  for (const auto& c : cases) {
+    std::string out(c.text.size(), '#');
+    const char* end = codec::encodeInto(c.encoding, c.text, out.data());
+    EXPECT_EQ(end != nullptr, c.byTable) << c.text;
+    if (end == nullptr) continue;
+    out.resize(static_cast<size_t>(end - out.data()));
+    EXPECT_EQ(std::optional<std::string>(out), codec::encode(c.encoding, c.text)) << c.text;
+    EXPECT_EQ(codec::decode(c.encoding, out), std::optional<std::string>(c.text)) << c.text;
+  }
+}
+
 // The names a definition's encoding attribute and the tool's --encoding take: any case, '-' and '_' left
 // out, and the usual other names of code page 949; the name shown for an encoding is taken back.
 TEST(TextCodec, NamesAUserWrites) {

@@ -195,6 +195,59 @@ class Cp949Table {
   }
 };
 
+// Code page 949 encoding by a table filled from the converter, which stays the one source of the mapping:
+// each character below U+10000 is converted once per process, when it is first met, and its bytes are kept
+// only when they are a pair that the decoding table reads back as that character; any other character is
+// marked and left to the converter. The encoding has no shift state, so text of kept characters encodes as
+// their bytes back to back and decodes back to itself.
+class Cp949Encoder {
+ public:
+  // Writes the bytes of valid UTF-8 `text` at dst and moves dst past them; false when a character is not
+  // held (dst then not to be used).
+  static bool encodeInto(std::string_view text, char*& dst) noexcept {
+    for (size_t i = 0; i < text.size();) {
+      const auto byte = static_cast<unsigned char>(text[i]);
+      if (byte < 0x80) {
+        *dst++ = static_cast<char>(byte);
+        ++i;
+        continue;
+      }
+      const char32_t code = utf8::next(text, i);
+      if (code >= entries_.size()) return false;
+      uint32_t entry = entries_[code].load(std::memory_order_relaxed);
+      if (entry == kUnseen) entry = fill(code);
+      if (entry == kNotHeld) return false;
+      *dst++ = static_cast<char>(entry >> 8);
+      *dst++ = static_cast<char>(entry & 0xFF);
+    }
+    return true;
+  }
+
+ private:
+  static constexpr uint32_t kUnseen = 0, kNotHeld = 1;
+  // By code point: kUnseen, kNotHeld, or the pair as lead << 8 | trail (a lead byte is 0x81 or above).
+  static inline constinit std::array<std::atomic<uint32_t>, 0x10000> entries_{};
+
+  static uint32_t fill(char32_t code) noexcept {
+    char utf8Bytes[4];
+    const size_t n = utf8::encode(code, utf8Bytes);
+    const std::string_view character(utf8Bytes, n);
+    uint32_t entry = kNotHeld;
+    std::string bytes;  // two bytes: no allocation
+    Converter* c = converter(kTextEncodingCP949, false);
+    if (c != nullptr && c->convertAppend(character, bytes, n + 4) && bytes.size() == 2) {
+      char back[decodeRoom(2)];
+      char* end = back;
+      if (Cp949Table::decodeInto(bytes, end) == Cp949Table::Result::Decoded &&
+          std::string_view(back, static_cast<size_t>(end - back)) == character)
+        entry = static_cast<uint32_t>(static_cast<unsigned char>(bytes[0])) << 8 |
+                static_cast<unsigned char>(bytes[1]);
+    }
+    entries_[code].store(entry, std::memory_order_relaxed);
+    return entry;
+  }
+};
+
 // EUC-KR text is ASCII and pairs of bytes 0xA1 to 0xFE. The C library's converter also passes 0x80 to 0x9F
 // through as single characters (U+0080 to U+009F), which are no EUC-KR characters: such bytes are refused.
 bool onlyEucKrBytes(std::string_view bytes) noexcept {
@@ -261,6 +314,11 @@ std::optional<std::string> decode(uint32_t encoding, std::string_view bytes) noe
   std::string out;
   if (!decodeAppend(encoding, bytes, out)) return std::nullopt;
   return out;
+}
+
+char* encodeInto(uint32_t encoding, std::string_view text, char* dst) noexcept {
+  if (encoding != kTextEncodingCP949 || !utf8::isValid(text)) return nullptr;
+  return Cp949Encoder::encodeInto(text, dst) ? dst : nullptr;
 }
 
 bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) noexcept {

@@ -36,6 +36,12 @@ char* decodeInto(uint32_t encoding, std::string_view bytes, char* dst) noexcept;
 // The UTF-8 form of `bytes`, or nullopt when decoding fails.
 std::optional<std::string> decode(uint32_t encoding, std::string_view bytes) noexcept;
 
+// Writes the bytes of UTF-8 `text` in `encoding` at dst (text.size() bytes free) and gives their end, where a
+// table encodes them (code page 949), each character's bytes known to decode back to it; nullptr for other
+// encodings, for text that is not UTF-8 and for a character the table does not hold, which encodeAppend
+// then encodes or refuses.
+char* encodeInto(uint32_t encoding, std::string_view text, char* dst) noexcept;
+
 // Appends the bytes of UTF-8 `text` in `encoding` to `out`; false, with `out` unchanged, when encoding fails.
 bool encodeAppend(uint32_t encoding, std::string_view text, std::string& out) noexcept;
 

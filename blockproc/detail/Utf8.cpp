@@ -4,9 +4,6 @@
 
 namespace blockproc::utf8 {
 
-namespace {
-
-// Decodes the character at text[i] of valid UTF-8; returns its code point and advances i.
 char32_t next(std::string_view text, size_t& i) noexcept {
   const auto b0 = static_cast<unsigned char>(text[i]);
   if (b0 < 0x80) {
@@ -20,6 +17,8 @@ char32_t next(std::string_view text, size_t& i) noexcept {
     cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
   return cp;
 }
+
+namespace {
 
 // Start of the last character of non-empty valid UTF-8 text.
 size_t lastStart(std::string_view text) noexcept {

@@ -24,6 +24,9 @@ constexpr int utf16Units(uint8_t byte) noexcept {
 // a value above U+10FFFF.
 size_t encode(char32_t codePoint, char (&out)[4]) noexcept;
 
+// The code point of the character at text[i] of valid UTF-8, with i moved past it.
+char32_t next(std::string_view text, size_t& i) noexcept;
+
 // True when every byte is below 0x80 (such text is the same in every ASCII-compatible encoding).
 bool isAscii(std::string_view bytes) noexcept;
 

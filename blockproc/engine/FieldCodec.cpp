@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <system_error>
 
 #include "blockproc/detail/Internal.h"
@@ -14,6 +15,7 @@
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/NumericText.h"
 #include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
 #include "blockproc/engine/FieldValue.h"
 
 namespace blockproc::value {
@@ -24,12 +26,6 @@ using internal::kSpace;
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
-}
-
-bool isAscii(std::string_view text) {
-  for (char c : text)
-    if (static_cast<uint8_t>(c) >= 0x80) return false;
-  return true;
 }
 
 std::string_view trimSpaces(std::string_view text) {
@@ -67,6 +63,41 @@ bool parsePlain(std::string_view text, Plain& p) {
 
 bool samePlain(const Plain& a, const Plain& b) {
   return a.negative == b.negative && a.integer == b.integer && a.fraction == b.fraction;
+}
+
+// The nearest Float to a plain decimal moved `places` to the left, when it takes one exact operation and is
+// known to read back as that decimal; false otherwise. A decimal of at most digits10 significant digits (15
+// for a double, 6 for a float) is an integer that the type holds exactly, times or over a power of ten it
+// also holds exactly, so the one correctly rounded multiplication or division gives the nearest value; and
+// no two such decimals share a nearest value, so the shortest text of that value is the decimal itself.
+template <typename Float>
+bool nearestOfShort(const Plain& p, int32_t places, Float& out) {
+  constexpr int kDigits = std::numeric_limits<Float>::digits10;
+  constexpr int kExact = sizeof(Float) == sizeof(double) ? 22 : 10;  // the last power of ten held exactly
+  static constexpr Float kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                      1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  uint64_t digits = 0;
+  int count = 0;
+  for (const std::string_view part : {p.integer, p.fraction})
+    for (const char c : part) {
+      if (count == 0 && c == '0') continue;  // a leading zero of the fraction
+      if (++count > kDigits) return false;
+      digits = digits * 10 + static_cast<uint64_t>(c - '0');
+    }
+  const int64_t exponent = int64_t{places} - static_cast<int64_t>(p.fraction.size());
+  if (exponent > kExact || exponent < -kExact) return false;
+  Float value = static_cast<Float>(digits);
+  value = exponent >= 0 ? value * kPowers[exponent] : value / kPowers[-exponent];
+  out = p.negative && digits != 0 ? -value : value;
+  return true;
+}
+
+// Writes a binary value's `width` bytes at `out`, then spaces to the end of the field (`length` bytes, at
+// least `width`): a field of just the value's width, the usual one, takes no call to memset.
+void putBinary(uint8_t* out, const void* value, size_t width, int32_t length) {
+  std::memcpy(out, value, width);
+  if (static_cast<size_t>(length) > width)
+    std::memset(out + width, kSpace, static_cast<size_t>(length) - width);
 }
 
 // Copies `text` at `at` and gives the end.
@@ -206,20 +237,27 @@ bool FieldEncoder::encodeReference(std::string_view value, uint8_t* out, std::st
 bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
   if (!value.empty() && (value.back() == ' ' || value.back() == '\0')) return false;
   std::string_view bytes = value;
-  if (!isAscii(value)) {
-    m_scratch.clear();
-    if (!codec::encodeAppend(m_encoding, value, m_scratch)) return false;
-    // Read back as a reader would: by the table where the encoding has one, else by the converter.
-    const std::string_view kept = internal::trimTrailing(m_scratch);
-    m_back.resize(codec::decodeRoom(kept.size()));
-    const char* end = codec::decodeInto(m_encoding, kept, m_back.data());
-    if (end != nullptr) {
-      if (std::string_view(m_back.data(), static_cast<size_t>(end - m_back.data())) != value) return false;
+  if (!utf8::isAscii(value)) {
+    m_scratch.resize(value.size());
+    char* const end = codec::encodeInto(m_encoding, value, m_scratch.data());
+    if (end != nullptr) {  // each character's bytes are known to read back as it
+      bytes = std::string_view(m_scratch.data(), static_cast<size_t>(end - m_scratch.data()));
     } else {
-      m_back.clear();
-      if (!codec::decodeAppend(m_encoding, kept, m_back) || m_back != value) return false;
+      m_scratch.clear();
+      if (!codec::encodeAppend(m_encoding, value, m_scratch)) return false;
+      // Read back as a reader would: by the table where the encoding has one, else by the converter.
+      const std::string_view kept = internal::trimTrailing(m_scratch);
+      m_back.resize(codec::decodeRoom(kept.size()));
+      const char* backEnd = codec::decodeInto(m_encoding, kept, m_back.data());
+      if (backEnd != nullptr) {
+        if (std::string_view(m_back.data(), static_cast<size_t>(backEnd - m_back.data())) != value)
+          return false;
+      } else {
+        m_back.clear();
+        if (!codec::decodeAppend(m_encoding, kept, m_back) || m_back != value) return false;
+      }
+      bytes = m_scratch;
     }
-    bytes = m_scratch;
   }
   if (bytes.size() > static_cast<size_t>(m_length)) return false;
   std::memset(put(out, bytes), kSpace, m_length - bytes.size());
@@ -290,13 +328,12 @@ bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
     if (!isDigit(text[i])) return false;
   int64_t v = 0;
   if (std::from_chars(text.data(), text.data() + text.size(), v).ec != std::errc()) return false;
-  std::memset(out, kSpace, static_cast<size_t>(m_length));
   if (m_field->nDataType == kFieldInt16) {
     if (v < -32768 || v > 32767) return false;
     const auto narrow = static_cast<int16_t>(v);
-    std::memcpy(out, &narrow, sizeof narrow);
+    putBinary(out, &narrow, sizeof narrow, m_length);
   } else {
-    std::memcpy(out, &v, sizeof v);
+    putBinary(out, &v, sizeof v, m_length);
   }
   return true;
 }
@@ -309,6 +346,11 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
   const std::string_view text = trimSpaces(value);
   Plain p;
   if (text.size() > 64 || !parsePlain(text, p)) return false;
+  Float stored = 0;
+  if (nearestOfShort(p, m_places, stored)) {
+    putBinary(out, &stored, sizeof stored, m_length);
+    return true;
+  }
   // The value times 10^places, as plain digits: the point moved right, zeros added.
   char scaled[160];
   char* at = scaled;
@@ -325,7 +367,6 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
   Plain want;
   if (at - scaled > 150 || !parsePlain(std::string_view(scaled, static_cast<size_t>(at - scaled)), want))
     return false;
-  Float stored = 0;
   const auto parsed = std::from_chars(scaled, at, stored);
   if (parsed.ec != std::errc() || parsed.ptr != at || !std::isfinite(stored)) return false;
   if (stored == 0) stored = 0;  // no negative zero: "-0" is zero
@@ -336,8 +377,7 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
       !parsePlain(std::string_view(shortest, static_cast<size_t>(end.ptr - shortest)), got) ||
       !samePlain(got, want))
     return false;
-  std::memset(out, kSpace, static_cast<size_t>(m_length));
-  std::memcpy(out, &stored, sizeof stored);
+  putBinary(out, &stored, sizeof stored, m_length);
   return true;
 }
 

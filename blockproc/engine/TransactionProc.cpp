@@ -404,6 +404,14 @@ bool isBinary(const FieldInfo& field) {
   return field.nDataType >= kFieldInt16 && field.nDataType <= kFieldSInt64;
 }
 
+}  // namespace
+
+bool blankWhenNull(const FieldInfo& field) noexcept {
+  return !isBinary(field);
+}
+
+namespace {
+
 // Whether a field the values leave out must be written 0 over its laid-out default: a binary field's
 // default, spaces, is no number, and a number field's zeros are laid out with a point, which a field that
 // leaves its point out must not carry ("000000000.00" where a reader takes twelve digits).
@@ -430,6 +438,12 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
     if (field->nIndex >= 0 && static_cast<size_t>(field->nIndex) < given.size())
       given[static_cast<size_t>(field->nIndex)] = true;
   }
+  for (const std::string& name : values.nulls) {  // a field blanked is given too
+    const FieldInfo* field = proc.findFieldInfo(name);
+    if (field != nullptr && blankWhenNull(*field) && field->nIndex >= 0 &&
+        static_cast<size_t>(field->nIndex) < given.size())
+      given[static_cast<size_t>(field->nIndex)] = true;
+  }
   for (size_t j = 0; j < given.size(); ++j) {
     const FieldInfo& field = *info.getFieldInfoFromIndex(static_cast<int32_t>(j));
     if (!given[j] && zeroOverDefault(field)) writeValue(proc, field, index, record, "0");
@@ -440,7 +454,7 @@ void writeRecord(KXBlockDataProc& proc, const RecordValues& values, int32_t inde
     const FieldInfo* field = proc.findFieldInfo(name);
     if (field == nullptr) throw Refusal{"block " + block + " has no field '" + name + "'"};
     // No value: a text or number field blank (a number's laid-out default is zeros, which read as 0).
-    if (!isBinary(*field)) writeValue(proc, *field, index, record, "");
+    if (blankWhenNull(*field)) writeValue(proc, *field, index, record, "");
   }
   for (const auto& [name, attr] : values.attrs) {
     const FieldInfo* field = proc.findFieldInfo(name);
@@ -522,22 +536,36 @@ struct TransactionProc::RecordPlan {
   std::vector<uint8_t> given;  // by field index: whether the values give the field
   std::string record;          // a request's record before it is packed
   bool direct = false;
+  bool made = false;  // worked out
 
-  const FieldInfo& fieldOf(const KXBlockDataProc& proc, const std::string& name) const {
+  // The caller's values as views (RecordValues converted, without copying its text).
+  std::vector<std::pair<std::string_view, std::string_view>> viewFields;
+  std::vector<std::pair<std::string_view, uint8_t>> viewAttrs;
+  std::vector<std::string_view> viewNulls;
+
+  const FieldInfo& fieldOf(const KXBlockDataProc& proc, std::string_view name) const {
     const FieldInfo* field = proc.findFieldInfo(name);
-    if (field == nullptr) throw Refusal{"block " + proc.getBlockName() + " has no field '" + name + "'"};
+    if (field == nullptr)
+      throw Refusal{"block " + proc.getBlockName() + " has no field '" + std::string(name) + "'"};
     return *field;
+  }
+
+  RecordValueViews viewsOf(const RecordValues& values) {
+    viewFields.assign(values.fields.begin(), values.fields.end());
+    viewAttrs.assign(values.attrs.begin(), values.attrs.end());
+    viewNulls.assign(values.nulls.begin(), values.nulls.end());
+    return {viewFields, viewAttrs, viewNulls};
   }
 
   value::FieldEncoder& encoderOf(const KXBlockDataProc& proc, const FieldInfo& field) {
     return encoders.try_emplace(&field, field, proc.getEncodingType()).first->second;
   }
 
-  const Slot& slotOf(const KXBlockDataProc& proc, size_t k, const std::string& name) {
-    if (k < byPosition.size() && byPosition[k].name == name) return byPosition[k];
+  const Slot& slotOf(const KXBlockDataProc& proc, size_t k, std::string_view name) {
+    if (k < byPosition.size() && internal::sameName(byPosition[k].name, name)) return byPosition[k];
     const FieldInfo& field = fieldOf(proc, name);
     if (k >= byPosition.size()) byPosition.resize(k + 1);
-    byPosition[k] = {name, &field, &encoderOf(proc, field)};
+    byPosition[k] = {std::string(name), &field, &encoderOf(proc, field)};
     return byPosition[k];
   }
 
@@ -551,23 +579,26 @@ struct TransactionProc::RecordPlan {
 
   // Writes the values of record `number` into `rec`, which holds the defaults, in the order the processor
   // would: the fields named, a refused 0 of a field left out, the values, the blanks, the attributes.
-  void write(const KXBlockDataProc& proc, uint8_t* rec, const RecordValues& values, int64_t number,
+  void write(const KXBlockDataProc& proc, uint8_t* rec, const RecordValueViews& values, int64_t number,
              bool zeroBinary) {
     std::fill(given.begin(), given.end(), uint8_t{0});
-    for (size_t k = 0; k < values.fields.size(); ++k) {
-      const FieldInfo& field = *slotOf(proc, k, values.fields[k].first).field;
+    const auto markGiven = [&](const FieldInfo& field) {
       if (field.nIndex >= 0 && static_cast<size_t>(field.nIndex) < given.size())
         given[static_cast<size_t>(field.nIndex)] = 1;
-    }
+    };
+    for (size_t k = 0; k < values.fields.size(); ++k)
+      markGiven(*slotOf(proc, k, values.fields[k].first).field);
+    for (const std::string_view name : values.nulls)
+      if (const FieldInfo& field = fieldOf(proc, name); blankWhenNull(field)) markGiven(field);
     if (zeroBinary)
       for (const auto& [field, why] : zeroRefusals)
         if (given[static_cast<size_t>(field->nIndex)] == 0)
           throw Refusal{placeOf(proc, number, field->szFieldName) + ": " + why};
     for (size_t k = 0; k < values.fields.size(); ++k)
       put(proc, rec, *byPosition[k].encoder, number, values.fields[k].second);
-    for (const std::string& name : values.nulls) {
+    for (const std::string_view name : values.nulls) {
       const FieldInfo& field = fieldOf(proc, name);
-      if (!isBinary(field)) put(proc, rec, encoderOf(proc, field), number, "");
+      if (blankWhenNull(field)) put(proc, rec, encoderOf(proc, field), number, "");
     }
     for (const auto& [name, attr] : values.attrs) {
       const FieldInfo& field = fieldOf(proc, name);
@@ -585,11 +616,11 @@ struct TransactionProc::RecordPlan {
     }
   }
 
-  void appendSent(std::string& out, const KXBlockDataProc& proc, const RecordValues& values, int64_t number,
-                  const RecordValues* countFields) {
+  void appendSent(std::string& out, const KXBlockDataProc& proc, const RecordValueViews& values,
+                  int64_t number, const RecordValues* countFields) {
     record = defaults;
     write(proc, bytesOf(record), values, number, true);
-    if (countFields != nullptr) write(proc, bytesOf(record), *countFields, 0, false);
+    if (countFields != nullptr) write(proc, bytesOf(record), viewsOf(*countFields), 0, false);
     pack(*proc.getBlockInfo(), record, out);
   }
 
@@ -603,18 +634,24 @@ struct TransactionProc::RecordPlan {
     out.reserve(start + size * static_cast<size_t>(count));
     for (int64_t i = 0; i < count; ++i) {
       out += defaults;
-      write(proc, bytesOf(out) + start + static_cast<size_t>(i) * size, recordValues(values, i), i, true);
+      write(proc, bytesOf(out) + start + static_cast<size_t>(i) * size, viewsOf(recordValues(values, i)), i,
+            true);
     }
-    if (count > 0 && countFields != nullptr) write(proc, bytesOf(out) + start, *countFields, 0, false);
+    if (count > 0 && countFields != nullptr)
+      write(proc, bytesOf(out) + start, viewsOf(*countFields), 0, false);
   }
 
   static uint8_t* bytesOf(std::string& text) { return reinterpret_cast<uint8_t*>(text.data()); }
 };
 
 TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
+  if (m_lastPlanProc == &proc) return *m_lastPlan;
   std::unique_ptr<RecordPlan>& slot = m_plans[&proc];
-  if (slot) return *slot;
-  slot = std::make_unique<RecordPlan>();
+  if (!slot) slot = std::make_unique<RecordPlan>();
+  m_lastPlanProc = &proc;
+  m_lastPlan = slot.get();
+  if (m_lastPlan->made) return *m_lastPlan;
+  m_lastPlan->made = true;
   RecordPlan& plan = *slot;
   const BlockInfo& block = *proc.getBlockInfo();
   const int64_t size = block.getRecordMemSize();
@@ -637,6 +674,28 @@ TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
 
 std::string TransactionProc::appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
                                           int64_t record, bool input) noexcept {
+  try {
+    return appendRecord(out, proc, planFor(proc).viewsOf(values), record, input);
+  } catch (...) {
+    return "out of memory while building the data";
+  }
+}
+
+namespace {
+
+RecordValues ownedValues(const RecordValueViews& values) {
+  RecordValues owned;
+  for (const auto& [name, text] : values.fields) owned.fields.emplace_back(name, text);
+  for (const auto& [name, attr] : values.attrs) owned.attrs.emplace_back(name, attr);
+  for (const std::string_view name : values.nulls) owned.nulls.emplace_back(name);
+  return owned;
+}
+
+}  // namespace
+
+std::string TransactionProc::appendRecord(std::string& out, KXBlockDataProc& proc,
+                                          const RecordValueViews& values, int64_t record,
+                                          bool input) noexcept {
   const size_t size = out.size();
   try {
     RecordPlan& plan = planFor(proc);
@@ -650,7 +709,7 @@ std::string TransactionProc::appendRecord(std::string& out, KXBlockDataProc& pro
       return {};
     }
     layOutDefaults(proc, 1);
-    writeRecord(proc, values, 0, record, true);
+    writeRecord(proc, ownedValues(values), 0, record, true);
     if (input) {
       out.resize(size + static_cast<size_t>(sendRecordSize(*proc.getBlockInfo())), ' ');
       proc.getStructInputData(out.data() + size);
@@ -691,7 +750,8 @@ TransactionProc::BuildResult TransactionProc::build(const std::vector<BlockValue
       RecordPlan& plan = planFor(*e.proc);
       if (plan.direct && input) {
         for (int64_t i = 0; i < e.count; ++i)
-          plan.appendSent(out, *e.proc, recordValues(e.values, i), i, i == 0 ? &e.extra : nullptr);
+          plan.appendSent(out, *e.proc, plan.viewsOf(recordValues(e.values, i)), i,
+                          i == 0 ? &e.extra : nullptr);
       } else if (plan.direct) {
         plan.appendLaidOut(out, *e.proc, e.values, e.count, &e.extra);
       } else if (input) {

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -39,6 +40,18 @@ struct RecordValues {
   // one reads; any other field keeps its default. A count field given none is filled in.
   std::vector<std::string> nulls = {};
 };
+
+// One record's values as views of the caller's text, valid during the call that takes them: RecordValues
+// without a copy of each name and value, for a caller that reads records out of a buffer.
+struct RecordValueViews {
+  std::span<const std::pair<std::string_view, std::string_view>> fields;
+  std::span<const std::pair<std::string_view, uint8_t>> attrs = {};
+  std::span<const std::string_view> nulls = {};
+};
+
+// Whether a field given no value is written blank (a text or number field) rather than left at its default
+// (a binary field, which has no blank).
+bool blankWhenNull(const FieldInfo& field) noexcept;
 
 struct BlockValues {
   std::string block;                  // block name
@@ -130,6 +143,9 @@ class TransactionProc : public BaseDataProc {
   // then unchanged. A count field is written only when the values give it.
   std::string appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValues& values,
                            int64_t record, bool input) noexcept;
+  // The same for values given as views.
+  std::string appendRecord(std::string& out, KXBlockDataProc& proc, const RecordValueViews& values,
+                           int64_t record, bool input) noexcept;
 
  private:
   struct Side;
@@ -146,6 +162,9 @@ class TransactionProc : public BaseDataProc {
   std::vector<KXBlockDataProc*> m_InblockDPList, m_OutblockDPList;
   std::map<std::string, KXBlockDataProc*, std::less<>> m_blockDPMap;
   std::unordered_map<const KXBlockDataProc*, std::unique_ptr<RecordPlan>> m_plans;
+  // The plan used last, found without a lookup: a block's records are built one after another.
+  const KXBlockDataProc* m_lastPlanProc = nullptr;
+  RecordPlan* m_lastPlan = nullptr;
 };
 
 }  // namespace blockproc

@@ -69,7 +69,6 @@ class Encoder {
   void add(InputRecord& r) {
     if (m_current == nullptr || r.block != m_current->proc->getBlockName()) switchTo(r);
     Block& b = *m_current;
-    dropNulls(r, b);
     const int64_t number = b.records;
     if (r.record >= 0 && r.record != number)
       refuse(r, "block " + b.proc->getBlockName() + ": record " + std::to_string(r.record) +
@@ -79,12 +78,12 @@ class Encoder {
     markGiven(r, b, number);
     if (b.streams) {
       if (!m_headWritten) writeHead();
-      check(r, m_tran.appendRecord(m_out.text(), *b.proc, r.values, number, m_input));
+      check(r, m_tran.appendRecord(m_out.text(), *b.proc, r.values(), number, m_input));
       m_out.spill();
     } else {
-      check(r, m_tran.appendRecord(m_scratch, *b.proc, r.values, number, m_input));
+      check(r, m_tran.appendRecord(m_scratch, *b.proc, r.values(), number, m_input));
       m_scratch.clear();
-      b.held.records.push_back(r.values);
+      b.held.records.push_back(owned(r));
     }
     ++b.records;
   }
@@ -139,12 +138,13 @@ class Encoder {
     std::vector<std::pair<std::string, const FieldInfo*>> byPosition = {};
   };
 
-  static const FieldInfo* fieldAt(Block& b, size_t k, const std::string& name) {
-    if (k < b.byPosition.size() && b.byPosition[k].first == name) return b.byPosition[k].second;
+  static const FieldInfo* fieldAt(Block& b, size_t k, std::string_view name) {
+    if (k < b.byPosition.size() && internal::sameName(b.byPosition[k].first, name))
+      return b.byPosition[k].second;
     const FieldInfo* f = b.proc->findFieldInfo(name);
     if (f == nullptr) return nullptr;
     if (k >= b.byPosition.size()) b.byPosition.resize(k + 1);
-    b.byPosition[k] = {name, f};
+    b.byPosition[k] = {std::string(name), f};
     return f;
   }
 
@@ -200,41 +200,42 @@ class Encoder {
                     internal::counted(block.m_nRepeatCount, "record") + " (its repeat)");
   }
 
-  // A JSON null is no value: a text or number field is left blank, as decode shows a blank number; a binary
-  // field, which has no blank, is left out and takes its default.
-  static void dropNulls(InputRecord& r, const Block& b) {
-    auto& fields = r.values.fields;
-    size_t kept = 0;
-    for (size_t k = 0; k < fields.size(); ++k) {
-      const FieldInfo* f = r.nulls[k] ? b.proc->findFieldInfo(fields[k].first) : nullptr;
-      if (f != nullptr && f->nDataType != kFieldText && f->nDataType != kFieldNumText) continue;
-      if (kept != k) fields[kept].swap(fields[k]);
-      ++kept;
-    }
-    fields.resize(kept);
-    r.nulls.resize(kept);
-    r.fieldCount = kept;
+  // The record's values held as a copy, for a block written once its records are all in.
+  static RecordValues owned(const InputRecord& r) {
+    RecordValues values;
+    for (const auto& [name, text] : r.fields) values.fields.emplace_back(name, text);
+    for (const auto& [name, attr] : r.attrs) values.attrs.emplace_back(name, attr);
+    for (const std::string_view name : r.nulls) values.nulls.emplace_back(name);
+    return values;
   }
 
-  // Notes the fields the record gives, refusing a field given twice or, with --strict, one left out.
+  void refuseUnknown(const InputRecord& r, const Block& b, std::string_view name) const {
+    refuse(r, "block " + b.proc->getBlockName() + " has no field '" + printable(std::string(name)) + "'");
+  }
+
+  // Notes the fields the record gives, refusing a field given twice or, with --strict, one left out. A field
+  // given null counts as given when the engine writes it blank; one that keeps its default counts as left
+  // out.
   void markGiven(const InputRecord& r, Block& b, int64_t number) {
     ++m_seen;
-    for (size_t k = 0; k < r.values.fields.size(); ++k) {
-      const auto& [name, value] = r.values.fields[k];
+    for (const std::string_view name : r.nulls) {
+      const FieldInfo* f = b.proc->findFieldInfo(name);
+      if (f == nullptr) refuseUnknown(r, b, name);
+      if (blankWhenNull(*f)) stampGiven(r, b, *f);
+    }
+    for (size_t k = 0; k < r.fields.size(); ++k) {
+      const auto& [name, value] = r.fields[k];
       const FieldInfo* f = fieldAt(b, k, name);
-      if (f == nullptr)
-        refuse(r, "block " + b.proc->getBlockName() + " has no field '" + printable(name) + "'");
+      if (f == nullptr) refuseUnknown(r, b, name);
       // decode shows a password as the mask unless --show-secrets; the mask written back would become the
       // password.
       if (f->bPassword && value == kSecretMask) {
         std::string at;
-        value::appendWhere(at, b.proc->getBlockName(), number, printable(name));
+        value::appendWhere(at, b.proc->getBlockName(), number, printable(std::string(name)));
         refuse(r, at + ": is the mask decode shows for a password, not the password; decode with "
                        "--show-secrets to keep it");
       }
-      auto& stamp = b.stamp[static_cast<size_t>(f->nIndex)];
-      if (stamp == m_seen) refuse(r, "'" + printable(name) + "' is given twice in one record");
-      stamp = m_seen;
+      stampGiven(r, b, *f);
     }
     std::string missing;
     bool any = false;
@@ -250,6 +251,12 @@ class Encoder {
     if (m_options.strict)
       refuse(r, "block " + b.proc->getBlockName() + ", record " + std::to_string(number) + " leaves out " +
                     missing + ", and --strict takes no defaults");
+  }
+
+  void stampGiven(const InputRecord& r, Block& b, const FieldInfo& f) const {
+    auto& stamp = b.stamp[static_cast<size_t>(f.nIndex)];
+    if (stamp == m_seen) refuse(r, "'" + printable(f.szFieldName) + "' is given twice in one record");
+    stamp = m_seen;
   }
 
   // The held blocks, built as a whole (a rest block that has not started takes no record).
