@@ -180,10 +180,13 @@ def _column_arrays(frame):
             if values.dtype.kind == "U":
                 values = values.astype(object)
         elif isinstance(array, masked):
-            # The missing values' places hold some number; the mask says which they are.
-            mask = np.asarray(array.isna())
-            values = array.to_numpy(dtype=array.dtype.numpy_dtype, na_value=0 if array.dtype.kind != "f" else
-                                    np.nan)
+            # The values and the mask of the missing ones (whose places hold any number), as the array keeps
+            # them where it has them, else copied.
+            values, mask = getattr(array, "_data", None), getattr(array, "_mask", None)
+            if not (isinstance(values, np.ndarray) and isinstance(mask, np.ndarray)):
+                mask = np.asarray(array.isna())
+                values = array.to_numpy(dtype=array.dtype.numpy_dtype,
+                                        na_value=np.nan if array.dtype.kind == "f" else 0)
         else:
             values, mask = series.to_numpy(dtype=object), None  # str, categories, other extension arrays
         columns.append((name, values, mask))

@@ -173,11 +173,19 @@ struct ColumnData {
     std::memcpy(&o, data + i * stride, sizeof o);
     return o;
   }
-  // The item's bits, a key of its value within the column (the item size is at most 8 bytes).
+  // The item's bits, a key of its value within the column (items of 1, 2, 4 or 8 bytes).
   uint64_t bits(int64_t i) const noexcept {
-    uint64_t v = 0;
-    std::memcpy(&v, data + i * stride, static_cast<size_t>(itemSize));
-    return v;
+    const char* at = data + i * stride;
+    switch (itemSize) {
+      case 1:
+        return static_cast<uint8_t>(*at);
+      case 2:
+        return load<uint16_t>(at);
+      case 4:
+        return load<uint32_t>(at);
+      default:
+        return load<uint64_t>(at);
+    }
   }
   double real(int64_t i) const noexcept {
     double v;
@@ -306,11 +314,13 @@ class ColumnWriter {
     switch (m_data.kind) {
       case 'i':
       case 'u':
+        if (m_data.kind == 'i' && m_data.itemSize == 8 && m_form != Form::Attr) return int64Rows(from, to);
         for (int64_t r = from; r < to; ++r) {
           if (m_data.missing(r))
             integerItem(r);
           else
-            memoised(r, m_data.bits(r), [&] { integerItem(r); });
+            memoised(
+                r, [&] { return m_data.bits(r); }, [&] { integerItem(r); });
         }
         return;
       case 'f':
@@ -318,12 +328,14 @@ class ColumnWriter {
           if (m_data.missing(r))
             realItem(r, 0, true);
           else
-            memoised(r, m_data.bits(r), [&] { realItem(r, m_data.real(r), false); });
+            memoised(
+                r, [&] { return m_data.bits(r); }, [&] { realItem(r, m_data.real(r), false); });
         }
         return;
       default:
         for (int64_t r = from; r < to; ++r)
-          memoised(r, reinterpret_cast<uintptr_t>(m_data.object(r)), [&] { objectItem(r); });
+          memoised(
+              r, [&] { return reinterpret_cast<uintptr_t>(m_data.object(r)); }, [&] { objectItem(r); });
         return;
     }
   }
@@ -332,12 +344,29 @@ class ColumnWriter {
   uint8_t* at(int64_t row) const noexcept { return m_out + row * m_stride; }
 
   // Writes the row's value through `item`, or copies its bytes when the value was written before.
-  template <typename Item>
-  void memoised(int64_t row, uint64_t key, Item item) {
+  template <typename Key, typename Item>
+  void memoised(int64_t row, Key key, Item item) {
     if (!m_memo.on()) return item();
-    if (m_memo.copy(key, at(row))) return;
+    if (m_memo.copy(key(), at(row))) return;
     item();
-    m_memo.keep(key, at(row));
+    m_memo.keep(key(), at(row));
+  }
+
+  // An int64 column (the scaled columns of to_pandas, most integer columns): the values straight to the
+  // encoder once the memo is off.
+  void int64Rows(int64_t from, int64_t to) {
+    const int32_t places = m_form == Form::Number ? m_places : 0;
+    for (int64_t r = from; r < to; ++r) {
+      if (m_data.missing(r)) {
+        integerItem(r);
+      } else if (m_memo.on()) {
+        memoised(
+            r, [&] { return m_data.bits(r); }, [&] { integerItem(r); });
+      } else if (!m_encoder.encodeScaled(ColumnData::load<int64_t>(m_data.data + r * m_data.stride), places,
+                                         at(r), m_why)) {
+        fail(r, m_why);
+      }
+    }
   }
 
   // Refuses a column whose dtype no value of the field is given in.
@@ -399,7 +428,12 @@ class ColumnWriter {
 
   void wholeItem(int64_t row, bool negative, uint64_t magnitude, int32_t places) {
     if (m_form == Form::Attr) return attrByte(row, negative, magnitude);
-    scaledText(negative, magnitude, places, m_text);
+    if (magnitude <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
+      const int64_t value = negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
+      if (!m_encoder.encodeScaled(value, places, at(row), m_why)) fail(row, m_why);
+      return;
+    }
+    scaledText(negative, magnitude, places, m_text);  // beyond 64 bits: the encoder refuses its text
     put(row, m_text);
   }
 
@@ -411,8 +445,12 @@ class ColumnWriter {
       return;
     }
     if (std::isinf(x)) fail(row, std::string(x < 0 ? "-inf" : "inf") + " is not a number");
+    if (m_form != Form::Number) {
+      if (!m_encoder.encodeReal(x, at(row), m_why)) fail(row, m_why);
+      return;
+    }
     floatText(x, m_text);
-    if (m_form == Form::Number && !standsForOneDecimal(x, m_places))
+    if (!standsForOneDecimal(x, m_places))
       fail(row,
            "the float64 " + m_text + " stands for no one decimal of " + counted(m_places, "place") +
                " (at this size a float64 holds fewer digits); give the column as Int64 of the value times "
@@ -427,6 +465,9 @@ class ColumnWriter {
     if (o == nullptr) fail(row, "the object array holds no object", true);
     if (PyUnicode_Check(o)) {
       if (m_form != Form::Text) wrongItem(row, o);
+      if (PyUnicode_IS_COMPACT_ASCII(o))  // its characters are its UTF-8, inside the object
+        return put(row, std::string_view(static_cast<const char*>(PyUnicode_DATA(o)),
+                                         static_cast<size_t>(PyUnicode_GET_LENGTH(o))));
       Py_ssize_t size = 0;
       const char* utf8 = PyUnicode_AsUTF8AndSize(o, &size);
       if (utf8 == nullptr) {
@@ -523,6 +564,18 @@ std::string defaultRecord(const BlockInfo& block, uint32_t encoding, int64_t siz
   if (proc.getData() != nullptr && proc.getBlockBuffSize() >= size)
     std::memcpy(record.data(), proc.getData(), static_cast<size_t>(size));
   return record;
+}
+
+// Whether some byte of the record is no field's and no attribute byte (it keeps the defaults); every other
+// byte is written by a column.
+bool hasGaps(const BlockInfo& block, int64_t stride) {
+  std::vector<bool> covered(static_cast<size_t>(stride));
+  for (int32_t j = 0; j < block.getFieldCount(); ++j) {
+    const FieldInfo& field = *block.getFieldInfoFromIndex(j);
+    const int64_t end = int64_t{field.nDataPos} + field.nLength + (block.carriesAttr(field) ? 1 : 0);
+    for (int64_t b = field.nDataPos; b < end; ++b) covered[static_cast<size_t>(b)] = true;
+  }
+  return std::find(covered.begin(), covered.end(), false) != covered.end();
 }
 
 // Raises ValueError when a field (with its attribute byte) does not lie inside the record.
@@ -633,10 +686,12 @@ py::bytes encodeFrame(const Definition& def, const py::list& columns, py::handle
   auto* out = reinterpret_cast<uint8_t*>(PyBytes_AS_STRING(bytes.ptr()));
   std::memcpy(out, head.data(), head.size());
   uint8_t* records = out + head.size();
+  const bool gaps = hasGaps(block, stride);
   constexpr int64_t kChunk = 256;
   for (int64_t from = 0; from < rows; from += kChunk) {
     const int64_t to = std::min(rows, from + kChunk);
-    for (int64_t r = from; r < to; ++r) std::memcpy(records + r * stride, defaults.data(), defaults.size());
+    for (int64_t r = from; gaps && r < to; ++r)
+      std::memcpy(records + r * stride, defaults.data(), defaults.size());
     for (ColumnWriter& writer : writers) writer.write(from, to, records, stride);
   }
   return bytes;
