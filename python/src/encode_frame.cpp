@@ -314,7 +314,11 @@ class ColumnWriter {
     switch (m_data.kind) {
       case 'i':
       case 'u':
-        if (m_data.kind == 'i' && m_data.itemSize == 8 && m_form != Form::Attr) return int64Rows(from, to);
+        if (m_data.kind == 'i' && m_form != Form::Attr) {
+          if (m_data.itemSize == 8) return signedRows<int64_t>(from, to);
+          if (m_data.itemSize == 4) return signedRows<int32_t>(from, to);
+          if (m_data.itemSize == 2) return signedRows<int16_t>(from, to);
+        }
         for (int64_t r = from; r < to; ++r) {
           if (m_data.missing(r))
             integerItem(r);
@@ -352,9 +356,10 @@ class ColumnWriter {
     m_memo.keep(key(), at(row));
   }
 
-  // An int64 column (the scaled columns of to_pandas, most integer columns): the values straight to the
-  // encoder once the memo is off.
-  void int64Rows(int64_t from, int64_t to) {
+  // A signed integer column (the scaled columns of to_pandas, its int16 and int64 columns): the values
+  // straight to the encoder once the memo is off.
+  template <typename Int>
+  void signedRows(int64_t from, int64_t to) {
     const int32_t places = m_form == Form::Number ? m_places : 0;
     for (int64_t r = from; r < to; ++r) {
       if (m_data.missing(r)) {
@@ -362,7 +367,7 @@ class ColumnWriter {
       } else if (m_memo.on()) {
         memoised(
             r, [&] { return m_data.bits(r); }, [&] { integerItem(r); });
-      } else if (!m_encoder.encodeScaled(ColumnData::load<int64_t>(m_data.data + r * m_data.stride), places,
+      } else if (!m_encoder.encodeScaled(ColumnData::load<Int>(m_data.data + r * m_data.stride), places,
                                          at(r), m_why)) {
         fail(r, m_why);
       }
