@@ -362,6 +362,23 @@ namespace {
 constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
+// Copies n bytes (0 to 32) by two fixed-size copies that overlap, which compile to a few moves where a copy
+// of any size is a library call.
+void copyShort(uint8_t* to, const char* from, size_t n) noexcept {
+  if (n >= 16) {
+    std::memcpy(to, from, 16);
+    std::memcpy(to + n - 16, from + n - 16, 16);
+  } else if (n >= 8) {
+    std::memcpy(to, from, 8);
+    std::memcpy(to + n - 8, from + n - 8, 8);
+  } else if (n >= 4) {
+    std::memcpy(to, from, 4);
+    std::memcpy(to + n - 4, from + n - 4, 4);
+  } else {
+    for (size_t i = 0; i < n; ++i) to[i] = static_cast<uint8_t>(from[i]);
+  }
+}
+
 // The value a reader shows for a float with `places` (1 to 22): its shortest text with the point moved left,
 // as the nearest double; NaN when that takes more than one rounding here (the caller then goes the text way).
 // A whole float below 2^24 is its integer; any other has at most nine digits, and with a power of ten up to
@@ -402,42 +419,43 @@ bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
   const int32_t places = m_places, length = m_length;
   if (m_field->nDataType != kFieldNumText) return false;
   const bool negative = value < 0;
-  char text[num::kIntRoom];
-  const char* const digits = text + (negative ? 1 : 0);
-  const auto count = static_cast<int32_t>(num::writeInt(text, value) - digits);
   const int32_t sign = negative ? 1 : 0;
-  const auto copy = [](uint8_t* at, const char* from, int32_t n) {
-    for (int32_t i = 0; i < n; ++i) at[i] = static_cast<uint8_t>(from[i]);
-    return at + n;
+  const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  // Whether the magnitude has at most `width` digits, and then its digits zero-filled to that width.
+  const auto fits = [magnitude](int32_t width) {
+    return width >= 1 && (width >= 20 || magnitude < static_cast<uint64_t>(kPowersOfTen[width]));
   };
-  const auto zeros = [](uint8_t* at, int32_t n) {
-    for (int32_t i = 0; i < n; ++i) at[i] = '0';
-    return at + n;
-  };
-  uint8_t* at = out + sign;
-  if (places == 0 || m_field->bImpliedPoint) {
-    // Every digit, zero-filled after the sign (with no room for them all the layout is another).
-    if (length - places - sign < 0 || count > length - sign) return false;
-    copy(zeros(at, length - sign - count), digits, count);
-  } else {
-    // The integer part zero-filled up to the point, then exactly the places. When that has no room and
-    // neither has the point with only the places that are not zero, every digit as with the point implied.
-    const int32_t integer = std::max(count - places, 0), room = length - places - 1 - sign;
-    if (room < 1 || integer > room) {
-      int32_t significant = std::min(count, places);
-      while (significant > 0 && digits[integer + significant - 1] == '0') --significant;
-      if (sign + std::max(integer, 1) + 1 + significant <= length || integer > length - places - sign)
-        return false;
-      copy(zeros(at, length - sign - count), digits, count);
-      if (negative) out[0] = '-';
-      return true;
+  char padded[num::kIntRoom + 8];
+  const bool implied = places == 0 || m_field->bImpliedPoint;
+  // Every digit, zero-filled after the sign; or the integer part zero-filled up to the point, then exactly
+  // the places.
+  const int32_t room = implied ? length - sign : length - places - 1 - sign;
+  const int32_t width = implied ? room : room + places;
+  if (room >= 1 && width <= 20 && length <= 32 && (!implied || length - places - sign >= 0) && fits(width)) {
+    num::writeZeroPadded(padded, magnitude, width);
+    if (negative) out[0] = '-';
+    copyShort(out + sign, padded, static_cast<size_t>(room));
+    if (!implied) {
+      out[sign + room] = '.';
+      copyShort(out + sign + room + 1, padded + room, static_cast<size_t>(places));
     }
-    at = copy(zeros(at, room - integer), digits, integer);
-    *at++ = '.';
-    const int32_t shown = count - integer;  // the fraction's digits, after its leading zeros
-    copy(zeros(at, places - shown), digits + integer, shown);
+    return true;
   }
+  if (implied) return false;
+  // No room for the point form: when the point with only the places that are not zero has none either,
+  // every digit as with the point implied (a field of 4 bytes and 3 places writes 1.234 as "1234").
+  char text[num::kIntRoom];
+  const char* const digits = text + sign;
+  const auto count = static_cast<int32_t>(num::writeInt(text, value) - digits);
+  const int32_t integer = std::max(count - places, 0);
+  int32_t significant = std::min(count, places);
+  while (significant > 0 && digits[integer + significant - 1] == '0') --significant;
+  if (sign + std::max(integer, 1) + 1 + significant <= length || integer > length - places - sign ||
+      length - sign > 20 || !fits(length - sign))
+    return false;
+  num::writeZeroPadded(padded, magnitude, length - sign);
   if (negative) out[0] = '-';
+  copyShort(out + sign, padded, static_cast<size_t>(length - sign));
   return true;
 }
 
