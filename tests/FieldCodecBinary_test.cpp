@@ -66,6 +66,9 @@ std::vector<FieldInfo> shapes() {
       for (int32_t places = 0; places <= 4; ++places)
         for (bool implied : {false, true})
           if (type == kFieldNumText || places > 0) all.push_back(fieldOf(type, length, places, implied));
+  for (int32_t length : {16, 19, 20, 21, 22, 33})  // the widest digit runs, and past them
+    for (int32_t places : {0, 2})
+      for (bool implied : {false, true}) all.push_back(fieldOf(kFieldNumText, length, places, implied));
   for (int32_t length : {2, 4}) all.push_back(fieldOf(kFieldInt16, length));
   for (int32_t type : {kFieldInt64, kFieldSInt64}) all.push_back(fieldOf(type, 8));
   all.push_back(fieldOf(kFieldInt64, 10));
