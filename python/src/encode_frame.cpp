@@ -394,7 +394,7 @@ class ColumnWriter {
   [[noreturn]] void fail(int64_t row, std::string_view why, bool typeError = false) const {
     std::string message = "block " + m_block.m_szBlockName + ", row ";
     const py::object label = m_index[py::int_(row)];
-    const bool plain = PyLong_CheckExact(label.ptr()) && label.cast<int64_t>() == row;
+    const bool plain = PyLong_CheckExact(label.ptr()) && label.equal(py::int_(row));
     message += py::repr(label).cast<std::string>();
     if (!plain) message += " (record " + std::to_string(row) + ")";
     message += ", column " + columnName() + ": ";
@@ -498,6 +498,14 @@ class ColumnWriter {
     }
   }
 
+  // The text of an int or a Decimal as the base type makes it (`text`, its C slot), never by a subclass's
+  // __str__ or __repr__: Python code run here could change the column being read.
+  static py::str baseText(PyObject* o, reprfunc text) {
+    PyObject* made = text != nullptr ? text(o) : PyObject_Str(o);
+    if (made == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::str>(made);
+  }
+
   [[noreturn]] void wrongItem(int64_t row, PyObject* o) const {
     fail(row,
          py::repr(py::handle(o)).cast<std::string>() + " is a " + typeName(o) + "; " +
@@ -524,14 +532,14 @@ class ColumnWriter {
       return;
     }
     if (m_form == Form::Attr) fail(row, py::str(o).cast<std::string>() + " is no attribute byte (0 to 255)");
-    put(row, py::str(o).cast<std::string>());  // refused as out of range
+    put(row, baseText(o, PyLong_Type.tp_repr).cast<std::string>());  // refused as out of range
   }
 
   // A Decimal: its text, which the encoder reads in any form (an exponent included); NaN is a number
   // field's blank.
   void decimalItem(int64_t row, PyObject* o) {
     if (m_form == Form::Text || m_form == Form::Attr) wrongItem(row, o);
-    const py::str text = py::str(py::handle(o));
+    const py::str text = baseText(o, reinterpret_cast<PyTypeObject*>(m_types.decimal.ptr())->tp_str);
     Py_ssize_t size = 0;
     const char* utf8 = PyUnicode_AsUTF8AndSize(text.ptr(), &size);
     if (utf8 == nullptr) throw py::error_already_set();

@@ -199,3 +199,23 @@ def test_blanks_and_text_forms_pandas_gives(every_type):
     assert back["name"].tolist() == ["삼성", "", "", "KB", "", "LG"]
     assert back["qty"].tolist() == [D(5), None, None, None, D(0), D(100)]
     assert data[10:16] == b"000005" and data[71:77] == b"      "  # a blank number is spaces
+
+
+def test_numbers_are_read_as_their_base_type_says(every_type):
+    class Shown(D):  # a subclass's own text is not the value
+        def __str__(self):
+            return "1"
+
+    class Wide(int):
+        def __repr__(self):
+            return "1"
+        __str__ = __repr__
+
+    frame = blockproc.to_pandas(every_type, market_rows(2, computed=False), "Rows")
+    frame["qty"] = [Shown("7"), D(8)]
+    back = blockproc.to_pandas(every_type, blockproc.encode_frame(every_type, frame, "Rows"), "Rows",
+                               numbers="decimal")
+    assert back["qty"].tolist() == [D(7), D(8)]
+    frame["qty"] = [Wide(10**20), 1]
+    with pytest.raises(ValueError, match="'100000000000000000000' has 21 digits"):
+        blockproc.encode_frame(every_type, frame, "Rows")
