@@ -78,8 +78,10 @@ std::vector<FieldInfo> shapes() {
 // Whole numbers of every size and sign, zero and the 64-bit ends, and the edges of each digit count.
 std::vector<int64_t> wholeNumbers() {
   std::vector<int64_t> values = {0, 1, -1, 32767, -32768, 32768, -32769, INT64_MAX, INT64_MIN};
-  for (int64_t p = 1; p <= 1'000'000'000'000'000'000; p *= 10)
+  for (int64_t p = 1;; p *= 10) {
     for (int64_t v : {p - 1, p, p + 1}) values.insert(values.end(), {v, -v});
+    if (p == 1'000'000'000'000'000'000) break;
+  }
   std::mt19937_64 rng(20261125);
   for (int i = 0; i < 400; ++i) {
     const auto digits = static_cast<int>(rng() % 19);
