@@ -390,7 +390,7 @@ class ColumnWriter {
 
   std::string columnName() const { return m_field.szFieldName + (m_form == Form::Attr ? "@attr" : ""); }
 
-  // Raises `type` naming the block, the row, the column and why.
+  // Raises ValueError (TypeError with `typeError`) naming the block, the row, the column and why.
   [[noreturn]] void fail(int64_t row, std::string_view why, bool typeError = false) const {
     std::string message = "block " + m_block.m_szBlockName + ", row ";
     const py::object label = m_index[py::int_(row)];
