@@ -227,15 +227,23 @@ bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
   return true;
 }
 
-namespace {
-
-// The bytes of a plain decimal with no more places than the number field's, laid out as encodeNumber says;
-// false when it has no room.
-bool layOutNumber(const FieldInfo& field, int32_t fieldLength, int32_t fieldPlaces, const Plain& p,
-                  uint8_t* out) {
-  const auto places = static_cast<int64_t>(fieldPlaces), length = static_cast<int64_t>(fieldLength);
+// A number: a blank value leaves the field spaces; a plain decimal with no more places than the field's is
+// written with its point (a sign, zero fill, the digits, the point and exactly the field's places, or the
+// same left-aligned in a text field); when they leave no room, with the point and only the places that
+// are not zero (zero fill ahead); when the point is implied or even that has no room, without the point
+// (a sign, zero fill, then every digit, the last `places` of them the fraction). Other forms go the
+// reference way.
+bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
+  const std::string_view text = trimSpaces(value);
+  if (text.empty()) {
+    std::memset(out, kSpace, static_cast<size_t>(m_length));
+    return true;
+  }
+  Plain p;
+  if (!parsePlain(text, p) || p.fraction.size() > static_cast<size_t>(m_places)) return false;
+  const auto places = static_cast<int64_t>(m_places), length = static_cast<int64_t>(m_length);
   const int64_t sign = p.negative ? 1 : 0, digits = static_cast<int64_t>(p.integer.size());
-  const bool pointWritten = !(field.bImpliedPoint && places > 0);
+  const bool pointWritten = !(m_field->bImpliedPoint && places > 0);
   const int64_t withPoint = (places > 0 ? length - places - 1 : length) - sign;
   const int64_t implied = length - places - sign;
   const auto zeros = [](uint8_t* at, int64_t n) {
@@ -245,7 +253,7 @@ bool layOutNumber(const FieldInfo& field, int32_t fieldLength, int32_t fieldPlac
   uint8_t* at = out;
   if (pointWritten && std::max<int64_t>(digits, 1) <= withPoint) {
     const int64_t used = sign + std::max<int64_t>(digits, 1) + (places > 0 ? places + 1 : 0);
-    const bool leftAligned = field.nDataType == kFieldText;  // spaces after
+    const bool leftAligned = m_field->nDataType == kFieldText;  // spaces after
     if (p.negative) *at++ = '-';
     if (!leftAligned) at = zeros(at, length - used);
     at = digits == 0 ? zeros(at, 1) : put(at, p.integer);
@@ -272,25 +280,6 @@ bool layOutNumber(const FieldInfo& field, int32_t fieldLength, int32_t fieldPlac
     return true;
   }
   return false;
-}
-
-}  // namespace
-
-// A number: a blank value leaves the field spaces; a plain decimal with no more places than the field's is
-// written with its point (a sign, zero fill, the digits, the point and exactly the field's places, or the
-// same left-aligned in a text field); when they leave no room, with the point and only the places that
-// are not zero (zero fill ahead); when the point is implied or even that has no room, without the point
-// (a sign, zero fill, then every digit, the last `places` of them the fraction). Other forms go the
-// reference way.
-bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
-  const std::string_view text = trimSpaces(value);
-  if (text.empty()) {
-    std::memset(out, kSpace, static_cast<size_t>(m_length));
-    return true;
-  }
-  Plain p;
-  if (!parsePlain(text, p) || p.fraction.size() > static_cast<size_t>(m_places)) return false;
-  return layOutNumber(*m_field, m_length, m_places, p, out);
 }
 
 // A whole number in range: its binary form, then spaces to the field's end.
@@ -353,8 +342,7 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
   return true;
 }
 
-// ---- values in binary form
-// ----------------------------------------------------------------------------------
+// ---- values in binary form ---------------------------------------------------------------------------
 
 namespace {
 
@@ -486,16 +474,6 @@ bool FieldEncoder::encodeScaled(int64_t value, int32_t places, uint8_t* out, std
   const auto count =
       static_cast<int32_t>(std::to_chars(digits, digits + sizeof digits, magnitude).ptr - digits);
   const int32_t fraction = std::max(places, 0);
-  if (m_kind == Kind::Number && places == m_places && count > places) {
-    // The plain decimal straight from the digits, laid out as encodeNumber lays out its text.
-    Plain p;
-    p.integer = std::string_view(digits, static_cast<size_t>(count - places));
-    p.fraction = std::string_view(digits + count - places, static_cast<size_t>(places));
-    while (!p.integer.empty() && p.integer.front() == '0') p.integer.remove_prefix(1);
-    while (!p.fraction.empty() && p.fraction.back() == '0') p.fraction.remove_suffix(1);
-    p.negative = value < 0;
-    if (layOutNumber(*m_field, m_length, m_places, p, out)) return true;
-  }
   char* at = text;
   if (value < 0) *at++ = '-';
   if (count <= fraction) {
