@@ -259,7 +259,7 @@ class Memo {
   bool copy(uint64_t key, uint8_t* out) noexcept {
     const Slot& s = slot(key);
     const bool hit = s.used && s.key == key;
-    if (hit) std::memcpy(out, s.bytes, m_width);
+    if (hit) copyBytes(out, s.bytes);
     if (m_seen < kTrial) {
       m_hits += hit ? 1 : 0;
       if (++m_seen == kTrial && m_hits < kTrial / 4) m_on = false;
@@ -275,6 +275,17 @@ class Memo {
 
  private:
   static constexpr int64_t kTrial = 1024;
+  // The field's bytes by fixed-size copies where it is short (a copy of any size is a library call).
+  void copyBytes(uint8_t* out, const uint8_t* from) const noexcept {
+    if (m_width == 1) {
+      *out = *from;
+    } else if (m_width >= 8 && m_width <= 16) {
+      std::memcpy(out, from, 8);
+      std::memcpy(out + m_width - 8, from + m_width - 8, 8);
+    } else {
+      std::memcpy(out, from, m_width);
+    }
+  }
   struct Slot {
     uint64_t key = 0;
     bool used = false;
