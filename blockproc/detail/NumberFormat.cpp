@@ -94,6 +94,10 @@ char* writeInt(char* dst, int64_t value) noexcept {
   return putDigits(dst, m, decimalLength(m));
 }
 
+char* writeZeroPadded(char* dst, uint64_t value, int32_t width) noexcept {
+  return putDigits(dst, value, width);  // the digits a width holds beyond the value's are its leading zeros
+}
+
 void appendInt(std::string& out, int64_t value) {
   std::array<char, kIntRoom> buf;
   out.append(buf.data(), writeInt(buf.data(), value));

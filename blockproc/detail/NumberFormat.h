@@ -41,6 +41,10 @@ inline constexpr size_t kFixedRoom = 48;  // writeFixed
 // Writes "%lld" of the value at dst (kIntRoom bytes free) and gives the end of the text.
 char* writeInt(char* dst, int64_t value) noexcept;
 
+// Writes the value's digits zero-filled to exactly `width` of them (1 to 20, no fewer than the value has) at
+// dst (kIntRoom bytes free) and gives the end.
+char* writeZeroPadded(char* dst, uint64_t value, int32_t width) noexcept;
+
 // Writes "%0.*f" of the value at dst (kFixedRoom bytes free) and gives the end of the text, for 0 to 18
 // places and a zero or normal value below 2^52; nullptr, for any other value or count of places.
 char* writeFixed(char* dst, double value, int32_t places) noexcept;

@@ -381,4 +381,176 @@ bool FieldEncoder::encodeFloat(std::string_view value, uint8_t* out) const {
   return true;
 }
 
+// ---- values in binary form ---------------------------------------------------------------------------
+
+namespace {
+
+// 10^k as doubles, each exact.
+constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// Copies n bytes (0 to 32) by two fixed-size copies that overlap, which compile to a few moves where a copy
+// of any size is a library call.
+void copyShort(uint8_t* to, const char* from, size_t n) noexcept {
+  if (n >= 16) {
+    std::memcpy(to, from, 16);
+    std::memcpy(to + n - 16, from + n - 16, 16);
+  } else if (n >= 8) {
+    std::memcpy(to, from, 8);
+    std::memcpy(to + n - 8, from + n - 8, 8);
+  } else if (n >= 4) {
+    std::memcpy(to, from, 4);
+    std::memcpy(to + n - 4, from + n - 4, 4);
+  } else {
+    for (size_t i = 0; i < n; ++i) to[i] = static_cast<uint8_t>(from[i]);
+  }
+}
+
+// The value a reader shows for a float with `places` (1 to 22): its shortest text with the point moved left,
+// as the nearest double; NaN when that takes more than one rounding here (the caller then goes the text way).
+// A whole float below 2^24 is its integer; any other has at most nine digits, and with a power of ten up to
+// 22 (both exact as doubles) one division or product rounds once, to the nearest double.
+double shownAs(float value, int32_t places) {
+  const double quiet = std::numeric_limits<double>::quiet_NaN();
+  if (value == 0 || !std::isfinite(value)) return quiet;
+  if (std::fabs(value) < 16777216.0f && std::trunc(value) == value)
+    return static_cast<double>(value) / kPowersOfTen[places];
+  char digits[32];
+  const char* end = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::scientific).ptr;
+  // -d.ddddddddde±XX: the digits without the point, and the exponent of the first one.
+  const char* at = digits;
+  const bool negative = *at == '-';
+  if (negative) ++at;
+  int64_t mantissa = 0;
+  int32_t count = 0, exponent = 0;
+  for (; at < end && *at != 'e'; ++at)
+    if (*at != '.') mantissa = mantissa * 10 + (*at - '0'), ++count;
+  if (at + 1 >= end || std::from_chars(at + (at[1] == '+' ? 2 : 1), end, exponent).ec != std::errc())
+    return quiet;
+  const int32_t shift = exponent - (count - 1) - places;
+  if (count > 9 || shift < -22 || shift > 22) return quiet;
+  const double magnitude = shift < 0 ? static_cast<double>(mantissa) / kPowersOfTen[-shift]
+                                     : static_cast<double>(mantissa) * kPowersOfTen[shift];
+  return negative ? -magnitude : magnitude;
+}
+
+// Writes `value`'s digits right-aligned in [from, to), zero-filled; false when they do not fit or there is no
+// room at all.
+}  // namespace
+
+// A number field's value * 10^places laid out as layOutNumber lays out the same number, for the forms that
+// fill a right-aligned field whole: with the point, the integer part zero-filled before it and exactly the
+// places after (a sign first); or, with the point implied, every digit zero-filled after the sign. False for
+// any other field or when the digits do not fit that way (the caller then takes the text way).
+bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
+  const int32_t places = m_places, length = m_length;
+  if (m_field->nDataType != kFieldNumText) return false;
+  const bool negative = value < 0;
+  const int32_t sign = negative ? 1 : 0;
+  const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  // Whether the magnitude has at most `width` digits, and then its digits zero-filled to that width.
+  const auto fits = [magnitude](int32_t width) {
+    return width >= 1 && (width >= 20 || magnitude < static_cast<uint64_t>(kPowersOfTen[width]));
+  };
+  char padded[num::kIntRoom + 8];
+  const bool implied = places == 0 || m_field->bImpliedPoint;
+  // Every digit, zero-filled after the sign; or the integer part zero-filled up to the point, then exactly
+  // the places.
+  const int32_t room = implied ? length - sign : length - places - 1 - sign;
+  const int32_t width = implied ? room : room + places;
+  if (room >= 1 && width <= 20 && length <= 32 && (!implied || length - places - sign >= 0) && fits(width)) {
+    num::writeZeroPadded(padded, magnitude, width);
+    if (negative) out[0] = '-';
+    copyShort(out + sign, padded, static_cast<size_t>(room));
+    if (!implied) {
+      out[sign + room] = '.';
+      copyShort(out + sign + room + 1, padded + room, static_cast<size_t>(places));
+    }
+    return true;
+  }
+  if (implied) return false;
+  // No room for the point form: when the point with only the places that are not zero has none either,
+  // every digit as with the point implied (a field of 4 bytes and 3 places writes 1.234 as "1234").
+  char text[num::kIntRoom];
+  const char* const digits = text + sign;
+  const auto count = static_cast<int32_t>(num::writeInt(text, value) - digits);
+  const int32_t integer = std::max(count - places, 0);
+  int32_t significant = std::min(count, places);
+  while (significant > 0 && digits[integer + significant - 1] == '0') --significant;
+  if (sign + std::max(integer, 1) + 1 + significant <= length || integer > length - places - sign ||
+      length - sign > 20 || !fits(length - sign))
+    return false;
+  num::writeZeroPadded(padded, magnitude, length - sign);
+  if (negative) out[0] = '-';
+  copyShort(out + sign, padded, static_cast<size_t>(length - sign));
+  return true;
+}
+
+bool FieldEncoder::encodeScaled(int64_t value, int32_t places, uint8_t* out, std::string& why) {
+  if (m_kind == Kind::Integer && places == 0 &&
+      (m_field->nDataType != kFieldInt16 || (value >= -32768 && value <= 32767))) {
+    std::memset(out, kSpace, static_cast<size_t>(m_length));
+    if (m_field->nDataType == kFieldInt16) {
+      const auto narrow = static_cast<int16_t>(value);
+      std::memcpy(out, &narrow, sizeof narrow);
+    } else {
+      std::memcpy(out, &value, sizeof value);
+    }
+    return true;
+  }
+  if (m_kind == Kind::Number && places == m_places && writeRightAligned(value, out)) return true;
+  // The text: the magnitude's digits, the point `places` from their end ("0.05" when there are fewer).
+  constexpr int32_t kPlaces = 40;
+  std::string longer;
+  char room[kPlaces + 32];
+  char* text = room;
+  if (places < 0 || places > kPlaces) {
+    longer.resize(static_cast<size_t>(std::max(places, 0)) + 32);
+    text = longer.data();
+  }
+  const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  char digits[24];
+  const auto count =
+      static_cast<int32_t>(std::to_chars(digits, digits + sizeof digits, magnitude).ptr - digits);
+  const int32_t fraction = std::max(places, 0);
+  char* at = text;
+  if (value < 0) *at++ = '-';
+  if (count <= fraction) {
+    *at++ = '0';
+    *at++ = '.';
+    at = std::fill_n(at, fraction - count, '0');
+    at = std::copy(digits, digits + count, at);
+  } else {
+    at = std::copy(digits, digits + count - fraction, at);
+    if (fraction > 0) {
+      *at++ = '.';
+      at = std::copy(digits + count - fraction, digits + count, at);
+    }
+  }
+  return encode(std::string_view(text, static_cast<size_t>(at - text)), out, why);
+}
+
+bool FieldEncoder::encodeReal(double value, uint8_t* out, std::string& why) {
+  const bool finite = std::isfinite(value);
+  const auto store = [&](auto stored) {
+    std::memset(out, kSpace, static_cast<size_t>(m_length));
+    std::memcpy(out, &stored, sizeof stored);
+    return true;
+  };
+  if (finite && m_kind == Kind::Double) return store(value == 0 ? 0.0 : value);
+  if (finite && m_kind == Kind::Float && m_places == 0 &&
+      std::fabs(value) <= static_cast<double>(std::numeric_limits<float>::max()) &&
+      static_cast<double>(static_cast<float>(value)) == value)
+    return store(value == 0 ? 0.0f : static_cast<float>(value));
+  if (finite && m_kind == Kind::Float && m_places > 0 && m_places <= 22 && value != 0 &&
+      std::fabs(value) < static_cast<double>(std::numeric_limits<float>::max()) / 1e22) {
+    const float candidate = static_cast<float>(value * kPowersOfTen[m_places]);
+    if (shownAs(candidate, m_places) == value) return store(candidate);
+  }
+  char text[400];  // the longest fixed text of a double, 5e-324's, has 327 characters
+  const auto end = finite ? std::to_chars(text, text + sizeof text, value, std::chars_format::fixed).ptr
+                          : std::to_chars(text, text + sizeof text, value).ptr;
+  return encode(std::string_view(text, static_cast<size_t>(end - text)), out, why);
+}
+
 }  // namespace blockproc::value

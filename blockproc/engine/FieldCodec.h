@@ -35,12 +35,23 @@ class FieldEncoder {
   // back and compared with what the value should read as.
   bool encodeReference(std::string_view value, uint8_t* out, std::string& why);
 
+  // Values a caller holds in binary form (the columns of a frame), each giving what encode gives for the
+  // value's text and taking a short way for the common ones:
+  // The number value * 10^-places (a whole number when places is 0): an int16/int64/sint64 field takes a
+  // whole number in range as its binary form; every other field the number's text ("-12.34").
+  bool encodeScaled(int64_t value, int32_t places, uint8_t* out, std::string& why);
+  // A float64: a double field takes it as it is (a negative zero as zero), a float field with no places one
+  // that is exactly a float as that float; every other field and value its shortest text with no exponent
+  // ("nan" and "inf" are refused).
+  bool encodeReal(double value, uint8_t* out, std::string& why);
+
   const FieldInfo& field() const noexcept { return *m_field; }
 
  private:
   enum class Kind : uint8_t { Reference, Text, Number, Integer, Float, Double };
   bool encodeText(std::string_view value, uint8_t* out);
   bool encodeNumber(std::string_view value, uint8_t* out) const;
+  bool writeRightAligned(int64_t value, uint8_t* out) const;
   bool encodeInteger(std::string_view value, uint8_t* out) const;
   template <typename Float>
   bool encodeFloat(std::string_view value, uint8_t* out) const;

@@ -19,6 +19,10 @@ values as Python objects: int, decimal.Decimal for a field with decimals (a floa
 str, None for a blank number; a field flagged as a password is "********" unless show_secrets=True. Bytes that
 have no exact value raise ValueError naming the block, the record, the field and the byte offset.
 
+encode_frame writes such a frame back into bytes: to_pandas(definition, encode_frame(definition, frame, block),
+block) equals the frame, in any numbers= form; a value the field cannot hold exactly raises ValueError naming
+the block, the row and the column.
+
 A loaded Definition does not change: setting a member of its blocks or fields raises TypeError. It is pickled
 (to Dask workers) as the text it was loaded from, so every process uses the same definition; to change one,
 change its XML and load it again.
@@ -27,7 +31,8 @@ change its XML and load it again.
 import os as _os
 
 from ._blockproc import *  # noqa: F401,F403  (the processor, the descriptors, encode)
-from ._blockproc import Definition, encode, _decimals, _decode, _load, _reply_columns, _scales, _stream_columns
+from ._blockproc import (Definition, encode, _decimals, _decode, _encode_frame, _load, _reply_columns, _scales,
+                         _stream_columns)
 
 _TEXT, _INT16, _INT64, _SCALED, _REAL, _ATTR, _FLOAT, _DECIMAL = range(8)
 _NUMBERS = ("scaled", "float", "decimal")
@@ -158,3 +163,66 @@ def as_decimal(frame, column, scale=None):
     blank = series.isna().to_numpy() if series.hasnans else None
     values = series.to_numpy(dtype="int64", na_value=0)
     return pd.Series(_decimals(values, blank, scale), index=frame.index, name=column, dtype=object)
+
+
+def _column_arrays(frame):
+    """(name, values, mask) of each column of a frame: numpy arrays read in place by the encoder, the mask of a
+    nullable column's missing values or None."""
+    import numpy as np
+    import pandas as pd
+
+    masked = (pd.arrays.IntegerArray, pd.arrays.FloatingArray, pd.arrays.BooleanArray)
+    columns = []
+    for name, series in frame.items():
+        array = series.array
+        if isinstance(series.dtype, np.dtype):
+            values, mask = series.to_numpy(), None
+            if values.dtype.kind == "U":
+                values = values.astype(object)
+        elif isinstance(array, masked):
+            # The values and the mask of the missing ones (whose places hold any number), as the array keeps
+            # them where it has them, else copied.
+            values, mask = getattr(array, "_data", None), getattr(array, "_mask", None)
+            if not (isinstance(values, np.ndarray) and isinstance(mask, np.ndarray)):
+                mask = np.asarray(array.isna())
+                values = array.to_numpy(dtype=array.dtype.numpy_dtype,
+                                        na_value=np.nan if array.dtype.kind == "f" else 0)
+        else:
+            values, mask = series.to_numpy(dtype=object), None  # str, categories, other extension arrays
+        columns.append((name, values, mask))
+    return columns
+
+
+def encode_frame(definition, frame, block, stream=False):
+    """The bytes of a block's records from a pandas.DataFrame with the columns to_pandas gives (one per field,
+    "<field>@attr" for each attribute byte, in any order): the block's part of a reply as to_pandas reads it
+    (its record-count prefix first when it has one; a one-record block takes one row, a repeated block at most
+    its repeat), or with stream=True a real-time stream of its records back to back, as realtime_frame reads
+    it. Encoded in C++ in one call.
+
+    A number field's column is Int64 of the value times 10**decimals (blockproc.scales(definition, block);
+    frame.attrs["scales"], when there, must agree), float64 standing for the decimal of at most its decimals
+    nearest to it, or decimal.Decimal objects; <NA>, NaN or None is a blank number, which is written as spaces.
+    Text is str (None or <NA> for blank text); int16/int64 fields take integers, float/double fields float64;
+    "<field>@attr" an integer 0 to 255. A value a field cannot hold exactly (too long, too many places, out of
+    range, a float64 standing for no one decimal, a blank in a field without one) raises ValueError naming the
+    block, the row (its index label), the column and why; so do a missing or unknown column and a frame with
+    more rows than the block holds. A column or value of a type no field takes raises TypeError."""
+    import pandas as pd
+
+    _check_definition(definition)
+    _check_block(block)
+    if not isinstance(frame, pd.DataFrame):
+        raise TypeError("frame must be a pandas.DataFrame, not " + type(frame).__name__)
+    if not isinstance(stream, bool):
+        raise TypeError("stream must be True or False, not " + type(stream).__name__)
+    known = frame.attrs.get("scales")
+    if known is not None:
+        scale_of = _scales(definition, block)
+        for column, scale in dict(known).items():
+            if scale_of.get(column) != scale:
+                why = ("is scaled by 10**%d" % scale_of[column] if column in scale_of
+                       else "is not a number field's scaled column")
+                raise ValueError("block %s: frame.attrs[\"scales\"] gives column %r the scale %r, but it %s in "
+                                 "the definition" % (block, column, scale, why))
+    return _encode_frame(definition, _column_arrays(frame), frame.index, block, stream)

@@ -85,5 +85,6 @@ void checkName(std::string_view name, const char* what);
 
 void bindProcessor(py::module_& m);
 void bindEngine(py::module_& m);
+void bindFrameEncoder(py::module_& m);
 
 }  // namespace blockproc::python

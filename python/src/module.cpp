@@ -1,5 +1,5 @@
 // The extension module blockproc._blockproc: shared pieces (byte views, deferred override errors) and the
-// registration of the processor and the engine.
+// registration of the processor, the engine and the frame encoder.
 
 #include <atomic>
 #include <unordered_set>
@@ -131,4 +131,5 @@ PYBIND11_MODULE(_blockproc, m) {
   m.doc() = "The block data processor, its descriptors and the transaction engine.";
   blockproc::python::bindProcessor(m);
   blockproc::python::bindEngine(m);
+  blockproc::python::bindFrameEncoder(m);
 }
