@@ -12,6 +12,7 @@
 #include <typeinfo>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/DisplayValue.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumericText.h"
@@ -243,6 +244,37 @@ char* writeUsualField(char* dst, const FieldInfo& info, const uint8_t* field, in
 }
 
 }  // namespace
+
+bool detail::appendDisplayValue(std::string& out, const FieldInfo& info, std::string_view bytes,
+                                int64_t readable, uint32_t textEncoding, uint32_t ownEncoding) noexcept {
+  const int32_t type = info.nDataType;
+  if (info.nLength <= 0 || type < kFieldText || type > kFieldSInt64 || bytes.data() == nullptr ||
+      static_cast<int64_t>(bytes.size()) < info.nLength || readable < info.nLength)
+    return false;
+  const size_t oldSize = out.size();
+  try {
+    bool shown;
+    if (isBinaryType(type)) {
+      // Type 5 always takes 8 bytes from the field's start, as many as there are.
+      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, readable)
+                                                : std::min<int64_t>(info.nLength, binaryWidth(type));
+      shown =
+          appendBinary(out, type, info.nDecimalLen, RawValue({bytes.data(), static_cast<size_t>(take)}), 0);
+    } else {
+      shown = appendFieldText(
+          out, bytes.substr(0, static_cast<size_t>(info.nLength)), info.nDecimalLen,
+          [textEncoding] { return textEncoding; }, ownEncoding);
+    }
+    if (shown) return true;
+  } catch (...) {
+  }
+  out.resize(oldSize);
+  return false;
+}
+
+uint32_t KXBlockDataProc::getDisplayEncoding() const noexcept {
+  return isWebSocketJsonMode() ? kTextEncodingUTF8 : m_nEncodingType;
+}
 
 // Whether the parent's transaction is in the web-socket JSON data mode.
 bool KXBlockDataProc::isWebSocketJsonMode() const noexcept {

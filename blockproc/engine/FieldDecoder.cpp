@@ -1,0 +1,253 @@
+// The decode half of a field's codec: canonical values written straight into the caller's buffer.
+//
+// Each way of writing takes only the bytes whose canonical value it is sure of and leaves the rest to
+// value::appendValue, the reference: text that is ASCII, or that the code-page table decodes whole; numeric
+// text of spaces, a sign, digits and at most one point, with no more places than the field's; a float that
+// holds a whole number below 2^24; a double that is a whole number of 10^-places below 2^51 of them. For
+// such a double the decimal D with the field's places reads back as the double, and no other decimal of at
+// most those places lies within half a unit in the last place of it (that unit is below 10^-places), so D
+// is its shortest text padded to the places: the canonical value. fuzz_fielddecode holds every way to the
+// reference on arbitrary bytes.
+
+#include "blockproc/engine/FieldDecoder.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "blockproc/detail/DisplayValue.h"
+#include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
+#include "blockproc/detail/ShortText.h"
+#include "blockproc/detail/TextCodec.h"
+#include "blockproc/detail/Utf8.h"
+
+namespace blockproc::value {
+
+namespace {
+
+// Numeric text longer than this, or with more places, goes the reference way (its text fits kRoom).
+constexpr int32_t kMaxNumberLength = 40;
+constexpr int32_t kMaxNumberPlaces = 18;
+constexpr int32_t kMaxTextLength = text::LongText::kWidth;
+static_assert(codec::decodeRoom(kMaxTextLength) <= FieldDecoder::kRoom &&
+              static_cast<size_t>(kMaxTextLength) <= FieldDecoder::kRoom);
+static_assert(1 + kMaxNumberLength + 2 + kMaxNumberPlaces <= static_cast<int32_t>(FieldDecoder::kRoom));
+
+constexpr int64_t kPowersOfTen[] = {1,
+                                    10,
+                                    100,
+                                    1'000,
+                                    10'000,
+                                    100'000,
+                                    1'000'000,
+                                    10'000'000,
+                                    100'000'000,
+                                    1'000'000'000,
+                                    10'000'000'000,
+                                    100'000'000'000,
+                                    1'000'000'000'000,
+                                    10'000'000'000'000,
+                                    100'000'000'000'000,
+                                    1'000'000'000'000'000,
+                                    10'000'000'000'000'000,
+                                    100'000'000'000'000'000,
+                                    1'000'000'000'000'000'000};
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+template <typename T>
+T load(const uint8_t* bytes) noexcept {
+  T value;
+  std::memcpy(&value, bytes, sizeof value);
+  return value;
+}
+
+// Writes `units` / 10^places with exactly `places` (0 to 18) decimals, no sign for zero.
+char* writeScaled(char* dst, int64_t units, int32_t places) noexcept {
+  if (units < 0) *dst++ = '-';
+  const uint64_t magnitude = units < 0 ? 0 - static_cast<uint64_t>(units) : static_cast<uint64_t>(units);
+  const auto scale = static_cast<uint64_t>(kPowersOfTen[places]);
+  dst = num::writeInt(dst, static_cast<int64_t>(magnitude / scale));
+  if (places == 0) return dst;
+  *dst++ = '.';
+  uint64_t fraction = magnitude % scale;
+  for (int32_t k = places - 1; k >= 0; --k, fraction /= 10) dst[k] = static_cast<char>('0' + fraction % 10);
+  return dst + places;
+}
+
+// Writes the text of a field read by blocks: ASCII as it stands, other text decoded by the table.
+template <int Blocks>
+char* writeBlockText(const text::BlockText<Blocks>& text, const uint8_t* bytes, uint32_t encoding, bool known,
+                     char* dst) noexcept {
+  if (text.isAscii()) return known ? text.write(dst) : nullptr;
+  return codec::decodeInto(encoding, {reinterpret_cast<const char*>(bytes), static_cast<size_t>(text.size())},
+                           dst);
+}
+
+}  // namespace
+
+FieldDecoder::FieldDecoder(const FieldInfo& field, uint32_t encoding) noexcept
+    : m_field(&field),
+      m_encoding(encoding),
+      m_valueKind(valueKind(field)),
+      m_known(codec::isKnownEncoding(encoding)),
+      m_length(field.nLength),
+      m_places(std::max(field.nDecimalLen, 0)) {
+  switch (field.nDataType) {
+    case kFieldText:
+    case kFieldNumText:
+      if (m_valueKind == ValueKind::Number)
+        m_kind =
+            m_length <= kMaxNumberLength && m_places <= kMaxNumberPlaces ? Kind::Number : Kind::Reference;
+      else
+        m_kind = m_length <= kMaxTextLength ? Kind::Text : Kind::Reference;
+      break;
+    case kFieldInt16:
+      m_kind = m_length >= 2 ? Kind::Int16 : Kind::Reference;
+      break;
+    case kFieldInt64:
+    case kFieldSInt64:
+      m_kind = m_length >= 8 ? Kind::Int64 : Kind::Reference;
+      break;
+    case kFieldFloat:
+      m_kind = m_length >= 4 ? Kind::Float : Kind::Reference;
+      break;
+    case kFieldDouble:
+      m_kind = m_length >= 8 ? Kind::Double : Kind::Reference;
+      break;
+    default:
+      m_kind = Kind::Reference;
+      break;
+  }
+  if (m_length <= 0) m_kind = Kind::Reference;
+}
+
+char* FieldDecoder::write(const uint8_t* bytes, int64_t readable, char* dst) const noexcept {
+  switch (m_kind) {
+    case Kind::Text:
+      return writeText(bytes, readable, dst);
+    case Kind::Number:
+      return writeNumber(bytes, dst);
+    case Kind::Int16:
+      return num::writeInt(dst, load<int16_t>(bytes));
+    case Kind::Int64:
+      return num::writeInt(dst, load<int64_t>(bytes));
+    case Kind::Float:
+      return writeFloat(load<float>(bytes), dst);
+    case Kind::Double:
+      return writeDouble(load<double>(bytes), dst);
+    case Kind::Reference:
+    default:
+      return nullptr;
+  }
+}
+
+char* FieldDecoder::writeText(const uint8_t* bytes, int64_t readable, char* dst) const noexcept {
+  using text::LongText, text::ShortText;
+  if (m_length <= ShortText::kWidth && readable >= ShortText::kWidth)
+    return writeBlockText(ShortText(bytes, m_length), bytes, m_encoding, m_known, dst);
+  if (readable >= LongText::kWidth)
+    return writeBlockText(LongText(bytes, m_length), bytes, m_encoding, m_known, dst);
+  const std::string_view trimmed =
+      internal::trimTrailing({reinterpret_cast<const char*>(bytes), static_cast<size_t>(m_length)});
+  if (!utf8::isAscii(trimmed)) return codec::decodeInto(m_encoding, trimmed, dst);
+  if (!m_known) return trimmed.empty() ? dst : nullptr;
+  std::memcpy(dst, trimmed.data(), trimmed.size());
+  return dst + trimmed.size();
+}
+
+// Numeric text: leading spaces, a sign, integer digits, then a point and decimal digits, or without a point
+// the last `places` digits as the decimals (fewer digits are the decimals with zeros ahead of them). The
+// value is written without zero fill, '+' or a sign for zero, with exactly the field's places.
+char* FieldDecoder::writeNumber(const uint8_t* bytes, char* dst) const noexcept {
+  const std::string_view text =
+      internal::trimTrailing({reinterpret_cast<const char*>(bytes), static_cast<size_t>(m_length)});
+  const size_t n = text.size();
+  size_t i = 0;
+  while (i < n && text[i] == ' ') ++i;
+  if (i == n) return dst;  // blank: the empty value
+  const bool negative = text[i] == '-';
+  if (text[i] == '-' || text[i] == '+') ++i;
+  size_t intFrom = i;
+  while (i < n && isDigit(text[i])) ++i;
+  size_t intEnd = i, fracFrom = i, fracEnd = i;
+  const bool point = i < n && text[i] == '.';
+  if (point) {
+    fracFrom = ++i;
+    while (i < n && isDigit(text[i])) ++i;
+    fracEnd = i;
+  }
+  if (i != n || intEnd - intFrom + fracEnd - fracFrom == 0) return nullptr;
+  const auto places = static_cast<size_t>(m_places);
+  size_t zerosAhead = 0;  // zeros between the point and the decimal digits
+  if (!point && places > 0) {
+    const size_t digits = intEnd - intFrom;
+    fracEnd = intEnd;
+    fracFrom = digits >= places ? intEnd - places : intFrom;
+    zerosAhead = digits >= places ? 0 : places - digits;
+    intEnd = fracFrom;
+  }
+  while (intFrom < intEnd && text[intFrom] == '0') ++intFrom;
+  while (fracEnd > fracFrom && zerosAhead + fracEnd - fracFrom > places && text[fracEnd - 1] == '0')
+    --fracEnd;
+  const size_t decimals = zerosAhead + fracEnd - fracFrom;
+  if (decimals > places) return nullptr;  // more places than the field's: an issue to report
+  bool zero = intFrom == intEnd;
+  for (size_t k = fracFrom; zero && k < fracEnd; ++k) zero = text[k] == '0';
+  if (negative && !zero) *dst++ = '-';
+  if (intFrom == intEnd) *dst++ = '0';
+  std::memcpy(dst, text.data() + intFrom, intEnd - intFrom);
+  dst += intEnd - intFrom;
+  if (places == 0) return dst;
+  *dst++ = '.';
+  std::memset(dst, '0', zerosAhead);
+  dst += zerosAhead;
+  std::memcpy(dst, text.data() + fracFrom, fracEnd - fracFrom);
+  dst += fracEnd - fracFrom;
+  std::memset(dst, '0', places - decimals);
+  return dst + (places - decimals);
+}
+
+// A float holds the value times 10^places: a whole float below 2^24 is its own shortest text.
+char* FieldDecoder::writeFloat(float value, char* dst) const noexcept {
+  constexpr float kWhole = 16777216.0F;  // 2^24
+  if (!(std::fabs(value) < kWhole) || value != std::trunc(value) || m_places > kMaxNumberPlaces)
+    return nullptr;
+  return writeScaled(dst, static_cast<int64_t>(value), m_places);
+}
+
+char* FieldDecoder::writeDouble(double value, char* dst) const noexcept {
+  constexpr double kUnits = 2251799813685248.0;  // 2^51
+  constexpr int32_t kMaxPlaces = 15;             // 10^15 and the units below 2^51 are exact doubles
+  if (m_places > kMaxPlaces) return nullptr;
+  const auto scale = static_cast<double>(kPowersOfTen[m_places]);
+  const double units = std::nearbyint(value * scale);
+  if (!(std::fabs(units) < kUnits) || units / scale != value) return nullptr;
+  return writeScaled(dst, static_cast<int64_t>(units), m_places);
+}
+
+RenderResult FieldDecoder::append(std::string& out, std::string_view bytes, BadByteStyle style) const {
+  if (m_kind != Kind::Reference && bytes.size() == static_cast<size_t>(m_length)) {
+    char cell[kRoom];
+    const auto* field = reinterpret_cast<const uint8_t*>(bytes.data());
+    if (const char* end = write(field, m_length, cell)) {
+      out.append(cell, static_cast<size_t>(end - cell));
+      return {};
+    }
+  }
+  return appendValue(out, *m_field, bytes, m_encoding, style);
+}
+
+RenderResult FieldDecoder::appendReference(std::string& out, std::string_view bytes,
+                                           BadByteStyle style) const {
+  return appendValue(out, *m_field, bytes, m_encoding, style);
+}
+
+bool FieldDecoder::appendDisplay(std::string& out, std::string_view bytes, int64_t readable,
+                                 uint32_t textEncoding) const noexcept {
+  return detail::appendDisplayValue(out, *m_field, bytes, readable, textEncoding, m_encoding);
+}
+
+}  // namespace blockproc::value
