@@ -11,8 +11,10 @@
 #include "Progress.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/engine/FieldDecoder.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/LayoutCheck.h"
+#include "blockproc/engine/RecordView.h"
 #include "blockproc/engine/TransactionProc.h"
 
 namespace blockproc::cli {
@@ -122,9 +124,10 @@ constexpr std::string_view kSecretMask = "********";
 struct Column {
   const FieldInfo* field;
   bool attr;
-  std::string name;   // the field name, "<field>@attr" for the attribute byte
-  std::string shown;  // the name as text output shows it (printable)
-  bool masked;        // a password's value, shown as kSecretMask
+  std::string name;             // the field name, "<field>@attr" for the attribute byte
+  std::string shown;            // the name as text output shows it (printable)
+  bool masked;                  // a password's value, shown as kSecretMask
+  value::FieldDecoder decoder;  // the field's decoder in the block's encoding
 };
 // The block's columns; a password field's value is masked unless `showSecrets`.
 std::vector<Column> columnsOf(const KXBlockDataProc& proc, bool showSecrets);
@@ -141,13 +144,23 @@ struct RenderOptions {
   bool showSecrets = false;  // password fields in clear instead of kSecretMask
 };
 
+// Where a block's cells are read: its records where they lie, its name for messages, and the encoding the
+// processor's display strings read text in (--raw).
+struct CellSource {
+  RecordView records;
+  std::string block;
+  uint32_t displayEncoding = 0;
+};
+// The records the processor holds, read in its buffer.
+CellSource cellSource(const KXBlockDataProc& proc);
+
 // Appends the column's value in record `index`: canonical (or the processor's display string when raw),
 // "0x35" for an attribute byte, kSecretMask for a masked column (which never warns). Returns what kept the
 // value from being plain; `warnings`, when given, is told of it with block, record, field and byte offset.
 // `record` is the number messages give the record (record `index` of a piece of a longer block); -1 gives
 // `index`.
-value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
-                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
+value::RenderResult appendCell(std::string& out, const CellSource& source, const Column& column,
+                               int64_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record = -1);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
 std::string padded(std::string_view text, size_t width, bool right);
@@ -174,17 +187,19 @@ class RecordWriter {
   // As beginBlock, the records shown as a repeated block's when `repeated` (a real-time stream's records,
   // say), one record's fields otherwise, whatever the block definition says.
   void beginBlock(const KXBlockDataProc& proc, int64_t count, bool repeated);
-  // The processor's valid records, numbered from `first`.
-  void records(const KXBlockDataProc& proc, int64_t first);
-  // Records of the block begun, read from pieces of received bytes, each decoded on a thread of its own by
-  // a processor of its own and written in order: the same text as records() of each piece in turn.
+  // The records of the block begun, read where they lie, numbered from `first`.
+  void records(const RecordView& records, int64_t first);
+  // The processor's valid records (the block begun), numbered from `first`.
+  void records(const KXBlockDataProc& proc, int64_t first) { records(RecordView::of(proc), first); }
+  // Records of the block begun, read where they lie in pieces of received bytes, each piece decoded on a
+  // thread of its own and written in order: the same text as records() of each piece in turn.
   struct Piece {
     const char* bytes;
-    int32_t size;   // whole records
+    int64_t size;   // whole records
     int64_t first;  // number of its first record
-    bool reverse;   // the last record of the piece comes first (setDataReverse)
+    bool reverse;   // the last record of the piece comes first (a stream read newest first)
   };
-  void recordsInParallel(const KXBlockDataProc& model, const std::vector<Piece>& pieces);
+  void recordsInParallel(const std::vector<Piece>& pieces);
   void endBlock();
   void finish();
 
