@@ -12,6 +12,7 @@
 #include "blockproc/engine/FieldDecoder.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 #include "blockproc/detail/DisplayValue.h"
@@ -31,7 +32,8 @@ constexpr int32_t kMaxNumberPlaces = 18;
 constexpr int32_t kMaxTextLength = text::LongText::kWidth;
 static_assert(codec::decodeRoom(kMaxTextLength) <= FieldDecoder::kRoom &&
               static_cast<size_t>(kMaxTextLength) <= FieldDecoder::kRoom);
-static_assert(1 + kMaxNumberLength + 2 + kMaxNumberPlaces <= static_cast<int32_t>(FieldDecoder::kRoom));
+// A number's text, and the 16 bytes a run of its digits or zeros may store past its end.
+static_assert(1 + kMaxNumberLength + 2 + kMaxNumberPlaces + 16 <= static_cast<int32_t>(FieldDecoder::kRoom));
 
 constexpr int64_t kPowersOfTen[] = {1,
                                     10,
@@ -62,6 +64,30 @@ T load(const uint8_t* bytes) noexcept {
   T value;
   std::memcpy(&value, bytes, sizeof value);
   return value;
+}
+
+// The runs of digits and zeros of a number are a few bytes: copied as 16 bytes at once where the source
+// has them (the destination has room for them), so that no call to the C library's memcpy or memset is
+// made for each.
+constexpr size_t kRun = 16;
+
+// Writes `n` bytes from `src` (of which the bytes up to `end` may be read) and gives their end.
+char* copyRun(char* dst, const char* src, size_t n, const char* end) noexcept {
+  if (n <= kRun && end - src >= static_cast<std::ptrdiff_t>(kRun)) {
+    std::memcpy(dst, src, kRun);
+  } else {
+    std::memcpy(dst, src, n);
+  }
+  return dst + n;
+}
+
+char* zeros(char* dst, size_t n) noexcept {
+  if (n <= kRun) {
+    std::memset(dst, '0', kRun);
+  } else {
+    std::memset(dst, '0', n);
+  }
+  return dst + n;
 }
 
 // Writes `units` / 10^places with exactly `places` (0 to 18) decimals, no sign for zero.
@@ -129,7 +155,7 @@ char* FieldDecoder::write(const uint8_t* bytes, int64_t readable, char* dst) con
     case Kind::Text:
       return writeText(bytes, readable, dst);
     case Kind::Number:
-      return writeNumber(bytes, dst);
+      return writeNumber(bytes, readable, dst);
     case Kind::Int16:
       return num::writeInt(dst, load<int16_t>(bytes));
     case Kind::Int64:
@@ -161,7 +187,7 @@ char* FieldDecoder::writeText(const uint8_t* bytes, int64_t readable, char* dst)
 // Numeric text: leading spaces, a sign, integer digits, then a point and decimal digits, or without a point
 // the last `places` digits as the decimals (fewer digits are the decimals with zeros ahead of them). The
 // value is written without zero fill, '+' or a sign for zero, with exactly the field's places.
-char* FieldDecoder::writeNumber(const uint8_t* bytes, char* dst) const noexcept {
+char* FieldDecoder::writeNumber(const uint8_t* bytes, int64_t readable, char* dst) const noexcept {
   const std::string_view text =
       internal::trimTrailing({reinterpret_cast<const char*>(bytes), static_cast<size_t>(m_length)});
   const size_t n = text.size();
@@ -196,18 +222,15 @@ char* FieldDecoder::writeNumber(const uint8_t* bytes, char* dst) const noexcept 
   if (decimals > places) return nullptr;  // more places than the field's: an issue to report
   bool zero = intFrom == intEnd;
   for (size_t k = fracFrom; zero && k < fracEnd; ++k) zero = text[k] == '0';
+  const char* const end = text.data() + readable;
   if (negative && !zero) *dst++ = '-';
   if (intFrom == intEnd) *dst++ = '0';
-  std::memcpy(dst, text.data() + intFrom, intEnd - intFrom);
-  dst += intEnd - intFrom;
+  dst = copyRun(dst, text.data() + intFrom, intEnd - intFrom, end);
   if (places == 0) return dst;
   *dst++ = '.';
-  std::memset(dst, '0', zerosAhead);
-  dst += zerosAhead;
-  std::memcpy(dst, text.data() + fracFrom, fracEnd - fracFrom);
-  dst += fracEnd - fracFrom;
-  std::memset(dst, '0', places - decimals);
-  return dst + (places - decimals);
+  dst = zeros(dst, zerosAhead);
+  dst = copyRun(dst, text.data() + fracFrom, fracEnd - fracFrom, end);
+  return zeros(dst, places - decimals);
 }
 
 // A float holds the value times 10^places: a whole float below 2^24 is its own shortest text.

@@ -59,7 +59,7 @@ class FieldDecoder {
  private:
   enum class Kind : uint8_t { Reference, Text, Number, Int16, Int64, Float, Double };
   char* writeText(const uint8_t* bytes, int64_t readable, char* dst) const noexcept;
-  char* writeNumber(const uint8_t* bytes, char* dst) const noexcept;
+  char* writeNumber(const uint8_t* bytes, int64_t readable, char* dst) const noexcept;
   char* writeFloat(float value, char* dst) const noexcept;
   char* writeDouble(double value, char* dst) const noexcept;
 

@@ -78,6 +78,9 @@ class Output {
   void flush() {
     if (m_fd >= 0 && !m_text.empty()) writeAll();
   }
+  // Adds text gathered elsewhere after the text gathered here: written out straight from `text` (no copy)
+  // when this writes to a file or standard output, else appended.
+  void write(std::string_view text);
   // Writes everything gathered and, for a file, closes it.
   void finish();
 

@@ -115,6 +115,15 @@ void Output::spill() {
   if (m_fd >= 0 && m_text.size() >= kChunk) writeAll();
 }
 
+void Output::write(std::string_view text) {
+  if (m_fd < 0) {
+    m_text += text;
+    return;
+  }
+  if (!m_text.empty()) writeAll();
+  cli::writeAll(m_fd, text, m_name);
+}
+
 void Output::finish() {
   if (m_fd < 0) return;
   writeAll();
