@@ -11,6 +11,7 @@
 
 #include "blockproc/engine/FieldDecoder.h"
 
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -21,6 +22,10 @@
 #include "blockproc/detail/ShortText.h"
 #include "blockproc/detail/TextCodec.h"
 #include "blockproc/detail/Utf8.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace blockproc::value {
 
@@ -112,6 +117,74 @@ char* writeBlockText(const text::BlockText<Blocks>& text, const uint8_t* bytes, 
                            dst);
 }
 
+// Where the parts of numeric text lie in its bytes: [intFrom, intEnd) the integer digits, and after a
+// point [fracFrom, fracEnd) the decimal digits.
+struct NumberRuns {
+  bool negative = false;
+  bool point = false;
+  size_t intFrom = 0, intEnd = 0, fracFrom = 0, fracEnd = 0;
+};
+
+enum class Scan : uint8_t { Number, Blank, Other };
+
+// Finds the runs of numeric text: trailing spaces and NULs, leading spaces, a sign, digits with at most one
+// point and at least one digit; Blank for nothing but pads, Other for any other text.
+Scan scanByBytes(std::string_view field, NumberRuns& r) noexcept {
+  const std::string_view text = internal::trimTrailing(field);
+  const size_t n = text.size();
+  size_t i = 0;
+  while (i < n && text[i] == ' ') ++i;
+  if (i == n) return Scan::Blank;
+  r.negative = text[i] == '-';
+  if (text[i] == '-' || text[i] == '+') ++i;
+  r.intFrom = i;
+  while (i < n && isDigit(text[i])) ++i;
+  r.intEnd = r.fracFrom = r.fracEnd = i;
+  r.point = i < n && text[i] == '.';
+  if (r.point) {
+    r.fracFrom = ++i;
+    while (i < n && isDigit(text[i])) ++i;
+    r.fracEnd = i;
+  }
+  return i == n && r.intEnd - r.intFrom + r.fracEnd - r.fracFrom > 0 ? Scan::Number : Scan::Other;
+}
+
+// Fields of up to this many bytes are scanned by masks when that many can be read.
+constexpr int32_t kMaskWidth = 16;
+
+// scanByBytes of the `length` (at most 16) bytes at `bytes`, 16 of which may be read, by one bit a byte
+// for each kind of byte (SSE2 compares): the pads at the end and the spaces ahead give the body's bounds,
+// every byte of the body must be a digit or the one point, and the point's bit is its place.
+Scan scanByMasks(const uint8_t* bytes, int32_t length, NumberRuns& r) noexcept {
+#if defined(__SSE2__)
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+  const auto bitsOf = [](__m128i lanes) { return static_cast<uint32_t>(_mm_movemask_epi8(lanes)); };
+  const auto is = [&](char c) { return bitsOf(_mm_cmpeq_epi8(v, _mm_set1_epi8(c))); };
+  const __m128i fromZero = _mm_sub_epi8(v, _mm_set1_epi8('0'));
+  const uint32_t digit = bitsOf(_mm_cmpeq_epi8(_mm_min_epu8(fromZero, _mm_set1_epi8(9)), fromZero));
+  const uint32_t space = is(' '), point = is('.'), minus = is('-');
+  const uint32_t field = (1U << length) - 1;
+  const uint32_t kept = ~(space | is('\0')) & field;
+  if (kept == 0) return Scan::Blank;
+  const auto n = static_cast<uint32_t>(32 - std::countl_zero(kept));  // the trimmed length
+  auto from = static_cast<uint32_t>(std::countr_zero(~space));        // past the leading spaces
+  r.negative = ((minus >> from) & 1) != 0;
+  if ((((minus | is('+')) >> from) & 1) != 0) ++from;
+  const uint32_t body = ((1U << n) - 1) & ~((1U << from) - 1);
+  const uint32_t points = point & body;
+  if (((digit | point) & body) != body || (points & (points - 1)) != 0 || (digit & body) == 0)
+    return Scan::Other;
+  r.point = points != 0;
+  r.intFrom = from;
+  r.intEnd = r.point ? static_cast<size_t>(std::countr_zero(points)) : n;
+  r.fracFrom = r.point ? r.intEnd + 1 : n;
+  r.fracEnd = n;
+  return Scan::Number;
+#else
+  return scanByBytes({reinterpret_cast<const char*>(bytes), static_cast<size_t>(length)}, r);
+#endif
+}
+
 }  // namespace
 
 FieldDecoder::FieldDecoder(const FieldInfo& field, uint32_t encoding) noexcept
@@ -188,48 +261,37 @@ char* FieldDecoder::writeText(const uint8_t* bytes, int64_t readable, char* dst)
 // the last `places` digits as the decimals (fewer digits are the decimals with zeros ahead of them). The
 // value is written without zero fill, '+' or a sign for zero, with exactly the field's places.
 char* FieldDecoder::writeNumber(const uint8_t* bytes, int64_t readable, char* dst) const noexcept {
-  const std::string_view text =
-      internal::trimTrailing({reinterpret_cast<const char*>(bytes), static_cast<size_t>(m_length)});
-  const size_t n = text.size();
-  size_t i = 0;
-  while (i < n && text[i] == ' ') ++i;
-  if (i == n) return dst;  // blank: the empty value
-  const bool negative = text[i] == '-';
-  if (text[i] == '-' || text[i] == '+') ++i;
-  size_t intFrom = i;
-  while (i < n && isDigit(text[i])) ++i;
-  size_t intEnd = i, fracFrom = i, fracEnd = i;
-  const bool point = i < n && text[i] == '.';
-  if (point) {
-    fracFrom = ++i;
-    while (i < n && isDigit(text[i])) ++i;
-    fracEnd = i;
-  }
-  if (i != n || intEnd - intFrom + fracEnd - fracFrom == 0) return nullptr;
+  const char* const text = reinterpret_cast<const char*>(bytes);
+  NumberRuns r;
+  const Scan scan = m_length <= kMaskWidth && readable >= kMaskWidth
+                        ? scanByMasks(bytes, m_length, r)
+                        : scanByBytes({text, static_cast<size_t>(m_length)}, r);
+  if (scan == Scan::Blank) return dst;
+  if (scan == Scan::Other) return nullptr;
   const auto places = static_cast<size_t>(m_places);
   size_t zerosAhead = 0;  // zeros between the point and the decimal digits
-  if (!point && places > 0) {
-    const size_t digits = intEnd - intFrom;
-    fracEnd = intEnd;
-    fracFrom = digits >= places ? intEnd - places : intFrom;
+  if (!r.point && places > 0) {
+    const size_t digits = r.intEnd - r.intFrom;
+    r.fracEnd = r.intEnd;
+    r.fracFrom = digits >= places ? r.intEnd - places : r.intFrom;
     zerosAhead = digits >= places ? 0 : places - digits;
-    intEnd = fracFrom;
+    r.intEnd = r.fracFrom;
   }
-  while (intFrom < intEnd && text[intFrom] == '0') ++intFrom;
-  while (fracEnd > fracFrom && zerosAhead + fracEnd - fracFrom > places && text[fracEnd - 1] == '0')
-    --fracEnd;
-  const size_t decimals = zerosAhead + fracEnd - fracFrom;
+  while (r.intFrom < r.intEnd && text[r.intFrom] == '0') ++r.intFrom;
+  while (r.fracEnd > r.fracFrom && zerosAhead + r.fracEnd - r.fracFrom > places && text[r.fracEnd - 1] == '0')
+    --r.fracEnd;
+  const size_t decimals = zerosAhead + r.fracEnd - r.fracFrom;
   if (decimals > places) return nullptr;  // more places than the field's: an issue to report
-  bool zero = intFrom == intEnd;
-  for (size_t k = fracFrom; zero && k < fracEnd; ++k) zero = text[k] == '0';
-  const char* const end = text.data() + readable;
-  if (negative && !zero) *dst++ = '-';
-  if (intFrom == intEnd) *dst++ = '0';
-  dst = copyRun(dst, text.data() + intFrom, intEnd - intFrom, end);
+  bool zero = r.intFrom == r.intEnd;
+  for (size_t k = r.fracFrom; zero && k < r.fracEnd; ++k) zero = text[k] == '0';
+  const char* const end = text + readable;
+  if (r.negative && !zero) *dst++ = '-';
+  if (r.intFrom == r.intEnd) *dst++ = '0';
+  dst = copyRun(dst, text + r.intFrom, r.intEnd - r.intFrom, end);
   if (places == 0) return dst;
   *dst++ = '.';
   dst = zeros(dst, zerosAhead);
-  dst = copyRun(dst, text.data() + fracFrom, fracEnd - fracFrom, end);
+  dst = copyRun(dst, text + r.fracFrom, r.fracEnd - r.fracFrom, end);
   return zeros(dst, places - decimals);
 }
 
