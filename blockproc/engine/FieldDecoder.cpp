@@ -202,19 +202,25 @@ FieldDecoder::FieldDecoder(const FieldInfo& field, uint32_t encoding) noexcept
             m_length <= kMaxNumberLength && m_places <= kMaxNumberPlaces ? Kind::Number : Kind::Reference;
       else
         m_kind = m_length <= kMaxTextLength ? Kind::Text : Kind::Reference;
+      // An implied point adds one character to the digits.
+      m_width = std::max(m_length, 0) + (m_valueKind == ValueKind::Number ? 1 : 0);
       break;
     case kFieldInt16:
       m_kind = m_length >= 2 ? Kind::Int16 : Kind::Reference;
+      m_width = 6;
       break;
     case kFieldInt64:
     case kFieldSInt64:
       m_kind = m_length >= 8 ? Kind::Int64 : Kind::Reference;
+      m_width = 20;
       break;
     case kFieldFloat:
       m_kind = m_length >= 4 ? Kind::Float : Kind::Reference;
+      m_width = 12 + m_places;
       break;
     case kFieldDouble:
       m_kind = m_length >= 8 ? Kind::Double : Kind::Reference;
+      m_width = 18 + m_places;
       break;
     default:
       m_kind = Kind::Reference;

@@ -55,6 +55,9 @@ class FieldDecoder {
   uint32_t encoding() const noexcept { return m_encoding; }
   // Text or Number, as value::valueKind says.
   ValueKind kind() const noexcept { return m_valueKind; }
+  // Display columns of the widest canonical text the field's bytes can give without an issue (a float or a
+  // double gives the width of its usual values; rarer ones are wider).
+  int32_t displayWidth() const noexcept { return m_width; }
 
  private:
   enum class Kind : uint8_t { Reference, Text, Number, Int16, Int64, Float, Double };
@@ -70,6 +73,7 @@ class FieldDecoder {
   bool m_known = false;  // the encoding is one the library decodes, ASCII as it stands
   int32_t m_length = 0;  // bytes of the field
   int32_t m_places = 0;  // decimal places of a number
+  int32_t m_width = 0;   // display columns of the widest usual value
 };
 
 }  // namespace blockproc::value

@@ -137,7 +137,7 @@ bool isNumberColumn(const Column& c) {
 }
 
 size_t columnWidth(const Column& c) {
-  size_t values = c.attr ? 4 : static_cast<size_t>(value::displayWidth(*c.field));
+  size_t values = c.attr ? 4 : static_cast<size_t>(c.decoder.displayWidth());
   if (c.masked) values = std::max(values, kSecretMask.size());
   return std::max(values, utf8::displayWidth(c.shown));
 }
@@ -244,7 +244,7 @@ struct RecordWriter::State {
       if (c.attr) continue;
       nameWidth = std::max(nameWidth, utf8::displayWidth(c.shown));
       korWidth = std::max(korWidth, utf8::displayWidth(printable(c.field->szKorFieldName)));
-      valueWidth = std::max(valueWidth, static_cast<size_t>(value::displayWidth(*c.field)));
+      valueWidth = std::max(valueWidth, static_cast<size_t>(c.decoder.displayWidth()));
       if (c.masked) valueWidth = std::max(valueWidth, kSecretMask.size());
     }
     std::string& t = text();
