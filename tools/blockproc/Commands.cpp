@@ -250,8 +250,9 @@ std::string streamRest(const KXBlockDataProc& proc, InputStream& in, std::string
   const BlockInfo& block = *proc.getBlockInfo();
   if (block.getRecordMemSize() <= 0) return TransactionProc::checkRest(block, 1, false);
   const auto recordSize = static_cast<size_t>(block.getRecordMemSize());
-  // A round reads about `chunk` bytes whatever the jobs, so that memory does not grow with them.
-  const size_t piece = std::max<size_t>(chunk / static_cast<size_t>(jobs) / recordSize, 1) * recordSize;
+  // A round reads at most `chunk` bytes whatever the jobs, so that memory does not grow with them.
+  const auto piece =
+      static_cast<size_t>(pieceBytes(static_cast<int64_t>(chunk), jobs, static_cast<int64_t>(recordSize)));
   const int64_t cap = block.m_nRepeatCount, start = static_cast<int64_t>(at);
   if (writer != nullptr) {
     const int64_t rest = in.size() >= 0 ? in.size() - start : -1;

@@ -138,7 +138,7 @@ int runRealtime(const RealtimeOptions& options) {
   }
   const int64_t shown = options.keep > 0 ? std::min<int64_t>(options.keep, records) : records;
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
-  const int64_t pieceRecords = std::max<int64_t>(chunk / options.jobs / recordSize, 1);  // one thread's
+  const int64_t pieceRecords = pieceBytes(chunk, options.jobs, recordSize) / recordSize;  // one thread's
 
   Output out("");
   if (render.format == Format::Table)
