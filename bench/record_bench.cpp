@@ -12,6 +12,9 @@
 
 #include "QuoteLayout.h"
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/engine/FieldDecoder.h"
+#include "blockproc/engine/FieldValue.h"
+#include "blockproc/engine/RecordView.h"
 
 namespace blockproc {
 namespace {
@@ -101,9 +104,46 @@ void BM_RecordByRecordRead(benchmark::State& state) {
   });
 }
 
+// The canonical values of all 14 fields, as the tool read them before the record view: each field's bytes
+// located in the processor (fieldBytes), then rendered by value::appendValue.
+void BM_RecordCanonicalByAppendValue(benchmark::State& state) {
+  readRows(state, [](const QuoteReply& r, int32_t record, std::string& row) {
+    for (const FieldInfo* f : r.fields)
+      value::appendValue(row, *f, value::fieldBytes(r.proc, *f, record), kTextEncodingCP949,
+                         value::BadByteStyle::Escaped);
+  });
+}
+
+// The same values read where they lie in the reply (RecordView) by each field's decoder, written into a
+// stack area handed to the row once, as the tool's CSV and JSON Lines writers do.
+void BM_RecordCanonicalByDecoder(benchmark::State& state) {
+  QuoteReply& r = quoteReply();
+  const RecordView view(r.block, r.reply.data(), static_cast<int64_t>(r.reply.size()));
+  std::vector<value::FieldDecoder> decoders;
+  for (const FieldInfo* f : r.fields) decoders.emplace_back(*f, kTextEncodingCP949);
+  readRows(state, [&](const QuoteReply&, int32_t record, std::string& row) {
+    std::array<char, kFields * value::FieldDecoder::kRoom> area;
+    char* at = area.data();
+    const int64_t base = view.recordOffset(record);
+    for (const value::FieldDecoder& d : decoders) {
+      const uint8_t* field = view.bytes() + base + d.field().nDataPos;
+      char* end = d.write(field, view.readable(field), at);
+      if (end == nullptr) {
+        row.append(area.data(), at);
+        d.append(row, view.field(record, d.field()), value::BadByteStyle::Escaped);
+        end = at = area.data();
+      }
+      at = end;
+    }
+    row.append(area.data(), at);
+  });
+}
+
 BENCHMARK(BM_RecordByGet);
 BENCHMARK(BM_RecordByAppend);
 BENCHMARK(BM_RecordByRecordRead);
+BENCHMARK(BM_RecordCanonicalByAppendValue);
+BENCHMARK(BM_RecordCanonicalByDecoder);
 
 }  // namespace
 }  // namespace blockproc

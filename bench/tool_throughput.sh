@@ -7,15 +7,25 @@
 # the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
 # resident memory from /usr/bin/time -v.
 #
-#   bench/tool_throughput.sh [cpu] [runs]     (defaults: cpu 1, 3 runs)
+# `decode --format csv --jobs 2` runs on both cores (taskset is left out for it), so its wall-clock rate
+# against the one-job row's is the speed-up of the second job; measure it when the machine is otherwise idle.
 #
-# ROWS=encode or ROWS=decode runs only the encode rows or only the decode and realtime rows (default: all).
+#   bench/tool_throughput.sh [cpu] [runs] [rows]     (defaults: cpu 1, 3 runs, every row)
+#
+# `rows` is an extended regular expression; only the rows whose label matches it run ("decode --format
+# (csv|jsonl) \(24" for the two decode rows of the small capture). ROWS=encode or ROWS=decode in the
+# environment picks the encode rows or the decode and realtime rows.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cpu=${1:-1}
 runs=${2:-3}
-rows=${ROWS:-all}
-case $rows in all | encode | decode) ;; *) echo "tool_throughput.sh: ROWS is all, encode or decode" >&2; exit 2 ;; esac
+rows=${3:-}
+case ${ROWS:-} in
+  encode) rows='^encode' ;;
+  decode) rows='^(decode|realtime)' ;;
+  '') ;;
+  *) echo "tool_throughput.sh: ROWS is encode or decode" >&2; exit 2 ;;
+esac
 bash scripts/setup.sh bench
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBLOCKPROC_BUILD_BENCH=ON -DBLOCKPROC_BUILD_TOOLS=ON >/dev/null
 cmake --build build-bench -j 2 --target blockproc_cli make_quote_capture >/dev/null
@@ -27,18 +37,22 @@ capture() {  # DIR RECORDS
     build-bench/bench/make_quote_capture "$1" "$2"
 }
 
+wanted() { [[ -z $rows || $1 =~ $rows ]]; }
+
 median() { sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
 
 # Runs the tool `runs` times and prints one table row: format, MB/s (wall), MB/s (CPU), peak MB, the rates
 # of the bytes of `sized` (the input read, or for encode the bytes it writes).
 measure() {  # LABEL SIZED ARGS...
-  local label=$1 input=$2
+  local label=$1 input=$2 pin=(taskset -c "$cpu")
   shift 2
+  wanted "$label" || return 0
+  [[ " $* " == *" --jobs "* ]] && pin=()
   local bytes walls=() cpus=() peak=0 log
   bytes=$(stat -c %s "$input")
   log=$(mktemp)
   for ((i = 0; i < runs; i++)); do
-    /usr/bin/time -v -o "$log" taskset -c "$cpu" "$tool" "$@" --quiet >/dev/null ||
+    /usr/bin/time -v -o "$log" "${pin[@]}" "$tool" "$@" --quiet >/dev/null ||
       echo "tool_throughput.sh: $label: exit code $?" >&2
     local wall user sys rss
     wall=$(awk -F': ' '/Elapsed \(wall clock\)/ {n = split($2, t, ":"); s = 0; for (k = 1; k <= n; k++) s = s * 60 + t[k]; print s}' "$log")
@@ -61,28 +75,28 @@ capture "$large" 8333334
 
 echo "| command | MB/s (wall) | MB/s (CPU) | peak MB |"
 echo "|---|---:|---:|---:|"
-if [[ $rows != encode ]]; then
 for format in csv jsonl json table long; do
   measure "decode --format $format (24 MB)" "$small/quotes.bin" decode "$small/quotes.xml" "$small/quotes.bin" \
     --format "$format"
 done
+measure "decode --format csv --jobs 2 (24 MB)" "$small/quotes.bin" decode "$small/quotes.xml" \
+  "$small/quotes.bin" --format csv --jobs 2
 measure "decode --format csv (1 GB)" "$large/quotes.bin" decode "$large/quotes.xml" "$large/quotes.bin" \
   --format csv
 for format in csv jsonl json table long; do
   measure "realtime --format $format (1 GB)" "$large/quotes.bin" realtime "$large/quotes.xml" \
     "$large/quotes.bin" --block OutBlock1 --format "$format"
 done
-fi
-[[ $rows == decode ]] && exit 0
 
 # encode reads what decode wrote; the text is written once next to the capture.
 for format in csv jsonl json long; do
+  wanted "encode --format $format (24 MB out)" || continue
   [[ -s $small/quotes.$format ]] ||
     "$tool" decode "$small/quotes.xml" "$small/quotes.bin" --format "$format" --quiet >"$small/quotes.$format" || true
   measure "encode --format $format (24 MB out)" "$small/quotes.bin" encode "$small/quotes.xml" "$small/quotes.$format" \
     --format "$format" --reply -o /dev/null
 done
-[[ -s $large/quotes.csv ]] ||
+! wanted "encode --stream --format csv (1 GB out)" || [[ -s $large/quotes.csv ]] ||
   "$tool" realtime "$large/quotes.xml" "$large/quotes.bin" --block OutBlock1 --order arrival --format csv --quiet \
     >"$large/quotes.csv" || true
 runs=1 measure "encode --stream --format csv (1 GB out)" "$large/quotes.bin" encode "$large/quotes.xml" \

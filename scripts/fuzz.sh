@@ -28,7 +28,8 @@ while (($#)); do
   shift
 done
 [ -n "$seconds" ] || seconds=$([ "$ci" = 1 ] && echo 30 || echo 300)
-((${#targets[@]})) || targets=(fuzz_ops fuzz_xml fuzz_definition fuzz_codec fuzz_roundtrip fuzz_encode fuzz_fieldcodec fuzz_numberdecode)
+((${#targets[@]})) || targets=(fuzz_ops fuzz_xml fuzz_definition fuzz_codec fuzz_roundtrip fuzz_encode fuzz_fieldcodec
+  fuzz_fielddecode fuzz_numberdecode)
 
 bash scripts/setup.sh fuzz
 build=build-fuzz

@@ -120,6 +120,9 @@ class KXBlockDataProc {
 
   // ---- read-only views of the buffer state ---------------------------------------------------------
   uint32_t getEncodingType() const noexcept;  // the text encoding identifier
+  // The encoding text fields are read in by getFieldDataFromInfo: UTF-8 when the parent's transaction is in
+  // the web-socket JSON data mode, else getEncodingType().
+  uint32_t getDisplayEncoding() const noexcept;
   int32_t getBufCount() const noexcept;       // buffer record count
   int32_t getStartIndex() const noexcept;     // start index
   int32_t getBlockBuffSize() const noexcept;  // recorded buffer size: bytes of the buffer, 0 without one

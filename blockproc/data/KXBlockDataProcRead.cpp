@@ -12,6 +12,7 @@
 #include <typeinfo>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/DisplayValue.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumericText.h"
@@ -108,7 +109,7 @@ bool appendBinary(std::string& out, int32_t dataType, int32_t places, const RawV
 
 // Appended text (from `from` on) that ends in an ideographic space loses its space separators and TABs at
 // both ends; the bytes before `from` are the caller's and stay.
-void trimIdeographicPadding(std::string& out, size_t from) {
+[[gnu::always_inline]] inline void trimIdeographicPadding(std::string& out, size_t from) {
   const std::string_view text = std::string_view(out).substr(from);
   if (!utf8::endsWithIdeographicSpace(text)) return;
   const std::string_view kept = utf8::trimSpaceSeparators(text);
@@ -418,6 +419,39 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
 
 std::string KXBlockDataProc::getDataValueAllIdxFromName(std::string_view name) const noexcept {
   return getFieldDataAllIdxFromInfo(findFieldInfo(name));
+}
+
+// ---- display strings of bytes outside a processor ----------------------------------------------------
+
+bool detail::appendDisplayValue(std::string& out, const FieldInfo& info, std::string_view bytes,
+                                int64_t readable, uint32_t textEncoding, uint32_t ownEncoding) noexcept {
+  const int32_t type = info.nDataType;
+  if (info.nLength <= 0 || type < kFieldText || type > kFieldSInt64 || bytes.data() == nullptr ||
+      static_cast<int64_t>(bytes.size()) < info.nLength || readable < info.nLength)
+    return false;
+  const size_t oldSize = out.size();
+  try {
+    bool shown;
+    if (isBinaryType(type)) {
+      // Type 5 always takes 8 bytes from the field's start, as many as there are.
+      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, readable)
+                                                : std::min<int64_t>(info.nLength, binaryWidth(type));
+      shown =
+          appendBinary(out, type, info.nDecimalLen, RawValue({bytes.data(), static_cast<size_t>(take)}), 0);
+    } else {
+      shown = appendFieldText(
+          out, bytes.substr(0, static_cast<size_t>(info.nLength)), info.nDecimalLen,
+          [textEncoding] { return textEncoding; }, ownEncoding);
+    }
+    if (shown) return true;
+  } catch (...) {
+  }
+  out.resize(oldSize);
+  return false;
+}
+
+uint32_t KXBlockDataProc::getDisplayEncoding() const noexcept {
+  return isWebSocketJsonMode() ? kTextEncodingUTF8 : m_nEncodingType;
 }
 
 }  // namespace blockproc

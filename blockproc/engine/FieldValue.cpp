@@ -15,6 +15,7 @@
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/TextCodec.h"
 #include "blockproc/detail/Utf8.h"
+#include "blockproc/engine/FieldDecoder.h"
 
 namespace blockproc::value {
 
@@ -499,24 +500,7 @@ ValueKind valueKind(const FieldInfo& field) noexcept {
 }
 
 int32_t displayWidth(const FieldInfo& field) noexcept {
-  const int32_t places = std::max(field.nDecimalLen, 0);
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      // An implied point adds one character to the digits.
-      return std::max(field.nLength, 0) + (isNumberField(field) ? 1 : 0);
-    case kFieldInt16:
-      return 6;
-    case kFieldInt64:
-    case kFieldSInt64:
-      return 20;
-    case kFieldFloat:
-      return 12 + places;
-    case kFieldDouble:
-      return 18 + places;
-    default:
-      return 0;
-  }
+  return FieldDecoder(field, kTextEncodingUTF8).displayWidth();
 }
 
 std::string_view fieldBytes(const KXBlockDataProc& proc, const FieldInfo& field, int32_t record) noexcept {

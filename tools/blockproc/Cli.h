@@ -2,6 +2,7 @@
 // Shared pieces of the blockproc command-line tool: exit codes, failures, input and output, loading a
 // definition, and rendering records as aligned tables, CSV and JSON.
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,8 +12,10 @@
 #include "Progress.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/engine/DefinitionLoader.h"
+#include "blockproc/engine/FieldDecoder.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/LayoutCheck.h"
+#include "blockproc/engine/RecordView.h"
 #include "blockproc/engine/TransactionProc.h"
 
 namespace blockproc::cli {
@@ -76,6 +79,9 @@ class Output {
   void flush() {
     if (m_fd >= 0 && !m_text.empty()) writeAll();
   }
+  // Adds text gathered elsewhere after the text gathered here: written out straight from `text` (no copy)
+  // when this writes to a file or standard output, else appended.
+  void write(std::string_view text);
   // Writes everything gathered and, for a file, closes it.
   void finish();
 
@@ -122,9 +128,10 @@ constexpr std::string_view kSecretMask = "********";
 struct Column {
   const FieldInfo* field;
   bool attr;
-  std::string name;   // the field name, "<field>@attr" for the attribute byte
-  std::string shown;  // the name as text output shows it (printable)
-  bool masked;        // a password's value, shown as kSecretMask
+  std::string name;             // the field name, "<field>@attr" for the attribute byte
+  std::string shown;            // the name as text output shows it (printable)
+  bool masked;                  // a password's value, shown as kSecretMask
+  value::FieldDecoder decoder;  // the field's decoder in the block's encoding
 };
 // The block's columns; a password field's value is masked unless `showSecrets`.
 std::vector<Column> columnsOf(const KXBlockDataProc& proc, bool showSecrets);
@@ -141,13 +148,23 @@ struct RenderOptions {
   bool showSecrets = false;  // password fields in clear instead of kSecretMask
 };
 
+// Where a block's cells are read: its records where they lie, its name for messages, and the encoding the
+// processor's display strings read text in (--raw).
+struct CellSource {
+  RecordView records;
+  std::string block;
+  uint32_t displayEncoding = 0;
+};
+// The records the processor holds, read in its buffer.
+CellSource cellSource(const KXBlockDataProc& proc);
+
 // Appends the column's value in record `index`: canonical (or the processor's display string when raw),
 // "0x35" for an attribute byte, kSecretMask for a masked column (which never warns). Returns what kept the
 // value from being plain; `warnings`, when given, is told of it with block, record, field and byte offset.
 // `record` is the number messages give the record (record `index` of a piece of a longer block); -1 gives
 // `index`.
-value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
-                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
+value::RenderResult appendCell(std::string& out, const CellSource& source, const Column& column,
+                               int64_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record = -1);
 // The text padded with spaces to `width` display columns (a Hangul syllable takes two).
 std::string padded(std::string_view text, size_t width, bool right);
@@ -174,17 +191,19 @@ class RecordWriter {
   // As beginBlock, the records shown as a repeated block's when `repeated` (a real-time stream's records,
   // say), one record's fields otherwise, whatever the block definition says.
   void beginBlock(const KXBlockDataProc& proc, int64_t count, bool repeated);
-  // The processor's valid records, numbered from `first`.
-  void records(const KXBlockDataProc& proc, int64_t first);
-  // Records of the block begun, read from pieces of received bytes, each decoded on a thread of its own by
-  // a processor of its own and written in order: the same text as records() of each piece in turn.
+  // The records of the block begun, read where they lie, numbered from `first`.
+  void records(const RecordView& records, int64_t first);
+  // The processor's valid records (the block begun), numbered from `first`.
+  void records(const KXBlockDataProc& proc, int64_t first) { records(RecordView::of(proc), first); }
+  // Records of the block begun, read where they lie in pieces of received bytes, each piece decoded on a
+  // thread of its own and written in order: the same text as records() of each piece in turn.
   struct Piece {
     const char* bytes;
-    int32_t size;   // whole records
+    int64_t size;   // whole records
     int64_t first;  // number of its first record
-    bool reverse;   // the last record of the piece comes first (setDataReverse)
+    bool reverse;   // the last record of the piece comes first (a stream read newest first)
   };
-  void recordsInParallel(const KXBlockDataProc& model, const std::vector<Piece>& pieces);
+  void recordsInParallel(const std::vector<Piece>& pieces);
   void endBlock();
   void finish();
 
@@ -237,6 +256,15 @@ class InputStream {
 
 // Bytes read at a time from a block read to the end of its input, unless --chunk-bytes says otherwise.
 constexpr int64_t kDefaultChunkBytes = int64_t{4} << 20;
+// With --jobs, the most bytes of records one thread decodes in a round: a piece's text stays in the
+// core's cache until it is written out (2 MB pieces cost the two threads a sixth more CPU time than one).
+constexpr int64_t kMaxPieceBytes = int64_t{512} << 10;
+
+// Bytes of whole `recordSize`-byte records a thread of `jobs` takes in a round of `chunk` bytes.
+inline int64_t pieceBytes(int64_t chunk, int32_t jobs, int64_t recordSize) {
+  const int64_t share = jobs > 1 ? std::min(chunk / jobs, kMaxPieceBytes) : chunk;
+  return std::max<int64_t>(share / recordSize, 1) * recordSize;
+}
 
 // ---- subcommands ------------------------------------------------------------------------------------------
 

@@ -245,13 +245,14 @@ TransactionProc::ReplyResult receiveHead(TransactionProc& proc, InputStream& in,
 // as it is taken (`jobs` pieces side by side). Returns why the block's bytes were refused (not whole records,
 // more than its repeat), or
 // "" when they were not; the records before the problem are written.
-std::string streamRest(KXBlockDataProc& proc, InputStream& in, std::string& buf, size_t at, size_t chunk,
-                       int32_t jobs, RecordWriter* writer, Progress& progress) {
+std::string streamRest(const KXBlockDataProc& proc, InputStream& in, std::string& buf, size_t at,
+                       size_t chunk, int32_t jobs, RecordWriter* writer, Progress& progress) {
   const BlockInfo& block = *proc.getBlockInfo();
   if (block.getRecordMemSize() <= 0) return TransactionProc::checkRest(block, 1, false);
   const auto recordSize = static_cast<size_t>(block.getRecordMemSize());
-  // A round reads about `chunk` bytes whatever the jobs, so that memory does not grow with them.
-  const size_t piece = std::max<size_t>(chunk / static_cast<size_t>(jobs) / recordSize, 1) * recordSize;
+  // A round reads at most `chunk` bytes whatever the jobs, so that memory does not grow with them.
+  const auto piece =
+      static_cast<size_t>(pieceBytes(static_cast<int64_t>(chunk), jobs, static_cast<int64_t>(recordSize)));
   const int64_t cap = block.m_nRepeatCount, start = static_cast<int64_t>(at);
   if (writer != nullptr) {
     const int64_t rest = in.size() >= 0 ? in.size() - start : -1;
@@ -275,14 +276,12 @@ std::string streamRest(KXBlockDataProc& proc, InputStream& in, std::string& buf,
     if (writer != nullptr && jobs > 1) {
       std::vector<RecordWriter::Piece> pieces;
       for (int64_t r = 0; r < records; r += pieceRecords)
-        pieces.push_back(
-            {bytes + r * static_cast<int64_t>(recordSize),
-             static_cast<int32_t>(std::min(pieceRecords, records - r) * static_cast<int64_t>(recordSize)),
-             taken + r, false});
-      writer->recordsInParallel(proc, pieces);
-    } else {
-      proc.setData(bytes, 0, static_cast<int32_t>(records * static_cast<int64_t>(recordSize)));
-      if (writer != nullptr) writer->records(proc, taken);
+        pieces.push_back({bytes + r * static_cast<int64_t>(recordSize),
+                          std::min(pieceRecords, records - r) * static_cast<int64_t>(recordSize), taken + r,
+                          false});
+      writer->recordsInParallel(pieces);
+    } else if (writer != nullptr) {
+      writer->records(RecordView(block, bytes, records * static_cast<int64_t>(recordSize)), taken);
     }
     taken += records;
     at += static_cast<size_t>(records) * recordSize;

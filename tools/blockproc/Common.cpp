@@ -115,6 +115,15 @@ void Output::spill() {
   if (m_fd >= 0 && m_text.size() >= kChunk) writeAll();
 }
 
+void Output::write(std::string_view text) {
+  if (m_fd < 0) {
+    m_text += text;
+    return;
+  }
+  if (!m_text.empty()) writeAll();
+  cli::writeAll(m_fd, text, m_name);
+}
+
 void Output::finish() {
   if (m_fd < 0) return;
   writeAll();
@@ -154,15 +163,20 @@ std::vector<Column> columnsOf(const KXBlockDataProc& proc, bool showSecrets) {
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo* field = block.getFieldInfoFromIndex(j);
     const std::string& name = field->szFieldName;
-    columns.push_back({field, false, name, printable(name), field->bPassword && !showSecrets});
+    const value::FieldDecoder decoder(*field, proc.getEncodingType());
+    columns.push_back({field, false, name, printable(name), field->bPassword && !showSecrets, decoder});
     if (block.carriesAttr(*field))
-      columns.push_back({field, true, name + "@attr", printable(name + "@attr"), false});
+      columns.push_back({field, true, name + "@attr", printable(name + "@attr"), false, decoder});
   }
   return columns;
 }
 
-value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, const Column& column,
-                               int32_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
+CellSource cellSource(const KXBlockDataProc& proc) {
+  return {RecordView::of(proc), proc.getBlockName(), proc.getDisplayEncoding()};
+}
+
+value::RenderResult appendCell(std::string& out, const CellSource& source, const Column& column,
+                               int64_t index, value::BadByteStyle style, bool raw, Warnings* warnings,
                                int64_t record) {
   if (column.masked) {
     out += kSecretMask;
@@ -170,25 +184,30 @@ value::RenderResult appendCell(std::string& out, const KXBlockDataProc& proc, co
   }
   if (column.attr) {
     out += "0x";
-    internal::appendHexByte(out, proc.getFieldAttrFromInfo(column.field, index));
+    internal::appendHexByte(out, source.records.attr(index, *column.field));
     return {};
   }
-  const std::string_view bytes = value::fieldBytes(proc, *column.field, index);
+  const std::string_view bytes = source.records.field(index, *column.field);
   value::RenderResult result;
   if (raw) {
     // The display string as it stands; the canonical rendering still finds what it hides.
     thread_local std::string canonical;  // kept: no allocation per cell
     canonical.clear();
-    result = value::appendValue(canonical, *column.field, bytes, proc.getEncodingType(), style);
-    proc.appendFieldDataFromInfo(column.field, index, out);  // a failed read shows nothing, as "" would
+    result = column.decoder.append(canonical, bytes, style);
+    const int64_t readable = bytes.data() == nullptr
+                                 ? 0
+                                 : source.records.size() - (reinterpret_cast<const uint8_t*>(bytes.data()) -
+                                                            source.records.bytes());
+    column.decoder.appendDisplay(out, bytes, readable,
+                                 source.displayEncoding);  // nothing shown when it fails
   } else {
-    result = value::appendValue(out, *column.field, bytes, proc.getEncodingType(), style);
+    result = column.decoder.append(out, bytes, style);
   }
   if (result.issue != value::ValueIssue::None && warnings != nullptr) {
     std::string message;
-    value::appendWhere(message, proc.getBlockName(), record < 0 ? index : record, column.name);
+    value::appendWhere(message, source.block, record < 0 ? index : record, column.name);
     message += ": ";
-    value::appendIssue(message, result, *column.field, bytes, proc.getEncodingType());
+    value::appendIssue(message, result, *column.field, bytes, column.decoder.encoding());
     warnings->add(message);
   }
   return result;

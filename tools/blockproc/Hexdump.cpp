@@ -24,7 +24,7 @@ struct Range {
 
 std::string cellText(const KXBlockDataProc& proc, const Column& column, int32_t index) {
   std::string text;
-  appendCell(text, proc, column, index, value::BadByteStyle::Escaped, false, nullptr);
+  appendCell(text, cellSource(proc), column, index, value::BadByteStyle::Escaped, false, nullptr);
   return text;
 }
 

@@ -83,8 +83,7 @@ int showInArrivalOrder(const RealtimeOptions& options, const RenderOptions& rend
     total += static_cast<int64_t>(options.follow ? in.readArrived(buf, want, 50) : in.read(buf, want));
     const int64_t records = static_cast<int64_t>(buf.size()) / recordSize;
     if (records == 0) continue;
-    proc.setData(buf.data(), 0, static_cast<int32_t>(records * recordSize));
-    writer.records(proc, taken);
+    writer.records(RecordView(block, buf.data(), records * recordSize), taken);
     taken += records;
     buf.erase(0, static_cast<size_t>(records * recordSize));
     if (options.follow) out.flush();
@@ -139,7 +138,7 @@ int runRealtime(const RealtimeOptions& options) {
   }
   const int64_t shown = options.keep > 0 ? std::min<int64_t>(options.keep, records) : records;
   const int64_t chunk = options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes;
-  const int64_t pieceRecords = std::max<int64_t>(chunk / options.jobs / recordSize, 1);  // one thread's
+  const int64_t pieceRecords = pieceBytes(chunk, options.jobs, recordSize) / recordSize;  // one thread's
 
   Output out("");
   if (render.format == Format::Table)
@@ -160,13 +159,13 @@ int runRealtime(const RealtimeOptions& options) {
       std::vector<RecordWriter::Piece> pieces;
       for (int64_t top = end; top > begin; top -= pieceRecords) {
         const int64_t bottom = std::max(begin, top - pieceRecords);
-        pieces.push_back({batch.data() + (bottom - begin) * recordSize,
-                          static_cast<int32_t>((top - bottom) * recordSize), records - top, true});
+        pieces.push_back(
+            {batch.data() + (bottom - begin) * recordSize, (top - bottom) * recordSize, records - top, true});
       }
-      writer.recordsInParallel(*proc, pieces);
+      writer.recordsInParallel(pieces);
     } else {
-      proc->setDataReverse(batch.data(), 0, static_cast<int32_t>(batch.size()));
-      writer.records(*proc, records - end);
+      writer.records(RecordView(block, batch.data(), static_cast<int64_t>(batch.size()), true),
+                     records - end);
     }
     end = begin;
     progress.update((records - end) * recordSize, records - end);

@@ -6,8 +6,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <exception>
 #include <thread>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "Cli.h"
 #include "blockproc/detail/Internal.h"
@@ -32,6 +37,31 @@ bool anyOf(const std::array<bool, 256>& table, std::string_view text) {
   for (char c : text)
     if (table[static_cast<uint8_t>(c)]) return true;
   return false;
+}
+
+// Bytes anyOfBlocks may read past the text it is given.
+constexpr size_t kBlockSlack = 16;
+
+// anyOf of the table of `json` for text written into the record area, 16 bytes at a time: the bytes up to
+// kBlockSlack past its end are the area's and may be read. A cell's scan a byte at a time took a sixth of
+// the JSON Lines time on the quote layout.
+bool anyOfBlocks(bool json, const char* text, size_t size) {
+#if defined(__SSE2__)
+  for (size_t at = 0; at < size; at += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at));
+    const auto is = [&v](char c) { return _mm_cmpeq_epi8(v, _mm_set1_epi8(c)); };
+    const __m128i hit =
+        json ? _mm_or_si128(_mm_or_si128(is('"'), is('\\')),
+                            _mm_cmpeq_epi8(_mm_max_epu8(v, _mm_set1_epi8(0x1F)), _mm_set1_epi8(0x1F)))
+             : _mm_or_si128(_mm_or_si128(is(','), is('"')), _mm_or_si128(is('\r'), is('\n')));
+    const auto bits = static_cast<uint32_t>(_mm_movemask_epi8(hit));
+    const size_t left = size - at;
+    if ((left >= 16 ? bits : bits & ((1U << left) - 1)) != 0) return true;
+  }
+  return false;
+#else
+  return anyOf(json ? kJsonSpecial : kCsvSpecial, {text, size});
+#endif
 }
 
 using num::appendInt;
@@ -76,6 +106,13 @@ bool needsQuotes(std::string_view cell) {
   return blank(cell.front()) || blank(cell.back()) || anyOf(kCsvSpecial, cell);
 }
 
+// needsQuotes of a cell written into the record area (see anyOfBlocks).
+bool needsQuotesInArea(const char* cell, size_t size) {
+  if (size == 0) return false;
+  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  return blank(cell[0]) || blank(cell[size - 1]) || anyOfBlocks(false, cell, size);
+}
+
 // Quotes the CSV cell that starts at `from` in `out` when it needs quotes.
 void quoteCsvTail(std::string& out, size_t from, std::string& scratch) {
   if (!needsQuotes(std::string_view(out).substr(from))) return;
@@ -96,14 +133,42 @@ void appendCsvCell(std::string& out, std::string_view text, std::string& scratch
 }
 
 bool isNumberColumn(const Column& c) {
-  return !c.attr && value::valueKind(*c.field) == value::ValueKind::Number;
+  return !c.attr && c.decoder.kind() == value::ValueKind::Number;
 }
 
 size_t columnWidth(const Column& c) {
-  size_t values = c.attr ? 4 : static_cast<size_t>(value::displayWidth(*c.field));
+  size_t values = c.attr ? 4 : static_cast<size_t>(c.decoder.displayWidth());
   if (c.masked) values = std::max(values, kSecretMask.size());
   return std::max(values, utf8::displayWidth(c.shown));
 }
+
+// A record's text gathered on the stack and handed to the output text in one append: text appended to the
+// output string piece by piece pays the string's size and capacity bookkeeping for every piece.
+class Area {
+ public:
+  // Bytes a cell and what goes ahead of it may take at most.
+  static constexpr size_t kSize = 4096;
+
+  char* cursor() noexcept { return m_bytes.data() + m_used; }
+  // The area's text now ends at `end` (between the cursor and the area's end).
+  void advanceTo(char* end) noexcept { m_used = static_cast<size_t>(end - m_bytes.data()); }
+  // Hands the text over to `t` when fewer than `room` bytes are free.
+  void makeRoom(std::string& t, size_t room) {
+    if (kSize - m_used < room) handTo(t);
+  }
+  void handTo(std::string& t) {
+    t.append(m_bytes.data(), m_used);
+    m_used = 0;
+  }
+  static char* put(char* dst, std::string_view text) noexcept {
+    std::memcpy(dst, text.data(), text.size());
+    return dst + text.size();
+  }
+
+ private:
+  std::array<char, kSize> m_bytes;
+  size_t m_used = 0;
+};
 
 }  // namespace
 
@@ -115,8 +180,10 @@ struct RecordWriter::State {
   RenderOptions options;
   Warnings& warnings;
   std::string scratch, cell;
-  // The block being written.
-  const KXBlockDataProc* proc = nullptr;
+  Area area;
+  // The block being written, and the records being written.
+  const BlockInfo* block = nullptr;
+  CellSource source;
   std::string blockShown;  // the block name as text output shows it
   std::vector<Column> columns;
   std::vector<size_t> widths;
@@ -128,10 +195,10 @@ struct RecordWriter::State {
   std::string& text() { return out.text(); }
 
   // Appends the cell, control characters shown as \xNN, padded to the width.
-  void tableCell(const Column& c, int32_t index, int64_t record, size_t width, bool right) {
+  void tableCell(const Column& c, int64_t index, int64_t record, size_t width, bool right) {
     cell.clear();
     const value::RenderResult r =
-        appendCell(cell, *proc, c, index, value::BadByteStyle::Escaped, options.raw, &warnings, record);
+        appendCell(cell, source, c, index, value::BadByteStyle::Escaped, options.raw, &warnings, record);
     if (!options.raw && isNumberColumn(c) && r.issue == value::ValueIssue::None) {
       // A canonical number is ASCII digits, sign and point: one column a byte, no width to measure (the
       // measuring took a twelfth of the table time).
@@ -157,7 +224,7 @@ struct RecordWriter::State {
     trimLine(t);
   }
 
-  void tableRecord(int32_t index, int64_t record) {
+  void tableRecord(int64_t index, int64_t record) {
     scratch.clear();
     appendInt(scratch, record);
     appendPadded(text(), scratch, indexWidth, true);
@@ -177,7 +244,7 @@ struct RecordWriter::State {
       if (c.attr) continue;
       nameWidth = std::max(nameWidth, utf8::displayWidth(c.shown));
       korWidth = std::max(korWidth, utf8::displayWidth(printable(c.field->szKorFieldName)));
-      valueWidth = std::max(valueWidth, static_cast<size_t>(value::displayWidth(*c.field)));
+      valueWidth = std::max(valueWidth, static_cast<size_t>(c.decoder.displayWidth()));
       if (c.masked) valueWidth = std::max(valueWidth, kSecretMask.size());
     }
     std::string& t = text();
@@ -197,7 +264,7 @@ struct RecordWriter::State {
       tableCell(c, 0, 0, valueWidth, false);
       if (j + 1 < columns.size() && columns[j + 1].attr) {
         t += "  ";
-        appendCell(t, *proc, columns[++j], 0, value::BadByteStyle::Escaped, options.raw, &warnings);
+        appendCell(t, source, columns[++j], 0, value::BadByteStyle::Escaped, options.raw, &warnings);
       }
       trimLine(t);
     }
@@ -208,6 +275,13 @@ struct RecordWriter::State {
   struct Member {
     std::string first, next, hexNext;
     bool number;
+    // `first` and `next` in a fixed area, copied whole into the record's area (a copy of a length known
+    // only at run time is a call to the C library for every member).
+    struct Lead {
+      static constexpr size_t kRoom = 48;
+      std::array<char, kRoom> bytes{};
+      size_t size = 0;
+    } fastFirst{}, fastNext{};
   };
   std::vector<Member> members;
   std::string lineStart;  // JSON lines: what goes ahead of the record number
@@ -229,62 +303,123 @@ struct RecordWriter::State {
                std::string(separator) + key(c.name + "@hex"),
                !options.raw && !c.masked && isNumberColumn(c)};
       m.next = std::string(separator) + m.first;
+      // A name too long for the fixed area goes through jsonMember.
+      if (m.next.size() <= Member::Lead::kRoom) {
+        std::memcpy(m.fastFirst.bytes.data(), m.first.data(), m.fastFirst.size = m.first.size());
+        std::memcpy(m.fastNext.bytes.data(), m.next.data(), m.fastNext.size = m.next.size());
+      } else {
+        fast[members.size()] = false;
+      }
       members.push_back(std::move(m));
     }
   }
 
-  // The record's members. Numbers are JSON numbers with the exact decimal text; an empty number is null;
-  // undecodable bytes are U+FFFD in the string, with the field's bytes in hexadecimal under "<field>@hex".
-  void jsonMembers(int32_t index, int64_t record, bool first) {
+  // One member of the record. Numbers are JSON numbers with the exact decimal text; an empty number is
+  // null; undecodable bytes are U+FFFD in the string, with the field's bytes in hexadecimal under
+  // "<field>@hex".
+  void jsonMember(size_t j, int64_t index, int64_t record, bool first) {
     std::string& t = text();
-    for (size_t j = 0; j < columns.size(); ++j) {
-      const Member& m = members[j];
-      t += first ? m.first : m.next;
-      first = false;
-      const bool quoted = !m.number;
-      if (quoted) t += '"';
-      const size_t from = t.size();
-      const value::RenderResult r = appendCell(t, *proc, columns[j], index, value::BadByteStyle::Replacement,
-                                               options.raw, &warnings, record);
-      if (!quoted && (r.issue == value::ValueIssue::None || r.issue == value::ValueIssue::MorePlaces)) {
-        // The canonical number is the JSON number, or null when the field is blank.
-        if (t.size() == from) t += "null";
-      } else {
-        if (!quoted || anyOf(kJsonSpecial, std::string_view(t).substr(from))) {
-          scratch.assign(t, from);
-          t.resize(from);
-          if (!quoted) t += '"';
-          appendJsonEscaped(t, scratch);
-        }
-        t += '"';
+    const Member& m = members[j];
+    t += first ? m.first : m.next;
+    const bool quoted = !m.number;
+    if (quoted) t += '"';
+    const size_t from = t.size();
+    const value::RenderResult r = appendCell(t, source, columns[j], index, value::BadByteStyle::Replacement,
+                                             options.raw, &warnings, record);
+    if (!quoted && (r.issue == value::ValueIssue::None || r.issue == value::ValueIssue::MorePlaces)) {
+      // The canonical number is the JSON number, or null when the field is blank.
+      if (t.size() == from) t += "null";
+    } else {
+      if (!quoted || anyOf(kJsonSpecial, std::string_view(t).substr(from))) {
+        scratch.assign(t, from);
+        t.resize(from);
+        if (!quoted) t += '"';
+        appendJsonEscaped(t, scratch);
       }
-      if (r.issue == value::ValueIssue::BadBytes || r.issue == value::ValueIssue::NotANumber) {
-        t += m.hexNext;
-        t += '"';
-        value::appendHex(t, value::fieldBytes(*proc, *columns[j].field, index));
-        t += '"';
-      }
+      t += '"';
+    }
+    if (r.issue == value::ValueIssue::BadBytes || r.issue == value::ValueIssue::NotANumber) {
+      t += m.hexNext;
+      t += '"';
+      value::appendHex(t, source.records.field(index, *columns[j].field));
+      t += '"';
     }
   }
 
-  void csvRecord(int32_t index, int64_t record) {
+  // The record's members: each usual value written straight into the area by its decoder, any other by
+  // jsonMember.
+  void jsonMembers(int64_t index, int64_t record, bool first) {
+    std::string& t = text();
+    for (size_t j = 0; j < columns.size(); ++j, first = false) {
+      const Member& m = members[j];
+      if (const uint8_t* field = fastField(j, index)) {
+        const Member::Lead& lead = first ? m.fastFirst : m.fastNext;
+        area.makeRoom(t, Member::Lead::kRoom + value::FieldDecoder::kRoom + kBlockSlack);
+        std::memcpy(area.cursor(), lead.bytes.data(), Member::Lead::kRoom);
+        char* at = area.cursor() + lead.size;
+        if (!m.number) *at++ = '"';
+        char* end = columns[j].decoder.write(field, source.records.readable(field), at);
+        if (end != nullptr && (m.number || !anyOfBlocks(true, at, static_cast<size_t>(end - at)))) {
+          if (!m.number) *end++ = '"';
+          area.advanceTo(end == at ? Area::put(end, "null") : end);
+          continue;
+        }
+      }
+      area.handTo(t);
+      jsonMember(j, index, record, first);
+    }
+    area.handTo(t);
+  }
+
+  // Whether the column's cells may be written by its decoder straight into the area: a field's value
+  // (not an attribute byte, a masked one or a display string).
+  std::vector<bool> fast;
+
+  // The first byte of the column's field in record `index` when its value may be written straight into
+  // the area and the field lies inside the records, else nullptr.
+  const uint8_t* fastField(size_t j, int64_t index) const {
+    if (!fast[j]) return nullptr;
+    const FieldInfo& f = *columns[j].field;
+    const int64_t at = source.records.recordOffset(index) + f.nDataPos;
+    return at + f.nLength <= source.records.size() ? source.records.bytes() + at : nullptr;
+  }
+
+  // One CSV cell through appendCell, quoted when it needs quotes.
+  void csvCell(size_t j, int64_t index, int64_t record) {
+    std::string& t = text();
+    const size_t from = t.size();
+    const value::RenderResult r = appendCell(t, source, columns[j], index, value::BadByteStyle::Escaped,
+                                             options.raw, &warnings, record);
+    // A canonical number never needs quotes; only the other cells are scanned.
+    if (options.raw || !isNumberColumn(columns[j]) || r.issue != value::ValueIssue::None)
+      quoteCsvTail(t, from, scratch);
+  }
+
+  void csvRecord(int64_t index, int64_t record) {
     std::string& t = text();
     const size_t rowStart = t.size();
     for (size_t j = 0; j < columns.size(); ++j) {
-      if (j > 0) t += ',';
-      const size_t from = t.size();
-      const value::RenderResult r = appendCell(t, *proc, columns[j], index, value::BadByteStyle::Escaped,
-                                               options.raw, &warnings, record);
-      // A canonical number never needs quotes; only the other cells are scanned.
-      if (options.raw || !isNumberColumn(columns[j]) || r.issue != value::ValueIssue::None)
-        quoteCsvTail(t, from, scratch);
+      area.makeRoom(t, value::FieldDecoder::kRoom + 1 + kBlockSlack);
+      if (j > 0) area.advanceTo(Area::put(area.cursor(), ","));
+      if (const uint8_t* field = fastField(j, index)) {
+        char* const at = area.cursor();
+        char* const end = columns[j].decoder.write(field, source.records.readable(field), at);
+        if (end != nullptr &&
+            (isNumberColumn(columns[j]) || !needsQuotesInArea(at, static_cast<size_t>(end - at)))) {
+          area.advanceTo(end);
+          continue;
+        }
+      }
+      area.handTo(t);
+      csvCell(j, index, record);
     }
+    area.handTo(t);
     // A row of one empty cell would be a blank line, which CSV readers skip: the record is kept as "".
     if (t.size() == rowStart) t += "\"\"";
     t += '\n';
   }
 
-  void longRecord(int32_t index, int64_t record) {
+  void longRecord(int64_t index, int64_t record) {
     std::string& t = text();
     for (const Column& c : columns) {
       appendCsvCell(t, blockShown, scratch);
@@ -294,13 +429,13 @@ struct RecordWriter::State {
       appendCsvCell(t, c.shown, scratch);
       t += ',';
       const size_t from = t.size();
-      appendCell(t, *proc, c, index, value::BadByteStyle::Escaped, options.raw, &warnings, record);
+      appendCell(t, source, c, index, value::BadByteStyle::Escaped, options.raw, &warnings, record);
       quoteCsvTail(t, from, scratch);
       t += '\n';
     }
   }
 
-  void jsonRecord(int32_t index, int64_t record) {
+  void jsonRecord(int64_t index, int64_t record) {
     std::string& t = text();
     if (!repeated) {
       t += ": {\n";
@@ -313,7 +448,7 @@ struct RecordWriter::State {
     t += "\n      }";
   }
 
-  void jsonlRecord(int32_t index, int64_t record) {
+  void jsonlRecord(int64_t index, int64_t record) {
     std::string& t = text();
     t += lineStart;
     appendInt(t, record);
@@ -322,10 +457,9 @@ struct RecordWriter::State {
   }
 };
 
-// What one thread keeps from round to round: its processor, its text and its warnings, so that their
-// buffers are allocated once (fresh ones each round cost as much system time as the decoding).
+// What one thread keeps from round to round: its text and its warnings, so that their buffers are
+// allocated once (fresh ones each round cost as much system time as the decoding).
 struct RecordWriter::PieceWork {
-  std::unique_ptr<KXBlockDataProc> proc;
   Output out;
   Warnings warnings{true};
   std::exception_ptr failure;
@@ -354,10 +488,13 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count) {
 void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count, bool repeated) {
   State& s = *m_state;
   std::string& t = s.text();
-  s.proc = &proc;
+  s.block = proc.getBlockInfo();
+  s.source = {RecordView(), proc.getBlockName(), proc.getDisplayEncoding()};
   s.blockShown = printable(proc.getBlockName());
   s.repeated = repeated;
   s.columns = columnsOf(proc, s.options.showSecrets);
+  s.fast.clear();
+  for (const Column& c : s.columns) s.fast.push_back(!c.attr && !c.masked && !s.options.raw);
   s.count = count;
   s.written = 0;
   const bool first = s.firstBlock;
@@ -404,16 +541,16 @@ void RecordWriter::beginBlock(const KXBlockDataProc& proc, int64_t count, bool r
   }
 }
 
-void RecordWriter::records(const KXBlockDataProc& proc, int64_t first) {
+void RecordWriter::records(const RecordView& records, int64_t first) {
   State& s = *m_state;
-  s.proc = &proc;
-  const int32_t valid = proc.getValidCount();
+  s.source.records = records;
+  const int64_t valid = records.count();
   if (s.options.format == Format::Table && !s.repeated) {
     if (valid > 0) s.fieldTable();
     s.written += valid;
     return;
   }
-  for (int32_t i = 0; i < valid; ++i) {
+  for (int64_t i = 0; i < valid; ++i) {
     const int64_t record = first + i;
     switch (s.options.format) {
       case Format::Table:
@@ -437,25 +574,20 @@ void RecordWriter::records(const KXBlockDataProc& proc, int64_t first) {
   }
 }
 
-void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::vector<Piece>& pieces) {
+void RecordWriter::recordsInParallel(const std::vector<Piece>& pieces) {
   State& s = *m_state;
   while (m_work.size() < pieces.size()) m_work.push_back(std::make_unique<PieceWork>());
+  std::vector<RecordView> views;
+  for (const Piece& p : pieces) views.emplace_back(*s.block, p.bytes, p.size, p.reverse);
   const auto decode = [&](size_t k) {
     PieceWork& w = *m_work[k];
     try {
-      if (!w.proc || w.proc->getBlockInfo() != model.getBlockInfo()) {
-        w.proc = std::make_unique<KXBlockDataProc>(model.getBlockInfo());
-        w.proc->setEncodingType(model.getEncodingType());
-        w.proc->setDataProc(model.getDataProc());
-      }
-      const Piece& p = pieces[k];
-      if (p.reverse)
-        w.proc->setDataReverse(p.bytes, 0, p.size);
-      else
-        w.proc->setData(p.bytes, 0, p.size);
       // A writer of its own, set up for the block as this one is, writing into memory.
       State piece(w.out, s.code, s.options, w.warnings);
+      piece.block = s.block;
+      piece.source = s.source;
       piece.columns = s.columns;
+      piece.fast = s.fast;
       piece.blockShown = s.blockShown;
       piece.widths = s.widths;
       piece.members = s.members;
@@ -464,7 +596,7 @@ void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::ve
       piece.repeated = s.repeated;
       piece.count = s.count;
       RecordWriter writer(std::make_unique<State>(std::move(piece)));
-      writer.records(*w.proc, p.first);
+      writer.records(views[k], pieces[k].first);
     } catch (...) {
       w.failure = std::current_exception();
     }
@@ -478,10 +610,9 @@ void RecordWriter::recordsInParallel(const KXBlockDataProc& model, const std::ve
     if (w.failure) std::rethrow_exception(w.failure);
     s.warnings.absorb(w.warnings);
     w.warnings.clear();
-    s.text() += w.out.text();
+    s.out.write(w.out.text());
     w.out.text().clear();
-    s.out.spill();
-    s.written += w.proc->getValidCount();
+    s.written += views[k].count();
   }
 }
 
