@@ -20,46 +20,45 @@
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/Utf8.h"
+#include "blockproc/engine/FieldDecoder.h"
 #include "blockproc/engine/FieldValue.h"
 #include "blockproc/engine/NumberDecode.h"
+#include "blockproc/engine/RecordView.h"
 
 namespace blockproc::python {
 
 namespace {
 
-// One field of the records being decoded, for reading its bytes and naming it in messages.
+// One field of the records being decoded, for reading its bytes where they lie and naming it in messages.
 struct FieldAt {
   const BlockInfo& block;
   const FieldInfo& field;
   const RecordSource& source;
-  const uint8_t* records;
-  int64_t stride;
-  uint32_t encoding;
+  const RecordView& view;
+  value::FieldDecoder decoder;
 
-  std::string_view bytes(int64_t record) const noexcept {
-    return {reinterpret_cast<const char*>(records + record * stride + field.nDataPos),
-            static_cast<size_t>(field.nLength)};
-  }
+  // The field's bytes in the record (the caller has checked that the field lies inside every record).
+  std::string_view bytes(int64_t record) const noexcept { return view.field(record, field); }
+  uint8_t attr(int64_t record) const noexcept { return view.attr(record, field); }
   // Raises ValueError "block B, record R, field F (byte N of SOURCE): why", N the field's byte `at` and R
   // the record's number in the source.
   [[noreturn]] void fail(int64_t record, int64_t at, std::string_view why) const {
     std::string message;
     value::appendWhere(message, block.m_szBlockName, source.firstRecord + record, field.szFieldName);
-    message += " (byte " + std::to_string(source.offset + record * stride + field.nDataPos + at) + " of " +
-               source.name + "): ";
+    message += " (byte " + std::to_string(source.offset + view.recordOffset(record) + field.nDataPos + at) +
+               " of " + source.name + "): ";
     message += why;
     throw py::value_error(message);
   }
-  // The engine's canonical text of the record's field in `out`; raises the engine's reason when the bytes
-  // have no plain value.
+  // The engine's canonical text of the record's field in `out`, by the field's decoder; raises the engine's
+  // reason when the bytes have no plain value.
   void canonical(int64_t record, std::string& out) const {
     out.clear();
     const std::string_view raw = bytes(record);
-    const value::RenderResult r =
-        value::appendValue(out, field, raw, encoding, value::BadByteStyle::Replacement);
+    const value::RenderResult r = decoder.append(out, raw, value::BadByteStyle::Replacement);
     if (r.issue == value::ValueIssue::None) return;
     std::string why;
-    value::appendIssue(why, r, field, raw, encoding);
+    value::appendIssue(why, r, field, raw, decoder.encoding());
     fail(record, std::max(r.offset, 0), why);
   }
 };
@@ -416,8 +415,7 @@ py::array realColumn(const FieldAt& at, int64_t count, int32_t places, std::stri
 py::array attrColumn(const FieldAt& at, int64_t count) {
   py::array_t<uint8_t> array(count);
   uint8_t* out = array.mutable_data();
-  const int64_t pos = int64_t{at.field.nDataPos} + at.field.nLength;
-  for (int64_t i = 0; i < count; ++i) out[i] = at.records[i * at.stride + pos];
+  for (int64_t i = 0; i < count; ++i) out[i] = at.attr(i);
   return array;
 }
 
@@ -427,10 +425,11 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
                        int64_t stride, const RecordSource& source, Numbers numbers) {
   py::list columns;
   std::string scratch;
+  const RecordView view(block, records, count * stride, stride);
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
     checkInside(block, field, stride);
-    const FieldAt at{block, field, source, records, stride, encoding};
+    const FieldAt at{block, field, source, view, value::FieldDecoder(field, encoding)};
     ColumnKind kind = kindOf(field);
     const int32_t places =
         kind == ColumnKind::Scaled || kind == ColumnKind::Real ? std::max(field.nDecimalLen, 0) : 0;
@@ -537,11 +536,13 @@ py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t*
     bool secret;
   };
   std::vector<Field> fields;
+  const RecordView view(block, records, count * stride, stride);
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
     checkInside(block, field, stride);
     fields.push_back(
-        {FieldAt{block, field, source, records, stride, encoding}, py::str(field.szFieldName),
+        {FieldAt{block, field, source, view, value::FieldDecoder(field, encoding)},
+         py::str(field.szFieldName),
          block.carriesAttr(field) ? py::object(py::str(field.szFieldName + "@attr")) : py::none(),
          !showSecrets && field.isPasswordField()});
   }
@@ -552,8 +553,7 @@ py::list decodeRecords(const BlockInfo& block, uint32_t encoding, const uint8_t*
     for (const Field& f : fields) {
       // A secret is not even read: a message about its bytes would show them.
       values[f.name] = f.secret ? masked : recordValue(f.at, record, text, decimal);
-      if (!f.attrName.is_none())
-        values[f.attrName] = py::int_(records[record * stride + f.at.field.nDataPos + f.at.field.nLength]);
+      if (!f.attrName.is_none()) values[f.attrName] = py::int_(f.at.attr(record));
     }
     list.append(std::move(values));
   }

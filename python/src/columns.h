@@ -1,7 +1,8 @@
 #pragma once
 // Decoding the records of one block for Python in one call, with no Python call per field: into column arrays
-// (frames) or into dicts of values (decode). Every value is the engine's canonical value of the field's bytes
-// (blockproc::value::appendValue, what `blockproc decode` prints).
+// (frames) or into dicts of values (decode). Records are read where they lie (RecordView), and every value is
+// the engine's canonical value of the field's bytes (value::FieldDecoder, what `blockproc decode` prints), or
+// for a number column the same value read by the engine's number readers (value::readScaled, readReal).
 //
 // Each field becomes one column, and each field carrying an attribute byte one more ("<field>@attr", uint8):
 //   text                         object array of str
