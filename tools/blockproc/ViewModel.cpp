@@ -14,7 +14,9 @@
 #include "View.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/TextCodec.h"
+#include "blockproc/engine/FieldDecoder.h"
 #include "blockproc/engine/LayoutCheck.h"
+#include "blockproc/engine/RecordView.h"
 
 namespace blockproc::cli {
 
@@ -48,7 +50,13 @@ struct Group {
   int32_t repeat = 0;  // the block's repeat as the definition gives it
   bool packed = false, paged = false, input = false;
   std::vector<Slot> slots;
-  int64_t pagedFirst = -1, pagedCount = 0;  // records the own processor holds now
+  std::vector<value::FieldDecoder> decoders;  // one per slot, in the encoding the page reads in
+  int64_t pagedFirst = -1, pagedCount = 0;    // records the own processor holds now
+
+  void makeDecoders(uint32_t encoding) {
+    decoders.clear();
+    for (const Slot& slot : slots) decoders.emplace_back(*slot.field, encoding);
+  }
 
   int64_t end() const { return offset + count * recordSize; }
 };
@@ -178,6 +186,7 @@ struct ViewModel::Impl {
     g.repeat = block.isOccursBlock() ? block.m_nRepeatCount : 1;
     g.recordSize = block.getRecordMemSize();
     g.slots = slotsOf(block, false);
+    g.makeDecoders(session.proc->getEncodingType());
     // The block is laid out as repeated, one window of records at most.
     block.setRepeat(kViewMaxRecords);
     g.own = std::make_unique<KXBlockDataProc>(&block);
@@ -222,6 +231,7 @@ struct ViewModel::Impl {
       g.packed = slice.packed;
       g.input = request;
       g.slots = slotsOf(block, slice.packed);
+      g.makeDecoders(session.proc->getEncodingType());
     }
   }
 
@@ -344,14 +354,14 @@ struct ViewModel::Impl {
   // Record `number` of the group, held at `index` of its processor.
   Json record(const Group& g, size_t groupIndex, int32_t index, int64_t number) {
     const KXBlockDataProc& proc = *g.proc;
+    const RecordView view = RecordView::of(proc);
     const int64_t at = g.offset + number * g.recordSize;
     Json values = Json::array(), raws = Json::array(), attrs = Json::array(), issues = Json::array();
     for (size_t j = 0; j < g.slots.size(); ++j) {
       const FieldInfo& f = *g.slots[j].field;
-      const std::string_view bytes = value::fieldBytes(proc, f, index);
+      const std::string_view bytes = view.field(index, f);
       scratch.clear();
-      const value::RenderResult r =
-          value::appendValue(scratch, f, bytes, proc.getEncodingType(), value::BadByteStyle::Replacement);
+      const value::RenderResult r = g.decoders[j].append(scratch, bytes, value::BadByteStyle::Replacement);
       values.push_back(scratch);
       scratch.clear();
       proc.appendFieldDataFromInfo(&f, index, scratch);
@@ -442,13 +452,13 @@ struct ViewModel::Impl {
         if (budget <= 0) return {{"next", g.offset + i * g.recordSize}};
         const int64_t take = g.paged ? std::min<int64_t>(kViewMaxRecords, g.count - i) : g.count - i;
         if (g.paged) loadPaged(g, i, take);
+        const RecordView view = RecordView::of(*g.proc);
         for (int64_t n = i; n < i + take; ++n) {
           const auto index = static_cast<int32_t>(g.paged ? n - i : n);
           for (size_t j = 0; j < g.slots.size(); ++j) {
-            const FieldInfo& f = *g.slots[j].field;
             scratch.clear();
-            value::appendValue(scratch, f, value::fieldBytes(*g.proc, f, index), g.proc->getEncodingType(),
-                               value::BadByteStyle::Replacement);
+            g.decoders[j].append(scratch, view.field(index, *g.slots[j].field),
+                                 value::BadByteStyle::Replacement);
             if (scratch.find(text) == std::string::npos) continue;
             const int64_t at = g.offset + n * g.recordSize;
             return {{"found", {{"group", k}, {"record", n}, {"field", j}, {"offset", at}}}};
@@ -468,8 +478,10 @@ struct ViewModel::Impl {
       return false;
     }
     session.proc->setEncodingType(*encoding);
-    for (Group& g : groups)
+    for (Group& g : groups) {
       if (g.own) g.own->setEncodingType(*encoding);
+      g.makeDecoders(*encoding);
+    }
     return true;
   }
 };
