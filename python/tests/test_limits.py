@@ -114,6 +114,7 @@ def entry_points():
     values = blockproc.decode(definition, reply)
     frame = blockproc.to_pandas(definition, reply, "OutBlock1")
     scaled = frame["price"].to_numpy(dtype="int64")
+    bad_frame = frame.assign(hname="x" * 100)  # longer than its field
     # (name, call, calls): 100,000 calls of each, or 20,000 of those taking more than 25 us a call, held to
     # the same growth per call.
     return [
@@ -125,6 +126,9 @@ def entry_points():
         ("decode", lambda: blockproc._decode(definition, reply, "r", False), 100_000),
         ("encode", lambda: blockproc.encode(definition, values, reply=True), 20_000),
         ("decimals", lambda: blockproc._decimals(scaled, None, 2), 100_000),
+        ("encode_frame", lambda: blockproc.encode_frame(definition, frame, "OutBlock1"), 20_000),
+        ("a refused frame", lambda: pytest.raises(ValueError, blockproc.encode_frame, definition, bad_frame,
+                                                  "OutBlock1"), 20_000),
         ("scales", lambda: blockproc._scales(definition, "OutBlock1"), 100_000),
         ("a refusal", lambda: pytest.raises(ValueError, blockproc._decode, definition, reply[:-1], "r", False),
          20_000),
