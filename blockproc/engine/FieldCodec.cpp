@@ -364,10 +364,13 @@ bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
   const std::string_view text = trimSpaces(value);
   const size_t from = !text.empty() && text[0] == '-' ? 1 : 0;
   if (text.size() <= from || text.size() - from > 18) return false;
-  for (size_t i = from; i < text.size(); ++i)
-    if (!isDigit(text[i])) return false;
+  // At most 18 digits: the value is read as they are checked, with no room to overflow.
   int64_t v = 0;
-  if (std::from_chars(text.data(), text.data() + text.size(), v).ec != std::errc()) return false;
+  for (size_t i = from; i < text.size(); ++i) {
+    if (!isDigit(text[i])) return false;
+    v = v * 10 + (text[i] - '0');
+  }
+  if (from == 1) v = -v;
   if (m_field->nDataType == kFieldInt16) {
     if (v < -32768 || v > 32767) return false;
     const auto narrow = static_cast<int16_t>(v);
