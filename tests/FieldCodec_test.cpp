@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -118,6 +119,35 @@ TEST(FieldCodec, LaysOutEachTypeAsTheWriterDoes) {
     const Outcome old = throughProcessor(c.field, c.value, kTextEncodingCP949);
     EXPECT_EQ(old.bytes, got.bytes) << c.value;
     EXPECT_EQ(old.why, got.why) << c.value;
+  }
+}
+
+// Fields of every length up to past sixteen bytes, filled by values of every length they take (and one
+// more): the copies and the padding of each length lay out what the writer lays out.
+TEST(FieldCodec, CopiesAndPadsEveryLengthAsTheWriterDoes) {
+  for (int32_t length = 1; length <= 20; ++length) {
+    const struct {
+      FieldInfo field;
+      std::string digits;  // a value of i bytes is the first i of them
+    } shapes[] = {
+        {fieldOf(kFieldText, length), "ABCDEFGHIJKLMNOPQRSTUV"},
+        {fieldOf(kFieldText, length, 1), "1234567890123456789012"},
+        {fieldOf(kFieldNumText, length), "9876543210987654321098"},
+        {fieldOf(kFieldNumText, length, 2), "1234567890123456789012"},
+        {fieldOf(kFieldNumText, length, 3, true), "1234567890123456789012"},
+        {fieldOf(kFieldInt16, length), "3276"},
+        {fieldOf(kFieldInt64, length), "123456789012345678"},
+    };
+    for (const auto& shape : shapes)
+      for (size_t size = 0; size <= std::min<size_t>(length + 1, shape.digits.size()); ++size)
+        for (const std::string& value :
+             {shape.digits.substr(0, size), "-" + shape.digits.substr(0, size),
+              size > 2 ? shape.digits.substr(0, size - 2) + "." + shape.digits.substr(size - 2) : "0"}) {
+          const Outcome got = throughEncoder(shape.field, value, kTextEncodingCP949);
+          const Outcome old = throughProcessor(shape.field, value, kTextEncodingCP949);
+          EXPECT_EQ(got.bytes, old.bytes) << length << " '" << value << "'";
+          EXPECT_EQ(got.why, old.why) << length << " '" << value << "'";
+        }
   }
 }
 

@@ -87,6 +87,12 @@ TEST(TextCodec, EncodesCodePage949ByTableAsTheConverterDoes) {
       {kTextEncodingCP949, "A\xE0\xB8\x81", false},     // Thai: no character of it
       {kTextEncodingCP949, "\xF0\x9F\x98\x80", false},  // above U+FFFF
       {kTextEncodingCP949, "\xED\x95", false},          // cut UTF-8
+      {kTextEncodingCP949, "A\xC0\xAF", false},         // an overlong '/'
+      {kTextEncodingCP949, "\xED\xA0\x80", false},      // a surrogate
+      {kTextEncodingCP949,
+       "\x80"
+       "A",
+       false},  // a stray continuation byte
       {kTextEncodingUTF8, std::string(kHangulUtf8), false},
       {kTextEncodingEUCKR, std::string(kHangulUtf8), false},
   };
@@ -136,6 +142,40 @@ TEST(Utf8, LengthsTrimsAndWidths) {
   std::string latin;
   codec::appendLatin1(latin, "A\xE9");
   EXPECT_EQ(latin, "A\xC3\xA9");
+}
+
+// One character decoded and checked: the code point and the bytes taken, or kNotValid with nothing taken;
+// validPrefix stops where nextValid refuses.
+TEST(Utf8, NextValidDecodesOneCharacterOrRefusesIt) {
+  const struct {
+    std::string text;
+    char32_t code;
+    size_t taken;
+  } cases[] = {
+      {"A", U'A', 1},
+      {"\xC2\xA0", 0xA0, 2},
+      {"\xED\x95\x9C", 0xD55C, 3},  // a Hangul syllable
+      {"\xEF\xBF\xBF", 0xFFFF, 3},
+      {"\xF0\x9F\x98\x80", 0x1F600, 4},
+      {"\xF4\x8F\xBF\xBF", 0x10FFFF, 4},
+      {"\x80", utf8::kNotValid, 0},              // a continuation byte
+      {"\xC1\xBF", utf8::kNotValid, 0},          // overlong, two bytes
+      {"\xE0\x9F\xBF", utf8::kNotValid, 0},      // overlong, three bytes
+      {"\xF0\x8F\xBF\xBF", utf8::kNotValid, 0},  // overlong, four bytes
+      {"\xED\xA0\x80", utf8::kNotValid, 0},      // a surrogate
+      {"\xF4\x90\x80\x80", utf8::kNotValid, 0},  // above U+10FFFF
+      {"\xED\x95", utf8::kNotValid, 0},          // cut
+      {"\xC2"
+       "A",
+       utf8::kNotValid, 0},                      // a lead without its continuation
+      {"\xF5\x80\x80\x80", utf8::kNotValid, 0},  // no such lead byte
+  };
+  for (const auto& c : cases) {
+    size_t i = 0;
+    EXPECT_EQ(utf8::nextValid(c.text, i), c.code) << c.text;
+    EXPECT_EQ(i, c.taken) << c.text;
+    EXPECT_EQ(utf8::validPrefix("AB" + c.text), 2 + (c.taken == c.text.size() ? c.taken : 0)) << c.text;
+  }
 }
 
 // Every control character a terminal acts on (C0, DEL, C1) is shown as \xNN, byte by byte; the characters

@@ -388,6 +388,37 @@ TEST(TransactionProc, WritesThousandsSeparators) {
   for (const auto& [value, text] : cases) EXPECT_EQ(internal::withThousands(value), text);
 }
 
+// A caller that found a record's fields by name hands them over with the values: the same bytes as by the
+// names, and a field that is missing or not the block's own is looked up by its name after all.
+TEST(TransactionProc, TakesTheFieldsACallerFoundAsTheNamesGiveThem) {
+  Loaded t = load(twoBlocks("rest", 0));
+  ASSERT_TRUE(t.proc);
+  KXBlockDataProc& head = *t.proc->findBlockProc("Head");
+  const FieldInfo* name = head.findFieldInfo("name");
+  const FieldInfo* n = head.findFieldInfo("n");
+  const FieldInfo* other = t.proc->findBlockProc("Rows")->findFieldInfo("v");
+  const std::pair<std::string_view, std::string_view> values[] = {{"name", "ab"}, {"n", "-5"}};
+  std::string byName;
+  ASSERT_EQ(t.proc->appendRecord(byName, head, RecordValueViews{values}, 0, false), "");
+  EXPECT_EQ(byName.substr(0, 7), "ab  -05");
+  const std::vector<std::vector<const FieldInfo*>> founds = {
+      {name, n}, {nullptr, n}, {other, n}, {name}, {name, other}};
+  for (const auto& found : founds) {
+    std::string out;
+    RecordValueViews views{values};
+    views.found = found;
+    EXPECT_EQ(t.proc->appendRecord(out, head, views, 0, false), "");
+    EXPECT_EQ(out, byName);
+  }
+  // A refusal still names the field the value was given for.
+  const std::pair<std::string_view, std::string_view> bad[] = {{"name", "ab"}, {"n", "12345"}};
+  std::string out;
+  RecordValueViews views{bad};
+  views.found = founds[0];
+  EXPECT_NE(t.proc->appendRecord(out, head, views, 3, false).find("record 3, field n:"), std::string::npos);
+  EXPECT_TRUE(out.empty());
+}
+
 // A definition changed in memory so that a field lies past its record: building through the processor must
 // refuse that field's value rather than drop it.
 TEST(TransactionProcBuild, AFieldPastItsRecordIsRefusedNotDropped) {

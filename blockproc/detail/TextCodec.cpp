@@ -202,8 +202,8 @@ class Cp949Table {
 // their bytes back to back and decodes back to itself.
 class Cp949Encoder {
  public:
-  // Writes the bytes of valid UTF-8 `text` at dst and moves dst past them; false when a character is not
-  // held (dst then not to be used).
+  // Writes the bytes of `text` at dst and moves dst past them; false when it is not valid UTF-8 or a
+  // character is not held (dst then not to be used).
   static bool encodeInto(std::string_view text, char*& dst) noexcept {
     for (size_t i = 0; i < text.size();) {
       const auto byte = static_cast<unsigned char>(text[i]);
@@ -212,7 +212,7 @@ class Cp949Encoder {
         ++i;
         continue;
       }
-      const char32_t code = utf8::next(text, i);
+      const char32_t code = utf8::nextValid(text, i);  // kNotValid lies past the table
       if (code >= entries_.size()) return false;
       uint32_t entry = entries_[code].load(std::memory_order_relaxed);
       if (entry == kUnseen) entry = fill(code);
@@ -317,7 +317,7 @@ std::optional<std::string> decode(uint32_t encoding, std::string_view bytes) noe
 }
 
 char* encodeInto(uint32_t encoding, std::string_view text, char* dst) noexcept {
-  if (encoding != kTextEncodingCP949 || !utf8::isValid(text)) return nullptr;
+  if (encoding != kTextEncodingCP949) return nullptr;  // the text is checked as it is converted
   return Cp949Encoder::encodeInto(text, dst) ? dst : nullptr;
 }
 

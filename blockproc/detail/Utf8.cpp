@@ -84,31 +84,7 @@ size_t validPrefix(std::string_view text) noexcept {
         continue;
       }
     }
-    const unsigned char b0 = s[i];
-    if (b0 < 0x80) {
-      ++i;
-      continue;
-    }
-    if (b0 >= 0xC2 && b0 <= 0xDF) {
-      if (i + 1 >= n || (s[i + 1] & 0xC0) != 0x80) return i;
-      i += 2;
-    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-      if (i + 2 >= n) return i;
-      const unsigned char b1 = s[i + 1];
-      const unsigned char lo = b0 == 0xE0 ? 0xA0 : 0x80;  // no overlong forms
-      const unsigned char hi = b0 == 0xED ? 0x9F : 0xBF;  // no surrogates
-      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80) return i;
-      i += 3;
-    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-      if (i + 3 >= n) return i;
-      const unsigned char b1 = s[i + 1];
-      const unsigned char lo = b0 == 0xF0 ? 0x90 : 0x80;  // no overlong forms
-      const unsigned char hi = b0 == 0xF4 ? 0x8F : 0xBF;  // nothing above U+10FFFF
-      if (b1 < lo || b1 > hi || (s[i + 2] & 0xC0) != 0x80 || (s[i + 3] & 0xC0) != 0x80) return i;
-      i += 4;
-    } else {
-      return i;
-    }
+    if (nextValid(text, i) == kNotValid) return i;
   }
   return n;
 }

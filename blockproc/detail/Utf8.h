@@ -27,6 +27,45 @@ size_t encode(char32_t codePoint, char (&out)[4]) noexcept;
 // The code point of the character at text[i] of valid UTF-8, with i moved past it.
 char32_t next(std::string_view text, size_t& i) noexcept;
 
+// Returned by nextValid for bytes that are not a character.
+inline constexpr char32_t kNotValid = 0xFFFFFFFF;
+
+// The code point of the character at text[i] (i < text.size()), with i moved past it; or kNotValid, i left
+// as it was, when the bytes there are not valid UTF-8: a stray or cut sequence, an overlong form, a
+// surrogate, a value above U+10FFFF. Checking and decoding in one step lets a converter of text walk it once.
+inline char32_t nextValid(std::string_view text, size_t& i) noexcept {
+  const auto* s = reinterpret_cast<const unsigned char*>(text.data()) + i;
+  const size_t left = text.size() - i;
+  const unsigned char b0 = s[0];
+  if (b0 < 0x80) {
+    ++i;
+    return b0;
+  }
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    if (left < 2 || !isContinuation(s[1])) return kNotValid;
+    i += 2;
+    return char32_t{b0 & 0x1Fu} << 6 | (s[1] & 0x3Fu);
+  }
+  if (b0 >= 0xE0 && b0 <= 0xEF) {
+    if (left < 3) return kNotValid;
+    const unsigned char lo = b0 == 0xE0 ? 0xA0 : 0x80;  // no overlong forms
+    const unsigned char hi = b0 == 0xED ? 0x9F : 0xBF;  // no surrogates
+    if (s[1] < lo || s[1] > hi || !isContinuation(s[2])) return kNotValid;
+    i += 3;
+    return char32_t{b0 & 0x0Fu} << 12 | char32_t{s[1] & 0x3Fu} << 6 | (s[2] & 0x3Fu);
+  }
+  if (b0 >= 0xF0 && b0 <= 0xF4) {
+    if (left < 4) return kNotValid;
+    const unsigned char lo = b0 == 0xF0 ? 0x90 : 0x80;  // no overlong forms
+    const unsigned char hi = b0 == 0xF4 ? 0x8F : 0xBF;  // nothing above U+10FFFF
+    if (s[1] < lo || s[1] > hi || !isContinuation(s[2]) || !isContinuation(s[3])) return kNotValid;
+    i += 4;
+    return char32_t{b0 & 0x07u} << 18 | char32_t{s[1] & 0x3Fu} << 12 | char32_t{s[2] & 0x3Fu} << 6 |
+           (s[3] & 0x3Fu);
+  }
+  return kNotValid;
+}
+
 // True when every byte is below 0x80 (such text is the same in every ASCII-compatible encoding).
 bool isAscii(std::string_view bytes) noexcept;
 

@@ -92,17 +92,57 @@ bool nearestOfShort(const Plain& p, int32_t places, Float& out) {
   return true;
 }
 
+// Copies `n` bytes, or fills `n` bytes with `byte`, inline: a field's digits and padding are a few bytes,
+// for which a call to memcpy or memset costs more than the bytes. Up to 16 bytes take two fixed-size moves
+// that overlap (so that every length is covered without a loop); longer runs go to the library.
+inline void copyBytes(uint8_t* to, const char* from, size_t n) noexcept {
+  const auto move = [&](size_t width) {
+    uint64_t head = 0, tail = 0;
+    std::memcpy(&head, from, width);
+    std::memcpy(&tail, from + n - width, width);
+    std::memcpy(to, &head, width);
+    std::memcpy(to + n - width, &tail, width);
+  };
+  if (n > 16) {
+    std::memcpy(to, from, n);
+  } else if (n >= 8) {
+    move(8);
+  } else if (n >= 4) {
+    move(4);
+  } else if (n > 0) {
+    to[0] = static_cast<uint8_t>(from[0]);
+    to[n / 2] = static_cast<uint8_t>(from[n / 2]);
+    to[n - 1] = static_cast<uint8_t>(from[n - 1]);
+  }
+}
+
+inline void fillBytes(uint8_t* to, uint8_t byte, size_t n) noexcept {
+  if (n > 16) {
+    std::memset(to, byte, n);
+  } else if (n >= 8) {
+    const uint64_t word = 0x0101010101010101ULL * byte;
+    std::memcpy(to, &word, 8);
+    std::memcpy(to + n - 8, &word, 8);
+  } else if (n >= 4) {
+    const uint32_t word = 0x01010101U * byte;
+    std::memcpy(to, &word, 4);
+    std::memcpy(to + n - 4, &word, 4);
+  } else if (n > 0) {
+    to[0] = to[n / 2] = to[n - 1] = byte;
+  }
+}
+
 // Writes a binary value's `width` bytes at `out`, then spaces to the end of the field (`length` bytes, at
 // least `width`): a field of just the value's width, the usual one, takes no call to memset.
 void putBinary(uint8_t* out, const void* value, size_t width, int32_t length) {
   std::memcpy(out, value, width);
   if (static_cast<size_t>(length) > width)
-    std::memset(out + width, kSpace, static_cast<size_t>(length) - width);
+    fillBytes(out + width, kSpace, static_cast<size_t>(length) - width);
 }
 
 // Copies `text` at `at` and gives the end.
 uint8_t* put(uint8_t* at, std::string_view text) {
-  if (!text.empty()) std::memcpy(at, text.data(), text.size());
+  copyBytes(at, text.data(), text.size());
   return at + text.size();
 }
 
@@ -260,7 +300,7 @@ bool FieldEncoder::encodeText(std::string_view value, uint8_t* out) {
     }
   }
   if (bytes.size() > static_cast<size_t>(m_length)) return false;
-  std::memset(put(out, bytes), kSpace, m_length - bytes.size());
+  fillBytes(put(out, bytes), kSpace, m_length - bytes.size());
   return true;
 }
 
@@ -284,7 +324,7 @@ bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
   const int64_t withPoint = (places > 0 ? length - places - 1 : length) - sign;
   const int64_t implied = length - places - sign;
   const auto zeros = [](uint8_t* at, int64_t n) {
-    std::memset(at, '0', static_cast<size_t>(n));
+    fillBytes(at, '0', static_cast<size_t>(n));
     return at + n;
   };
   uint8_t* at = out;
@@ -298,7 +338,7 @@ bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
       *at++ = '.';
       at = zeros(put(at, p.fraction), places - static_cast<int64_t>(p.fraction.size()));
     }
-    if (leftAligned) std::memset(at, kSpace, static_cast<size_t>(length - used));
+    if (leftAligned) fillBytes(at, kSpace, static_cast<size_t>(length - used));
     return true;
   }
   const int64_t compact = sign + std::max<int64_t>(digits, 1) + 1 + static_cast<int64_t>(p.fraction.size());
@@ -324,10 +364,13 @@ bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
   const std::string_view text = trimSpaces(value);
   const size_t from = !text.empty() && text[0] == '-' ? 1 : 0;
   if (text.size() <= from || text.size() - from > 18) return false;
-  for (size_t i = from; i < text.size(); ++i)
-    if (!isDigit(text[i])) return false;
+  // At most 18 digits: the value is read as they are checked, with no room to overflow.
   int64_t v = 0;
-  if (std::from_chars(text.data(), text.data() + text.size(), v).ec != std::errc()) return false;
+  for (size_t i = from; i < text.size(); ++i) {
+    if (!isDigit(text[i])) return false;
+    v = v * 10 + (text[i] - '0');
+  }
+  if (from == 1) v = -v;
   if (m_field->nDataType == kFieldInt16) {
     if (v < -32768 || v > 32767) return false;
     const auto narrow = static_cast<int16_t>(v);

@@ -533,8 +533,11 @@ struct TransactionProc::RecordPlan {
     value::FieldEncoder* encoder = nullptr;
   };
   std::vector<Slot> byPosition;
-  std::vector<uint8_t> given;  // by field index: whether the values give the field
-  std::string record;          // a request's record before it is packed
+  // By field index: the field and its encoder (of a plan that is direct, every field's).
+  std::vector<std::pair<const FieldInfo*, value::FieldEncoder*>> byIndex;
+  std::vector<value::FieldEncoder*> current;  // the encoder of each value of the record being written
+  std::vector<uint8_t> given;                 // by field index: whether the values give the field
+  std::string record;                         // a request's record before it is packed
   bool direct = false;
   bool made = false;  // worked out
 
@@ -569,6 +572,19 @@ struct TransactionProc::RecordPlan {
     return byPosition[k];
   }
 
+  // The encoder of the k-th value: by the field the caller found when that is one of the block's own, else
+  // by its name.
+  value::FieldEncoder& encoderAt(const KXBlockDataProc& proc, const RecordValueViews& values, size_t k) {
+    if (k < values.found.size()) {
+      const FieldInfo* field = values.found[k];
+      if (field != nullptr && field->nIndex >= 0 && static_cast<size_t>(field->nIndex) < byIndex.size()) {
+        const auto& [own, encoder] = byIndex[static_cast<size_t>(field->nIndex)];
+        if (own == field) return *encoder;
+      }
+    }
+    return *slotOf(proc, k, values.fields[k].first).encoder;
+  }
+
   static void put(const KXBlockDataProc& proc, uint8_t* rec, value::FieldEncoder& encoder, int64_t number,
                   std::string_view text) {
     std::string why;
@@ -578,24 +594,29 @@ struct TransactionProc::RecordPlan {
   }
 
   // Writes the values of record `number` into `rec`, which holds the defaults, in the order the processor
-  // would: the fields named, a refused 0 of a field left out, the values, the blanks, the attributes.
+  // would: the fields named, a refused 0 of a field left out, the values, the blanks, the attributes. Which
+  // fields are given matters only to a block with a refused 0, so only such a block marks them.
   void write(const KXBlockDataProc& proc, uint8_t* rec, const RecordValueViews& values, int64_t number,
              bool zeroBinary) {
-    std::fill(given.begin(), given.end(), uint8_t{0});
+    const bool marks = zeroBinary && !zeroRefusals.empty();
+    if (marks) std::fill(given.begin(), given.end(), uint8_t{0});
     const auto markGiven = [&](const FieldInfo& field) {
-      if (field.nIndex >= 0 && static_cast<size_t>(field.nIndex) < given.size())
+      if (marks && field.nIndex >= 0 && static_cast<size_t>(field.nIndex) < given.size())
         given[static_cast<size_t>(field.nIndex)] = 1;
     };
-    for (size_t k = 0; k < values.fields.size(); ++k)
-      markGiven(*slotOf(proc, k, values.fields[k].first).field);
+    current.resize(values.fields.size());
+    for (size_t k = 0; k < values.fields.size(); ++k) {
+      current[k] = &encoderAt(proc, values, k);
+      markGiven(current[k]->field());
+    }
     for (const std::string_view name : values.nulls)
       if (const FieldInfo& field = fieldOf(proc, name); blankWhenNull(field)) markGiven(field);
-    if (zeroBinary)
+    if (marks)
       for (const auto& [field, why] : zeroRefusals)
         if (given[static_cast<size_t>(field->nIndex)] == 0)
           throw Refusal{placeOf(proc, number, field->szFieldName) + ": " + why};
     for (size_t k = 0; k < values.fields.size(); ++k)
-      put(proc, rec, *byPosition[k].encoder, number, values.fields[k].second);
+      put(proc, rec, *current[k], number, values.fields[k].second);
     for (const std::string_view name : values.nulls) {
       const FieldInfo& field = fieldOf(proc, name);
       if (blankWhenNull(field)) put(proc, rec, encoderOf(proc, field), number, "");
@@ -663,6 +684,7 @@ TransactionProc::RecordPlan& TransactionProc::planFor(KXBlockDataProc& proc) {
     const int64_t end = int64_t{f.nDataPos} + f.nLength + (block.carriesAttr(f) ? 1 : 0);
     if (f.nIndex != j || f.nDataPos < 0 || f.nLength < 0 || end > size) return plan;
     value::FieldEncoder& encoder = plan.encoderOf(proc, f);
+    plan.byIndex.emplace_back(&f, &encoder);
     std::string why;
     if (zeroOverDefault(f) && !encoder.encode("0", RecordPlan::bytesOf(plan.defaults) + f.nDataPos, why))
       plan.zeroRefusals.emplace_back(&f, why);

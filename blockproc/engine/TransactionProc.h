@@ -47,6 +47,10 @@ struct RecordValueViews {
   std::span<const std::pair<std::string_view, std::string_view>> fields;
   std::span<const std::pair<std::string_view, uint8_t>> attrs = {};
   std::span<const std::string_view> nulls = {};
+  // When not empty, the field of each of `fields`, as the block's processor found it by name: a caller that
+  // has looked the names up already (to check them) spares the second lookup. A field that is not one of
+  // the block's own is looked up by name after all.
+  std::span<const FieldInfo* const> found = {};
 };
 
 // Whether a field given no value is written blank (a text or number field) rather than left at its default

@@ -76,12 +76,14 @@ class Encoder {
                     " belongs; give a block's records in order");
     checkCount(r, b, number);
     markGiven(r, b, number);
+    RecordValueViews values = r.values();
+    values.found = m_found;  // the fields markGiven found, not looked up again
     if (b.streams) {
       if (!m_headWritten) writeHead();
-      check(r, m_tran.appendRecord(m_out.text(), *b.proc, r.values(), number, m_input));
+      check(r, m_tran.appendRecord(m_out.text(), *b.proc, values, number, m_input));
       m_out.spill();
     } else {
-      check(r, m_tran.appendRecord(m_scratch, *b.proc, r.values(), number, m_input));
+      check(r, m_tran.appendRecord(m_scratch, *b.proc, values, number, m_input));
       m_scratch.clear();
       b.held.records.push_back(owned(r));
     }
@@ -215,9 +217,10 @@ class Encoder {
 
   // Notes the fields the record gives, refusing a field given twice or, with --strict, one left out. A field
   // given null counts as given when the engine writes it blank; one that keeps its default counts as left
-  // out.
+  // out. Keeps the field of each value in m_found.
   void markGiven(const InputRecord& r, Block& b, int64_t number) {
     ++m_seen;
+    m_found.resize(r.fields.size());
     for (const std::string_view name : r.nulls) {
       const FieldInfo* f = b.proc->findFieldInfo(name);
       if (f == nullptr) refuseUnknown(r, b, name);
@@ -227,6 +230,7 @@ class Encoder {
       const auto& [name, value] = r.fields[k];
       const FieldInfo* f = fieldAt(b, k, name);
       if (f == nullptr) refuseUnknown(r, b, name);
+      m_found[k] = f;
       // decode shows a password as the mask unless --show-secrets; the mask written back would become the
       // password.
       if (f->bPassword && value == kSecretMask) {
@@ -282,6 +286,7 @@ class Encoder {
   bool m_headWritten = false;
   int64_t m_seen = 0;
   std::string m_scratch;
+  std::vector<const FieldInfo*> m_found;  // the field of each value of the record being added
 };
 
 // The block a CSV input's rows belong to: the one --block names, else the side's only block.

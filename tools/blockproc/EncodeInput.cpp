@@ -71,6 +71,11 @@ int byteFromText(std::string_view text) {
   return byte.isNumber && !byte.clamped ? static_cast<int>(byte.value) : -1;
 }
 
+// Whether a value under `key` is a field's own, not an attribute byte or bytes shown as hexadecimal.
+bool namesFieldValue(std::string_view key) {
+  return !key.ends_with(kHexSuffix) && !key.ends_with(kAttrSuffix);
+}
+
 // Puts one value of the record in place: an attribute byte under "<field>@attr", else a field's value.
 // `number` says the value was a JSON number (an attribute byte is then decimal digits only), `null` a JSON
 // null. The views must stay valid until the record is taken.
@@ -424,6 +429,8 @@ void readMembers(JsonLexer& lex, InputRecord& r, bool keys) {
         refuse(lex.source().name(), r.line,
                "\"" + std::string(key) + "\" must be given once, as a record number");
       r.record = n.value;
+    } else if ((t == Token::String || t == Token::Number) && namesFieldValue(key)) {
+      r.fields.emplace_back(key, text);  // the usual member, without addValue's set-up for its refusals
     } else if (value) {
       addValue(r, lex.source(), key, t == Token::Literal ? std::string_view() : text, t == Token::Number,
                t == Token::Literal);
