@@ -252,7 +252,8 @@ class Memo {
  public:
   static constexpr size_t kBytes = 48;  // wider fields are not kept
   static constexpr int kBits = 10;
-  explicit Memo(size_t width) : m_width(width), m_on(width <= kBytes) {}
+  // A table for a field `width` bytes long, or none when not `wanted`.
+  Memo(size_t width, bool wanted) : m_width(width), m_on(wanted && width <= kBytes) {}
 
   bool on() const noexcept { return m_on; }
   // Copies the bytes kept for the key to `out` and gives true, or gives false.
@@ -314,9 +315,9 @@ class ColumnWriter {
         m_types(types),
         m_index(index),
         m_places(std::max(field.nDecimalLen, 0)),
-        m_memo(form == Form::Attr ? 1 : static_cast<size_t>(field.nLength)),
         m_layout(form == Form::Number ? m_encoder.scaledLayout(m_places)
-                                      : value::FieldEncoder::ScaledLayout{}) {
+                                      : value::FieldEncoder::ScaledLayout{}),
+        m_memo(form == Form::Attr ? 1 : static_cast<size_t>(field.nLength), !m_layout.on) {
     checkDtype();
   }
 
@@ -583,8 +584,10 @@ class ColumnWriter {
   int32_t m_places;
   uint8_t* m_out = nullptr;
   int64_t m_stride = 0;
+  // A number column's digits laid out without their text; a value is then made faster than it is looked up
+  // in the memo, which such a column does without.
+  value::FieldEncoder::ScaledLayout m_layout;
   Memo m_memo;
-  value::FieldEncoder::ScaledLayout m_layout;  // a number column's digits laid out without their text
   std::string m_text, m_why;
 };
 
