@@ -317,7 +317,8 @@ class ColumnWriter {
         m_places(std::max(field.nDecimalLen, 0)),
         m_layout(form == Form::Number ? m_encoder.scaledLayout(m_places)
                                       : value::FieldEncoder::ScaledLayout{}),
-        m_memo(form == Form::Attr ? 1 : static_cast<size_t>(field.nLength), !m_layout.on) {
+        m_memo(form == Form::Attr ? 1 : static_cast<size_t>(field.nLength),
+               !m_layout.on || (m_data.kind != 'i' && m_data.kind != 'u')) {
     checkDtype();
   }
 
@@ -584,8 +585,8 @@ class ColumnWriter {
   int32_t m_places;
   uint8_t* m_out = nullptr;
   int64_t m_stride = 0;
-  // A number column's digits laid out without their text; a value is then made faster than it is looked up
-  // in the memo, which such a column does without.
+  // A number column's digits laid out without their text; an integer is then made faster than it is looked
+  // up in the memo, which such a column of integers does without.
   value::FieldEncoder::ScaledLayout m_layout;
   Memo m_memo;
   std::string m_text, m_why;

@@ -285,7 +285,7 @@ class Text(str):
     """A str subclass: its characters are not held in the object's compact ASCII form."""
 
 
-@pytest.mark.parametrize("text", ["", "a", "abc", "abcd", "abcde", "ab ", "a  ", " ", "a\0", " ab", "가"])
+@pytest.mark.parametrize("text", ["", "a", "abc", "abcd", "abcde", "ab ", "a  ", " ", "a\0", "a\0b", " ab", "가"])
 def test_ascii_text_gives_the_bytes_of_the_general_way(text):
     definition = blockproc.load_definition(LAYOUTS)
     compact = pd.Series([text], dtype=object)
