@@ -110,6 +110,48 @@ TEST(FieldCodecBinary, ScaledWholeNumbersAsTheirText) {
   }
 }
 
+// A number column's layout, made once, writes what encode writes for the value's text whenever it takes the
+// value; and it takes the values of the fields a reply carries (the point shown or implied, a field too
+// short for its point).
+TEST(FieldCodecBinary, ScaledLayoutWritesWhatTheTextWrites) {
+  int64_t taken = 0;
+  for (const FieldInfo& field : shapes()) {
+    FieldEncoder encoder(field, kTextEncodingCP949);
+    const FieldEncoder::ScaledLayout layout = encoder.scaledLayout(field.nDecimalLen);
+    for (int64_t value : wholeNumbers()) {
+      const Outcome got = run(
+          field, [&](uint8_t* out, std::string&) { return FieldEncoder::writeScaled(layout, value, out); });
+      if (!got.ok) continue;
+      ++taken;
+      const std::string shown = scaledText(value, field.nDecimalLen);
+      const Outcome want =
+          run(field, [&](uint8_t* out, std::string& why) { return encoder.encode(shown, out, why); });
+      ASSERT_EQ(got, want) << shown << " in a " << field.nLength << "-byte field of type " << field.nDataType
+                           << " with " << field.nDecimalLen << " places"
+                           << (field.bImpliedPoint ? ", implied" : "");
+    }
+  }
+  EXPECT_GT(taken, 5000);
+  const struct {
+    FieldInfo field;
+    int64_t value;
+    const char* bytes;
+  } cases[] = {
+      {fieldOf(kFieldNumText, 6, 2), -2999, "-29.99"},
+      {fieldOf(kFieldNumText, 10, 2), 5, "0000000.05"},
+      {fieldOf(kFieldNumText, 4, 3), 1898, "1898"},
+      {fieldOf(kFieldNumText, 8, 2, true), -7, "-0000007"},
+      {fieldOf(kFieldNumText, 16, 3), -12, "-00000000000.012"},
+  };
+  for (const auto& c : cases) {
+    FieldEncoder encoder(c.field, kTextEncodingCP949);
+    const Outcome got = run(c.field, [&](uint8_t* out, std::string&) {
+      return FieldEncoder::writeScaled(encoder.scaledLayout(c.field.nDecimalLen), c.value, out);
+    });
+    EXPECT_EQ(got.bytes, c.bytes) << c.value;
+  }
+}
+
 TEST(FieldCodecBinary, ScaledLaysOutTheFormsAReplyCarries) {
   const struct {
     FieldInfo field;

@@ -10,6 +10,8 @@
 
 namespace blockproc::num {
 
+using digits::putDigits;
+
 float narrowToFloat(double value) noexcept {
   // Values up to half an ulp above FLT_MAX still round to FLT_MAX.
   constexpr double kLimit = static_cast<double>(std::numeric_limits<float>::max()) + 0x1p103;
@@ -29,58 +31,6 @@ int decimalLength(uint64_t v) noexcept {
   return guess + ((v | 1) >= kPowersOfTen[static_cast<size_t>(guess)] ? 1 : 0);
 }
 
-// Digits in a register. The 8 digits of v < 10^8 are made in one 64-bit word, its first byte the first
-// digit: v splits into two 4-digit halves in 32-bit lanes, each lane into two 2-digit quarters in 16-bit
-// lanes, each of those into two digits in bytes. A lane is divided by a multiply and a shift that are exact
-// for the lane's range (x * 10486 >> 20 is x / 100 below 10^4, x * 103 >> 10 is x / 10 below 100); what the
-// multiply carries into the lane below lands above the mask. One 8-byte store then writes the digits.
-//
-// Digits written a pair at a time from a table into a stack buffer and then appended came back through a
-// load that could not be forwarded from the small stores before it, where the quote record's four binary
-// numbers spent a quarter of the record (BM_ReadInt64, BM_RecordByRecordRead).
-uint64_t eightDigits(uint64_t v) noexcept {
-  const auto v32 = static_cast<uint32_t>(v);  // below 10^8: a 32-bit division is one multiply
-  uint64_t x = (v32 / 10000) | (uint64_t{v32 % 10000} << 32);
-  const uint64_t hundreds = ((x * 10486) >> 20) & 0x0000007F0000007Full;
-  x = hundreds | ((x - hundreds * 100) << 16);
-  const uint64_t tens = ((x * 103) >> 10) & 0x000F000F000F000Full;
-  x = tens | ((x - tens * 10) << 8);
-  return x | 0x3030303030303030ull;
-}
-
-// The 4 digits of v < 10^4 the same way, in the low four bytes: half the steps of eightDigits.
-uint64_t fourDigits(uint64_t v) noexcept {
-  const auto v32 = static_cast<uint32_t>(v);
-  uint64_t x = (v32 / 100) | (uint64_t{v32 % 100} << 16);
-  const uint64_t tens = ((x * 103) >> 10) & 0x000F000Full;
-  x = tens | ((x - tens * 10) << 8);
-  return x | 0x30303030ull;
-}
-
-void store8(char* dst, uint64_t word) noexcept {
-  std::memcpy(dst, &word, 8);
-}
-
-// Writes exactly `width` digits (1 to 20) of v < 10^width, zero-filled, at dst and gives their end; the
-// bytes up to dst + 8 may change.
-[[gnu::always_inline]] inline char* putDigits(char* dst, uint64_t v, int width) noexcept {
-  constexpr uint64_t k8 = 100'000'000;
-  if (width <= 4) {
-    store8(dst, fourDigits(v) >> (8 * (4 - width)));
-  } else if (width <= 8) {
-    store8(dst, eightDigits(v) >> (8 * (8 - width)));
-  } else if (width <= 16) {
-    store8(dst, eightDigits(v / k8) >> (8 * (16 - width)));
-    store8(dst + width - 8, eightDigits(v % k8));
-  } else {
-    const uint64_t high = v / k8;
-    store8(dst, eightDigits(high / k8) >> (8 * (24 - width)));  // below 10^4
-    store8(dst + width - 16, eightDigits(high % k8));
-    store8(dst + width - 8, eightDigits(v % k8));
-  }
-  return dst + width;
-}
-
 uint64_t magnitude(int64_t value) noexcept {
   return value < 0 ? uint64_t{0} - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
 }
@@ -92,10 +42,6 @@ char* writeInt(char* dst, int64_t value) noexcept {
   dst += value < 0 ? 1 : 0;  // no branch on the sign, which is as good as random in a column of changes
   const uint64_t m = magnitude(value);
   return putDigits(dst, m, decimalLength(m));
-}
-
-char* writeZeroPadded(char* dst, uint64_t value, int32_t width) noexcept {
-  return putDigits(dst, value, width);  // the digits a width holds beyond the value's are its leading zeros
 }
 
 void appendInt(std::string& out, int64_t value) {

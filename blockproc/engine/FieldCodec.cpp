@@ -432,6 +432,30 @@ namespace {
 constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                    1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
+template <typename Word>
+void store(uint8_t* to, Word word) noexcept {
+  std::memcpy(to, &word, sizeof word);
+}
+
+// The bytes of `field` (first byte lowest) with a '.' put in at bit `shift`, the bytes from there one up.
+template <typename Word>
+Word withPoint(Word field, int32_t shift) noexcept {
+  const Word head = field & ((Word{1} << shift) - 1);
+  return head | (Word{'.'} << shift) | ((field >> shift) << (shift + 8));
+}
+
+// The first n bytes (1 to 8) of `field`, first byte lowest, by one or two fixed-size stores.
+void storeShort(uint8_t* to, uint64_t field, size_t n) noexcept {
+  if (n == 8) {
+    store<uint64_t>(to, field);
+  } else if (n >= 4) {
+    store<uint32_t>(to, static_cast<uint32_t>(field));
+    store<uint32_t>(to + n - 4, static_cast<uint32_t>(field >> (8 * (n - 4))));
+  } else {
+    for (size_t i = 0; i < n; ++i) to[i] = static_cast<uint8_t>(field >> (8 * i));
+  }
+}
+
 // Copies n bytes (0 to 32) by two fixed-size copies that overlap, which compile to a few moves where a copy
 // of any size is a library call.
 void copyShort(uint8_t* to, const char* from, size_t n) noexcept {
@@ -526,6 +550,98 @@ bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
   num::writeZeroPadded(padded, magnitude, length - sign);
   if (negative) out[0] = '-';
   copyShort(out + sign, padded, static_cast<size_t>(length - sign));
+  return true;
+}
+
+// The layouts writeRightAligned takes without the value's text, for each sign, in a field of up to 16 bytes:
+// the digits zero-filled after the sign with the point (unless implied) before the last `places` of them,
+// for the magnitudes with no more digits than that holds. A field with no room for that and its point
+// shown writes every digit after the sign when even the point with only the places that are not zero has
+// no room: a range of digit counts, taken here for values whose last digit is not 0 (a 0 there is not a
+// place that is not zero).
+FieldEncoder::ScaledLayout FieldEncoder::scaledLayout(int32_t places) const noexcept {
+  ScaledLayout layout;
+  if (m_kind != Kind::Number || places != m_places || m_field->nDataType != kFieldNumText || m_length > 16)
+    return layout;
+  const bool implied = places == 0 || m_field->bImpliedPoint;
+  layout.places = places;
+  layout.length = m_length;
+  for (const int32_t sign : {0, 1}) {
+    ScaledLayout::Form& form = layout.form[sign];
+    const int32_t room = implied ? m_length - sign : m_length - places - 1 - sign;
+    const int32_t width = implied ? room : room + places;
+    if (room >= 1 && width <= 20 && (!implied || m_length - places - sign >= 0)) {
+      form = {
+          !implied,
+          false,
+          room,
+          width,
+          0,
+          width >= 20 ? std::numeric_limits<uint64_t>::max() : num::kPowersOfTen[static_cast<size_t>(width)]};
+      layout.on = true;
+      continue;
+    }
+    if (implied || m_length - sign < 1) continue;
+    int32_t first = 0, last = 0;  // the digit counts written as every digit
+    for (int32_t count = 1; count <= m_length - sign; ++count) {
+      const int32_t integer = std::max(count - places, 0), significant = std::min(count, places);
+      if (sign + std::max(integer, 1) + 1 + significant <= m_length || integer > m_length - places - sign) {
+        if (first != 0) break;
+        continue;
+      }
+      first = first == 0 ? count : first;
+      last = count;
+    }
+    if (first == 0) continue;
+    form = {false,
+            true,
+            m_length - sign,
+            m_length - sign,
+            num::kPowersOfTen[static_cast<size_t>(first - 1)],
+            num::kPowersOfTen[static_cast<size_t>(last)]};
+    layout.on = true;
+  }
+  return layout;
+}
+
+// The field's bytes made in registers, its first byte lowest, from the SWAR digit writer's words: the
+// zero-filled digits, the fraction shifted one byte up for the point, the whole shifted one byte up for a
+// '-'; then stored as fixed-size words (overlapping where the field is not a word long). A field of up to 8
+// bytes is one 64-bit word; a longer one with its point implied is its first bytes then its last 8 digits,
+// stored in that order, the second store overwriting what the first wrote past them; any other one 128
+// bits. Digits stored to memory and read back as the field stalled on every value: a load that spans
+// several smaller stores is not forwarded from them.
+bool FieldEncoder::writeScaled(const ScaledLayout& layout, int64_t value, uint8_t* out) noexcept {
+  constexpr uint64_t k8 = 100'000'000;
+  const unsigned sign = value < 0 ? 1 : 0;
+  const uint64_t magnitude = sign != 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  const ScaledLayout::Form& form = layout.form[sign];
+  if (magnitude < form.lowest || magnitude >= form.below || (form.lastNotZero && magnitude % 10 == 0))
+    return false;
+  const int32_t width = form.width;
+  const auto length = static_cast<size_t>(layout.length);
+  if (length <= 8) {
+    uint64_t field = num::digits::eightDigits(magnitude) >> (8 * (8 - width));
+    if (form.point) field = withPoint(field, 8 * form.room);
+    field = (field << (8 * sign)) | (uint64_t{sign} * '-');
+    storeShort(out, field, length);
+    return true;
+  }
+  if (!form.point) {
+    const uint64_t high = num::digits::eightDigits(magnitude / k8);
+    const uint64_t first = width > 8 ? high >> (8 * (16 - width)) : 0;
+    store<uint64_t>(out, (first << (8 * sign)) | (uint64_t{sign} * '-'));
+    store<uint64_t>(out + length - 8, num::digits::eightDigits(magnitude % k8));
+    return true;
+  }
+  __extension__ typedef unsigned __int128 u128;
+  u128 field = (u128{num::digits::eightDigits(magnitude / k8)} |
+                (u128{num::digits::eightDigits(magnitude % k8)} << 64)) >>
+               (8 * (16 - width));
+  field = withPoint(field, 8 * form.room);
+  field = (field << (8 * sign)) | (u128{sign} * '-');
+  store<uint64_t>(out, static_cast<uint64_t>(field));
+  store<uint64_t>(out + length - 8, static_cast<uint64_t>(field >> (8 * (length - 8))));
   return true;
 }
 

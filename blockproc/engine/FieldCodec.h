@@ -14,6 +14,7 @@
 // prepareValue, the writer's layout, the read-back.
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -45,6 +46,37 @@ class FieldEncoder {
   // ("nan" and "inf" are refused).
   bool encodeReal(double value, uint8_t* out, std::string& why);
 
+  // ASCII text (every byte below 0x80, known to the caller): writes what encode writes, its bytes then
+  // spaces, and gives true; false when the field or the value takes another way (encode then gives the
+  // bytes or the refusal). Nothing is converted: ASCII is the same bytes in every encoding.
+  bool encodeAscii(std::string_view ascii, uint8_t* out) const noexcept {
+    const auto length = static_cast<size_t>(m_length);
+    if (m_kind != Kind::Text || ascii.size() > length ||
+        (!ascii.empty() && (ascii.back() == ' ' || ascii.back() == '\0')))
+      return false;
+    std::memcpy(out, ascii.data(), ascii.size());
+    std::memset(out + ascii.size(), ' ', length - ascii.size());
+    return true;
+  }
+  // How a number field of up to 16 bytes lays out value * 10^-places when the digits fill it whole, made
+  // once for a column of values.
+  struct ScaledLayout {
+    struct Form {
+      bool point = false;              // a point before the last `places` digits (else every digit)
+      bool lastNotZero = false;        // only for magnitudes whose last digit is not 0
+      int32_t room = 0, width = 0;     // digits before the point, digits in all
+      uint64_t lowest = 0, below = 0;  // the magnitudes that take it: lowest <= m < below
+    };
+    bool on = false;  // whether any value takes it
+    int32_t places = 0, length = 0;
+    Form form[2];  // of a value of zero or more, of a negative one ('-' first)
+  };
+  // The layout encodeScaled writes value * 10^-places in when the value fits; `on` false when it has none
+  // for this field and count of places.
+  ScaledLayout scaledLayout(int32_t places) const noexcept;
+  // Writes what encodeScaled writes for the value and gives true when its digits fit the layout; gives
+  // false, with `out` not to be used, when they do not (encodeScaled then takes it).
+  static bool writeScaled(const ScaledLayout& layout, int64_t value, uint8_t* out) noexcept;
   const FieldInfo& field() const noexcept { return *m_field; }
 
  private:

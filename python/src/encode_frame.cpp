@@ -252,7 +252,8 @@ class Memo {
  public:
   static constexpr size_t kBytes = 48;  // wider fields are not kept
   static constexpr int kBits = 10;
-  explicit Memo(size_t width) : m_width(width), m_on(width <= kBytes) {}
+  // A table for a field `width` bytes long, or none when not `wanted`.
+  Memo(size_t width, bool wanted) : m_width(width), m_on(wanted && width <= kBytes) {}
 
   bool on() const noexcept { return m_on; }
   // Copies the bytes kept for the key to `out` and gives true, or gives false.
@@ -314,7 +315,10 @@ class ColumnWriter {
         m_types(types),
         m_index(index),
         m_places(std::max(field.nDecimalLen, 0)),
-        m_memo(form == Form::Attr ? 1 : static_cast<size_t>(field.nLength)) {
+        m_layout(form == Form::Number ? m_encoder.scaledLayout(m_places)
+                                      : value::FieldEncoder::ScaledLayout{}),
+        m_memo(form == Form::Attr ? 1 : static_cast<size_t>(field.nLength),
+               !m_layout.on || (m_data.kind != 'i' && m_data.kind != 'u')) {
     checkDtype();
   }
 
@@ -378,9 +382,11 @@ class ColumnWriter {
       } else if (m_memo.on()) {
         memoised(
             r, [&] { return m_data.bits(r); }, [&] { integerItem(r); });
-      } else if (!m_encoder.encodeScaled(ColumnData::load<Int>(m_data.data + r * m_data.stride), places,
-                                         at(r), m_why)) {
-        fail(r, m_why);
+      } else {
+        const int64_t value = ColumnData::load<Int>(m_data.data + r * m_data.stride);
+        if ((!m_layout.on || !value::FieldEncoder::writeScaled(m_layout, value, at(r))) &&
+            !m_encoder.encodeScaled(value, places, at(r), m_why))
+          fail(r, m_why);
       }
     }
   }
@@ -446,6 +452,9 @@ class ColumnWriter {
     if (m_form == Form::Attr) return attrByte(row, negative, magnitude);
     if (magnitude <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
       const int64_t value = negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
+      if (m_layout.on && places == m_layout.places &&
+          value::FieldEncoder::writeScaled(m_layout, value, at(row)))
+        return;
       if (!m_encoder.encodeScaled(value, places, at(row), m_why)) fail(row, m_why);
       return;
     }
@@ -481,9 +490,12 @@ class ColumnWriter {
     if (o == nullptr) fail(row, "the object array holds no object", true);
     if (PyUnicode_Check(o)) {
       if (m_form != Form::Text) wrongItem(row, o);
-      if (PyUnicode_IS_COMPACT_ASCII(o))  // its characters are its UTF-8, inside the object
-        return put(row, std::string_view(static_cast<const char*>(PyUnicode_DATA(o)),
-                                         static_cast<size_t>(PyUnicode_GET_LENGTH(o))));
+      if (PyUnicode_IS_COMPACT_ASCII(o)) {  // its characters are its bytes in any encoding, inside the object
+        const std::string_view ascii(static_cast<const char*>(PyUnicode_DATA(o)),
+                                     static_cast<size_t>(PyUnicode_GET_LENGTH(o)));
+        if (!m_encoder.encodeAscii(ascii, at(row))) put(row, ascii);
+        return;
+      }
       Py_ssize_t size = 0;
       const char* utf8 = PyUnicode_AsUTF8AndSize(o, &size);
       if (utf8 == nullptr) {
@@ -573,6 +585,9 @@ class ColumnWriter {
   int32_t m_places;
   uint8_t* m_out = nullptr;
   int64_t m_stride = 0;
+  // A number column's digits laid out without their text; an integer is then made faster than it is looked
+  // up in the memo, which such a column of integers does without.
+  value::FieldEncoder::ScaledLayout m_layout;
   Memo m_memo;
   std::string m_text, m_why;
 };

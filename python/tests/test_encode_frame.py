@@ -219,3 +219,78 @@ def test_numbers_are_read_as_their_base_type_says(every_type):
     frame["qty"] = [Wide(10**20), 1]
     with pytest.raises(ValueError, match="'100000000000000000000' has 21 digits"):
         blockproc.encode_frame(every_type, frame, "Rows")
+
+
+# One field a block, each number field a way of laying out its digits: the point shown, implied, no places,
+# longer than a word, and too short for its point (every digit written when even the places that are not
+# zero have no room).
+LAYOUTS = """<transaction code="T3">
+  <output>
+    <block name="Text"><field name="v" type="text" length="4"/></block>
+    <block name="Rate"><field name="v" type="number" length="6" decimals="2"/></block>
+    <block name="Change"><field name="v" type="number" length="8" decimals="2" point="implied"/></block>
+    <block name="Volume"><field name="v" type="number" length="10"/></block>
+    <block name="Nine"><field name="v" type="number" length="9"/></block>
+    <block name="Wide"><field name="v" type="number" length="14" decimals="3"/></block>
+    <block name="Ticks"><field name="v" type="number" length="4" decimals="3"/></block>
+    <block name="Short"><field name="v" type="number" length="3" decimals="1" point="implied"/></block>
+  </output>
+</transaction>"""
+
+
+def bytes_or_refusal(definition, block, column):
+    try:
+        return blockproc.encode_frame(definition, pd.DataFrame({"v": column}), block, stream=True)
+    except ValueError as refused:
+        return str(refused)
+
+
+def edge_values(length):
+    """0, 1 and 9 at every count of digits up to one more than the field holds, one below each power of ten
+    and the power itself, a last digit of 0 and not, each with both signs."""
+    values = {0, 1, -1}
+    for digits in range(1, length + 2):
+        values |= {10**digits - 1, 10**digits, 10**(digits - 1) + 1, 7 * 10**(digits - 1), 123456789 % 10**digits}
+    return sorted(values | {-v for v in values})
+
+
+@pytest.mark.parametrize("block", ["Rate", "Change", "Volume", "Nine", "Wide", "Ticks", "Short"])
+def test_scaled_integers_give_the_bytes_of_their_decimals(block):
+    # An Int64 column is laid out digit by digit without its text; the same values as Decimal objects go the
+    # text way. Every value gives the same bytes or the same refusal both ways.
+    definition = blockproc.load_definition(LAYOUTS)
+    places = blockproc.scales(definition, block)["v"]
+    for value in edge_values({"Rate": 6, "Change": 8, "Volume": 10, "Nine": 9, "Wide": 14, "Ticks": 4,
+                              "Short": 3}[block]):
+        scaled = pd.array([value], dtype="Int64")
+        decimal_form = pd.Series([D(value).scaleb(-places)], dtype=object)
+        assert bytes_or_refusal(definition, block, scaled) == bytes_or_refusal(definition, block, decimal_form), value
+
+
+def test_scaled_integers_at_the_edges_of_their_layouts():
+    definition = blockproc.load_definition(LAYOUTS)
+    for block, values, want in [
+        ("Rate", [99999, -9999, 0, -5], b"999.99-99.99000.00-00.05"),
+        ("Change", [9999999, -999999, 12], b"09999999-099999900000012"),
+        ("Volume", [9999999999, -999999999, 0], b"9999999999-9999999990000000000"),
+        ("Nine", [-99999999, 123], b"-99999999000000123"),
+        ("Wide", [-999999999999, 1], b"-999999999.9990000000000.001"),
+        ("Ticks", [1898, 999], b"18980999"),
+    ]:
+        assert blockproc.encode_frame(definition, pd.DataFrame({"v": pd.array(values, dtype="Int64")}), block,
+                                      stream=True) == want, block
+
+
+class Text(str):
+    """A str subclass: its characters are not held in the object's compact ASCII form."""
+
+
+@pytest.mark.parametrize("text", ["", "a", "abc", "abcd", "abcde", "ab ", "a  ", " ", "a\0", "a\0b", " ab", "가"])
+def test_ascii_text_gives_the_bytes_of_the_general_way(text):
+    definition = blockproc.load_definition(LAYOUTS)
+    compact = pd.Series([text], dtype=object)
+    general = pd.Series([Text(text)], dtype=object)
+    assert bytes_or_refusal(definition, "Text", compact) == bytes_or_refusal(definition, "Text", general)
+    if len(text) <= 4 and not text.endswith((" ", "\0")) and text.isascii():
+        assert blockproc.encode_frame(definition, pd.DataFrame({"v": compact}), "Text", stream=True) == \
+            text.encode().ljust(4)
