@@ -83,6 +83,8 @@ measure "decode --format csv --jobs 2 (24 MB)" "$small/quotes.bin" decode "$smal
   "$small/quotes.bin" --format csv --jobs 2
 measure "decode --format csv (1 GB)" "$large/quotes.bin" decode "$large/quotes.xml" "$large/quotes.bin" \
   --format csv
+measure "decode --format csv --jobs 2 (1 GB)" "$large/quotes.bin" decode "$large/quotes.xml" \
+  "$large/quotes.bin" --format csv --jobs 2
 for format in csv jsonl json table long; do
   measure "realtime --format $format (1 GB)" "$large/quotes.bin" realtime "$large/quotes.xml" \
     "$large/quotes.bin" --block OutBlock1 --format "$format"
