@@ -17,14 +17,12 @@
 #include "blockproc/codec/TextEncoding.h"
 #include "blockproc/engine/FieldCodec.h"
 
+#include "TestBlocks.h"
+
 namespace blockproc::value {
 namespace {
 
-FieldInfo fieldOf(int32_t type, int32_t length, int32_t decimals = 0, bool implied = false) {
-  FieldInfo field("f", type, length, decimals);
-  field.bImpliedPoint = implied;
-  return field;
-}
+using testing::fieldOf;
 
 struct Outcome {
   bool ok = false;

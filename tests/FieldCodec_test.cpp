@@ -18,14 +18,12 @@
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/engine/FieldValue.h"
 
+#include "TestBlocks.h"
+
 namespace blockproc::value {
 namespace {
 
-FieldInfo fieldOf(int32_t type, int32_t length, int32_t decimals = 0, bool implied = false) {
-  FieldInfo field("f", type, length, decimals);
-  field.bImpliedPoint = implied;
-  return field;
-}
+using testing::fieldOf;
 
 template <typename T>
 std::string bytesOf(T value, size_t length = sizeof(T)) {

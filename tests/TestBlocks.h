@@ -10,6 +10,13 @@
 
 namespace blockproc::testing {
 
+// A field "f" of the type, length and decimals at position 0, its point left out when `implied`.
+inline FieldInfo fieldOf(int32_t type, int32_t length, int32_t decimals = 0, bool implied = false) {
+  FieldInfo field("f", type, length, decimals);
+  field.bImpliedPoint = implied;
+  return field;
+}
+
 // The bytes [offset, offset + length) of the processor's record buffer as a string.
 inline std::string bufferBytes(const KXBlockDataProc& proc, int64_t offset, int64_t length) {
   if (proc.getData() == nullptr || offset < 0 || offset + length > proc.getBlockBuffSize())

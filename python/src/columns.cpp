@@ -169,24 +169,6 @@ PyObject* newStr(std::string_view utf8) {
   return PyUnicode_DecodeUTF8(utf8.data(), static_cast<Py_ssize_t>(utf8.size()), "strict");
 }
 
-ColumnKind kindOf(const FieldInfo& field) {
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      return value::valueKind(field) == value::ValueKind::Text ? ColumnKind::Text : ColumnKind::Scaled;
-    case kFieldInt16:
-      return ColumnKind::Int16;
-    case kFieldInt64:
-    case kFieldSInt64:
-      return ColumnKind::Int64;
-    case kFieldFloat:
-    case kFieldDouble:
-      return ColumnKind::Real;
-    default:
-      throw py::value_error("field type " + std::to_string(field.nDataType) + " has no column form");
-  }
-}
-
 // Raises ValueError when the field (with its attribute byte) does not lie inside the record.
 void checkInside(const BlockInfo& block, const FieldInfo& field, int64_t stride) {
   const int64_t end = int64_t{field.nDataPos} + field.nLength + (block.carriesAttr(field) ? 1 : 0);
@@ -421,6 +403,25 @@ py::array attrColumn(const FieldAt& at, int64_t count) {
 
 }  // namespace
 
+ColumnKind columnKindOf(const BlockInfo& block, const FieldInfo& field) {
+  switch (field.nDataType) {
+    case kFieldText:
+    case kFieldNumText:
+      return value::valueKind(field) == value::ValueKind::Text ? ColumnKind::Text : ColumnKind::Scaled;
+    case kFieldInt16:
+      return ColumnKind::Int16;
+    case kFieldInt64:
+    case kFieldSInt64:
+      return ColumnKind::Int64;
+    case kFieldFloat:
+    case kFieldDouble:
+      return ColumnKind::Real;
+    default:
+      throw py::value_error("block " + block.m_szBlockName + ", field " + field.szFieldName +
+                            ": field type " + std::to_string(field.nDataType) + " has no column form");
+  }
+}
+
 py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,
                        int64_t stride, const RecordSource& source, Numbers numbers) {
   py::list columns;
@@ -430,7 +431,7 @@ py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t*
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
     checkInside(block, field, stride);
     const FieldAt at{block, field, source, view, value::FieldDecoder(field, encoding)};
-    ColumnKind kind = kindOf(field);
+    ColumnKind kind = columnKindOf(block, field);
     const int32_t places =
         kind == ColumnKind::Scaled || kind == ColumnKind::Real ? std::max(field.nDecimalLen, 0) : 0;
     py::object mask = py::none();
@@ -475,7 +476,7 @@ py::dict scaledFields(const BlockInfo& block) {
   py::dict scales;
   for (int32_t j = 0; j < block.getFieldCount(); ++j) {
     const FieldInfo& field = *block.getFieldInfoFromIndex(j);
-    if (kindOf(field) == ColumnKind::Scaled)
+    if (columnKindOf(block, field) == ColumnKind::Scaled)
       scales[py::str(field.szFieldName)] = std::max(field.nDecimalLen, 0);
   }
   return scales;

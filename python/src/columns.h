@@ -49,6 +49,10 @@ struct RecordSource {
   int64_t firstRecord = 0;  // number of the first record in that source (a piece of a stream starts past 0)
 };
 
+// The column form of a field's values (Text, Int16, Int64, Scaled or Real), the one place a column's form is
+// chosen from the field's data type; ValueError naming the block and field for a type that has none.
+ColumnKind columnKindOf(const BlockInfo& block, const FieldInfo& field);
+
 // The columns of `count` records of `stride` bytes at `records`, as a list of tuples
 // (name, kind, scale, values, mask or None). `encoding` decodes text fields.
 py::list decodeColumns(const BlockInfo& block, uint32_t encoding, const uint8_t* records, int64_t count,

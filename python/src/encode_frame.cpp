@@ -26,8 +26,10 @@
 
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/detail/Internal.h"
+#include "blockproc/detail/NumberFormat.h"
 #include "blockproc/engine/FieldCodec.h"
 #include "blockproc/engine/FieldValue.h"
+#include "columns.h"
 #include "common.h"
 #include "definition.h"
 
@@ -41,25 +43,17 @@ using internal::withThousands;
 // The form of a field's column.
 enum class Form { Text, Integer, Number, Real, Attr };
 
-// 10^k as doubles, each exact.
-constexpr double kExactPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
-                                   1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-
+// The form a field's column takes in a frame, from the column form decoding gives it.
 Form formOf(const BlockInfo& block, const FieldInfo& field) {
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      return value::valueKind(field) == value::ValueKind::Text ? Form::Text : Form::Number;
-    case kFieldInt16:
-    case kFieldInt64:
-    case kFieldSInt64:
-      return Form::Integer;
-    case kFieldFloat:
-    case kFieldDouble:
+  switch (columnKindOf(block, field)) {
+    case ColumnKind::Text:
+      return Form::Text;
+    case ColumnKind::Scaled:
+      return Form::Number;
+    case ColumnKind::Real:
       return Form::Real;
     default:
-      throw py::value_error("block " + block.m_szBlockName + ", field " + field.szFieldName +
-                            ": field type " + std::to_string(field.nDataType) + " has no column form");
+      return Form::Integer;
   }
 }
 
@@ -132,7 +126,7 @@ bool standsForOneDecimal(double x, int32_t places) {
   if (places < 0 || places > 22) return false;
   const double magnitude = std::fabs(x);
   const double spacing = std::nextafter(magnitude, std::numeric_limits<double>::infinity()) - magnitude;
-  return spacing * kExactPowers[places] < 1.0;
+  return spacing * num::kExactPowersOfTen[static_cast<size_t>(places)] < 1.0;
 }
 
 // One column of the frame: a one-dimensional numpy array read in place at its stride, and the mask of a
