@@ -20,8 +20,8 @@ cmake --build "$build" -j "$(nproc)" --target blockproc_cli make_quote_capture "
 export TSAN_OPTIONS="halt_on_error=1 exitcode=66 second_deadlock_stack=1"
 for t in "${tests[@]}"; do "$build/tests/$t" --gtest_brief=1; done
 
-# The tool's --jobs path on a generated capture: 30,000 records, read in 64 KiB rounds so that every round
-# runs three decoding threads.
+# The tool's --jobs path on a generated capture: 30,000 records in pieces of about 21 KiB, so that the three
+# decoding threads go round their ring of pieces many times.
 capture=$(mktemp -d)
 trap 'rm -rf "$capture"' EXIT
 "$build/bench/make_quote_capture" "$capture" 30000 >/dev/null

@@ -332,7 +332,9 @@ TEST(BlockprocCli, ChecksWhatItReadsAndWrites) {
       "blockproc: CSV holds one block, and the reply has 2; pick one with --block, or give --output-dir "
       "DIR for one file per block\n");
   // A failed write of the output is an error.
-  for (const std::string& args : {kDecode, "hexdump " + kDef + " " + kReply, "inspect " + kDef}) {
+  for (const std::string& args :
+       {kDecode, "hexdump " + kDef + " " + kReply, "inspect " + kDef,
+        "realtime " + kDef + " examples/current_price.stream --block OutBlock1 --jobs 2 --chunk-bytes 200"}) {
     const std::string err = tempPath("err");
     const std::string command =
         "cd '" + kSource + "' && '" BLOCKPROC_CLI_PATH "' " + args + " >/dev/full 2>'" + err + "'";

@@ -59,9 +59,12 @@ TEST(BlockprocStream, ReadsInPiecesWhatItReadsWhole) {
       EXPECT_EQ(pieces.out, whole.out) << format << piece;
     }
     // From a pipe the size is not known ahead: a table gives the record count after the records instead.
-    const Outcome piped = run("decode '" + c.def + "' - --format " + format + " --chunk-bytes 1000", c.reply);
-    if (!format.starts_with("table")) {
-      EXPECT_EQ(piped.out, whole.out) << format;
+    for (const char* jobs : {"", " --jobs 2"}) {
+      const Outcome piped =
+          run("decode '" + c.def + "' - --format " + format + " --chunk-bytes 1000" + jobs, c.reply);
+      if (!format.starts_with("table")) {
+        EXPECT_EQ(piped.out, whole.out) << format << jobs;
+      }
     }
     const std::string realtime =
         "realtime '" + c.def + "' '" + c.reply + "' --block OutBlock1 --format " + format;
@@ -111,32 +114,38 @@ TEST(BlockprocStream, WritesTheRecordsBeforeWhatIsWrongWithTheEnd) {
   // A truncated last record.
   const std::string truncated = writeTemp("truncated.bin", c.records + "xyz");
   for (const std::string& source : {"'" + truncated + "'", std::string("-")}) {
-    const Outcome r = run("decode '" + c.def + "' " + source + " --format csv --chunk-bytes 1000",
-                          source == "-" ? truncated : "");
-    EXPECT_EQ(r.code, 1) << source;
-    EXPECT_EQ(r.out, csv) << source;
-    // From a file, whose size is known, the cut is said before the records; a pipe's only after them.
-    const std::string name = source == "-" ? "standard input" : truncated;
-    const std::string notWhole =
-        "blockproc: " + name +
-        ": block OutBlock1 takes the rest of the reply, 36,003 bytes, which is not a "
-        "whole number of 120-byte records";
-    const std::string early = notWhole +
-                              "\n  likeliest: the data is cut short 3 bytes into a record (99.9% of sampled "
-                              "values read cleanly with it)\n  (blockproc check " +
-                              c.def + " " + truncated + " --block OutBlock1 shows the evidence)\n" +
-                              "  (its whole records follow)\n";
-    EXPECT_EQ(r.err, (source == "-" ? "" : early) + notWhole + hint);
+    for (const std::string jobs : {"", " --jobs 2"}) {
+      const Outcome r = run("decode '" + c.def + "' " + source + " --format csv --chunk-bytes 1000" + jobs,
+                            source == "-" ? truncated : "");
+      EXPECT_EQ(r.code, 1) << source << jobs;
+      EXPECT_EQ(r.out, csv) << source << jobs;
+      // From a file, whose size is known, the cut is said before the records; a pipe's only after them.
+      const std::string name = source == "-" ? "standard input" : truncated;
+      const std::string notWhole =
+          "blockproc: " + name +
+          ": block OutBlock1 takes the rest of the reply, 36,003 bytes, which is not a "
+          "whole number of 120-byte records";
+      const std::string early =
+          notWhole +
+          "\n  likeliest: the data is cut short 3 bytes into a record (99.9% of sampled "
+          "values read cleanly with it)\n  (blockproc check " +
+          c.def + " " + truncated + " --block OutBlock1 shows the evidence)\n" +
+          "  (its whole records follow)\n";
+      EXPECT_EQ(r.err, (source == "-" ? "" : early) + notWhole + hint) << jobs;
+    }
   }
-  // More records than the block's repeat, from a pipe: the first 100 are written.
+  // More records than the block's repeat, from a pipe: the first 100 are written, with --jobs too.
   const std::string capped = writeTemp("capped.xml", blockproc::quote::definitionXml(100));
-  const Outcome r = run("decode '" + capped + "' - --format csv --chunk-bytes 1000", c.reply);
-  EXPECT_EQ(r.code, 1);
-  EXPECT_EQ(r.out, firstLines(101));
-  EXPECT_EQ(r.err,
-            "blockproc: standard input: block OutBlock1 holds at most 100 records (its repeat); the reply "
-            "has 300 records" +
-                hint);
+  for (const std::string jobs : {"", " --jobs 2", " --jobs 3"}) {
+    const Outcome r = run("decode '" + capped + "' - --format csv --chunk-bytes 1000" + jobs, c.reply);
+    EXPECT_EQ(r.code, 1) << jobs;
+    EXPECT_EQ(r.out, firstLines(101)) << jobs;
+    EXPECT_EQ(r.err,
+              "blockproc: standard input: block OutBlock1 holds at most 100 records (its repeat); the reply "
+              "has 300 records" +
+                  hint)
+        << jobs;
+  }
   // A stream that ends inside a record: its whole records, newest first, then the error.
   const Outcome rt =
       run("realtime '" + c.def + "' '" + truncated + "' --block OutBlock1 --format csv --chunk-bytes 1000");

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Progress.h"
@@ -195,24 +196,47 @@ class RecordWriter {
   void records(const RecordView& records, int64_t first);
   // The processor's valid records (the block begun), numbered from `first`.
   void records(const KXBlockDataProc& proc, int64_t first) { records(RecordView::of(proc), first); }
-  // Records of the block begun, read where they lie in pieces of received bytes, each piece decoded on a
-  // thread of its own and written in order: the same text as records() of each piece in turn.
-  struct Piece {
-    const char* bytes;
-    int64_t size;   // whole records
-    int64_t first;  // number of its first record
-    bool reverse;   // the last record of the piece comes first (a stream read newest first)
+  // Records of the block begun decoded a piece at a time on `jobs` threads kept for the whole block, and
+  // written in the order the pieces were handed over: the same text as records() of each piece in turn.
+  // While the threads decode, the caller fills the next piece, and the pieces decoded are written out each
+  // time it asks for a buffer. A thread's failure is thrown by the call that would write its piece.
+  class Pieces {
+   public:
+    Pieces(RecordWriter& writer, int32_t jobs);
+    // Stops the threads; pieces not yet written are dropped (finish() writes them).
+    ~Pieces();
+    Pieces(const Pieces&) = delete;
+    Pieces& operator=(const Pieces&) = delete;
+
+    // An empty buffer for the next piece's bytes, waiting for the oldest piece to be decoded and written
+    // when every buffer is taken.
+    std::string& buffer();
+    // Hands over the buffer buffer() gave, filled with whole records numbered from `first`; with
+    // `reverse`, the last record of the piece comes first (a stream read newest first).
+    void submit(int64_t first, bool reverse);
+    // The same for `size` bytes at `bytes`, which must stay valid until finish() returns.
+    void submit(const char* bytes, int64_t size, int64_t first, bool reverse);
+    // Writes every piece handed over, in order.
+    void finish();
+
+   private:
+    struct Slot;
+    struct Shared;
+    Slot& room();
+    void hand(Slot& slot, const char* bytes, int64_t size, int64_t first, bool reverse);
+    void writeDone(bool wait);
+    void work();
+    RecordWriter& m_writer;
+    std::unique_ptr<Shared> m_shared;
+    std::vector<std::thread> m_threads;
   };
-  void recordsInParallel(const std::vector<Piece>& pieces);
   void endBlock();
   void finish();
 
  private:
   struct State;
-  struct PieceWork;
   explicit RecordWriter(std::unique_ptr<State> state);
   std::unique_ptr<State> m_state;
-  std::vector<std::unique_ptr<PieceWork>> m_work;  // one per thread of recordsInParallel
 };
 
 // Writes every valid record of the blocks through one RecordWriter.
@@ -256,11 +280,13 @@ class InputStream {
 
 // Bytes read at a time from a block read to the end of its input, unless --chunk-bytes says otherwise.
 constexpr int64_t kDefaultChunkBytes = int64_t{4} << 20;
-// With --jobs, the most bytes of records one thread decodes in a round: a piece's text stays in the
-// core's cache until it is written out (2 MB pieces cost the two threads a sixth more CPU time than one).
-constexpr int64_t kMaxPieceBytes = int64_t{512} << 10;
+// With --jobs, the most bytes of records in one piece: a piece and its text stay in the core's cache until
+// the text is written out, and small pieces keep both threads busy from the first one to the last
+// (docs/benchmarks.md, "decode --jobs", has the sizes tried).
+constexpr int64_t kMaxPieceBytes = int64_t{128} << 10;
 
-// Bytes of whole `recordSize`-byte records a thread of `jobs` takes in a round of `chunk` bytes.
+// Bytes of whole `recordSize`-byte records read at a time: a chunk for one job; for `jobs` threads, a piece
+// of the chunk shared among them, at most kMaxPieceBytes.
 inline int64_t pieceBytes(int64_t chunk, int32_t jobs, int64_t recordSize) {
   const int64_t share = jobs > 1 ? std::min(chunk / jobs, kMaxPieceBytes) : chunk;
   return std::max<int64_t>(share / recordSize, 1) * recordSize;

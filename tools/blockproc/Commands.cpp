@@ -241,6 +241,55 @@ TransactionProc::ReplyResult receiveHead(TransactionProc& proc, InputStream& in,
   }
 }
 
+// streamRest's records on `jobs` threads: the bytes already read in `buf[at...]` go as they lie, the rest
+// is read a piece at a time into the pieces' own buffers while the threads decode. Gives the records
+// taken; `buf[at...]` is left holding the bytes after them.
+int64_t restInPieces(size_t recordSize, int64_t cap, InputStream& in, std::string& buf, size_t& at,
+                     size_t piece, int32_t jobs, RecordWriter& writer, Progress& progress) {
+  const int64_t start = static_cast<int64_t>(at);
+  int64_t taken = 0;
+  RecordWriter::Pieces pieces(writer, jobs);
+  const auto hand = [&](const char* bytes, size_t size, bool own) {
+    const int64_t records = std::min(static_cast<int64_t>(size / recordSize), cap - taken);
+    if (records <= 0) return size_t{0};
+    const int64_t bytesTaken = records * static_cast<int64_t>(recordSize);
+    if (own) {
+      pieces.submit(taken, false);
+    } else {
+      pieces.submit(bytes, bytesTaken, taken, false);
+    }
+    taken += records;
+    progress.update(start + taken * static_cast<int64_t>(recordSize), taken);
+    return static_cast<size_t>(bytesTaken);
+  };
+  // The whole pieces already read.
+  while (buf.size() - at >= piece && taken < cap) {
+    const size_t used = hand(buf.data() + at, piece, false);
+    if (used == 0) break;
+    at += used;
+  }
+  // Then each piece read into a buffer of its own, starting with the bytes left in `buf`.
+  std::string left = buf.substr(at);
+  while (taken < cap) {
+    std::string& bytes = pieces.buffer();
+    bytes.swap(left);
+    left.clear();
+    if (bytes.size() < piece && !in.atEnd()) in.read(bytes, piece - bytes.size());
+    const int64_t records = std::min(static_cast<int64_t>(bytes.size() / recordSize), cap - taken);
+    if (records <= 0) {
+      left.swap(bytes);
+      break;
+    }
+    left.assign(bytes, static_cast<size_t>(records) * recordSize);
+    bytes.resize(static_cast<size_t>(records) * recordSize);
+    hand(bytes.data(), bytes.size(), true);
+  }
+  pieces.finish();
+  buf = std::move(left);
+  at = 0;
+  return taken;
+}
+
 // Hands the rest block its records a piece at a time from `buf[at...]` and the input, each piece written
 // as it is taken (`jobs` pieces side by side). Returns why the block's bytes were refused (not whole records,
 // more than its repeat), or
@@ -250,7 +299,8 @@ std::string streamRest(const KXBlockDataProc& proc, InputStream& in, std::string
   const BlockInfo& block = *proc.getBlockInfo();
   if (block.getRecordMemSize() <= 0) return TransactionProc::checkRest(block, 1, false);
   const auto recordSize = static_cast<size_t>(block.getRecordMemSize());
-  // A round reads at most `chunk` bytes whatever the jobs, so that memory does not grow with them.
+  // A read takes at most `chunk` bytes (a piece of them with --jobs), so that memory does not grow with the
+  // input or the jobs.
   const auto piece =
       static_cast<size_t>(pieceBytes(static_cast<int64_t>(chunk), jobs, static_cast<int64_t>(recordSize)));
   const int64_t cap = block.m_nRepeatCount, start = static_cast<int64_t>(at);
@@ -259,33 +309,25 @@ std::string streamRest(const KXBlockDataProc& proc, InputStream& in, std::string
     writer->beginBlock(proc,
                        rest >= 0 ? std::min<int64_t>(rest / static_cast<int64_t>(recordSize), cap) : -1);
   }
-  // With --jobs, each round reads one piece per thread.
-  const size_t batch = piece * static_cast<size_t>(jobs);
-  const auto pieceRecords = static_cast<int64_t>(piece / recordSize);
   int64_t taken = 0;
-  for (;;) {
-    if (buf.size() - at < batch && !in.atEnd()) {
-      buf.erase(0, at);
-      at = 0;
-      in.read(buf, batch - buf.size());
+  if (writer != nullptr && jobs > 1) {
+    taken = restInPieces(recordSize, cap, in, buf, at, piece, jobs, *writer, progress);
+  } else {
+    for (;;) {
+      if (buf.size() - at < piece && !in.atEnd()) {
+        buf.erase(0, at);
+        at = 0;
+        in.read(buf, piece - buf.size());
+      }
+      const int64_t records = std::min(static_cast<int64_t>((buf.size() - at) / recordSize), cap - taken);
+      if (records <= 0) break;
+      if (writer != nullptr)
+        writer->records(RecordView(block, buf.data() + at, records * static_cast<int64_t>(recordSize)),
+                        taken);
+      taken += records;
+      at += static_cast<size_t>(records) * recordSize;
+      progress.update(start + taken * static_cast<int64_t>(recordSize), taken);
     }
-    const auto have = static_cast<int64_t>(std::min(batch, buf.size() - at) / recordSize);
-    const int64_t records = std::min(have, cap - taken);
-    if (records <= 0) break;
-    const char* bytes = buf.data() + at;
-    if (writer != nullptr && jobs > 1) {
-      std::vector<RecordWriter::Piece> pieces;
-      for (int64_t r = 0; r < records; r += pieceRecords)
-        pieces.push_back({bytes + r * static_cast<int64_t>(recordSize),
-                          std::min(pieceRecords, records - r) * static_cast<int64_t>(recordSize), taken + r,
-                          false});
-      writer->recordsInParallel(pieces);
-    } else if (writer != nullptr) {
-      writer->records(RecordView(block, bytes, records * static_cast<int64_t>(recordSize)), taken);
-    }
-    taken += records;
-    at += static_cast<size_t>(records) * recordSize;
-    progress.update(start + taken * static_cast<int64_t>(recordSize), taken);
   }
   if (writer != nullptr) writer->endBlock();
   // The bytes past the records taken, counted to the end of the input for the message.
@@ -321,7 +363,9 @@ int decodeStreamed(const DecodeOptions& options, const RenderOptions& render, co
   InputStream in(options.reply);
   const auto chunk = static_cast<size_t>(options.chunkBytes > 0 ? options.chunkBytes : kDefaultChunkBytes);
   std::string buf;
-  const auto head = receiveHead(*session.proc, in, buf, chunk);
+  // With --jobs, the first read is a piece's worth, so that the threads start on it sooner.
+  const auto head =
+      receiveHead(*session.proc, in, buf, options.jobs > 1 ? std::min<size_t>(chunk, kMaxPieceBytes) : chunk);
   if (!head.ok) throw Failure{kExitData, in.name() + ": " + head.message + std::string(kSplitHint)};
   Warnings warnings;
   Sinks sinks(options, render, session, blocks, warnings);

@@ -148,28 +148,26 @@ int runRealtime(const RealtimeOptions& options) {
   RecordWriter writer(out, session.definition->tran.getTrCode(), render, warnings);
   writer.beginBlock(*proc, shown, true);  // a stream of records, whatever the block's repeat
   Progress progress(!options.quiet, shown * recordSize);
-  // With --jobs, each round reads one piece per thread, the newest piece first.
+  // With --jobs, the pieces are read newest first while the threads decode the ones read before.
+  std::optional<RecordWriter::Pieces> pieces;
+  if (options.jobs > 1) pieces.emplace(writer, options.jobs);
   std::string batch;
   const int64_t oldest = records - shown;
   for (int64_t end = records; end > oldest;) {
-    const int64_t begin = std::max(oldest, end - pieceRecords * options.jobs);
-    batch.resize(static_cast<size_t>((end - begin) * recordSize));
-    in.readAt(batch.data(), batch.size(), begin * recordSize);
-    if (options.jobs > 1) {
-      std::vector<RecordWriter::Piece> pieces;
-      for (int64_t top = end; top > begin; top -= pieceRecords) {
-        const int64_t bottom = std::max(begin, top - pieceRecords);
-        pieces.push_back(
-            {batch.data() + (bottom - begin) * recordSize, (top - bottom) * recordSize, records - top, true});
-      }
-      writer.recordsInParallel(pieces);
+    const int64_t begin = std::max(oldest, end - pieceRecords);
+    std::string& bytes = pieces ? pieces->buffer() : batch;
+    bytes.resize(static_cast<size_t>((end - begin) * recordSize));
+    in.readAt(bytes.data(), bytes.size(), begin * recordSize);
+    if (pieces) {
+      pieces->submit(records - end, true);
     } else {
-      writer.records(RecordView(block, batch.data(), static_cast<int64_t>(batch.size()), true),
+      writer.records(RecordView(block, bytes.data(), static_cast<int64_t>(bytes.size()), true),
                      records - end);
     }
     end = begin;
     progress.update((records - end) * recordSize, records - end);
   }
+  if (pieces) pieces->finish();
   writer.endBlock();
   writer.finish();
   progress.clear();

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <thread>
 
 #if defined(__SSE2__)
@@ -457,14 +459,6 @@ struct RecordWriter::State {
   }
 };
 
-// What one thread keeps from round to round: its text and its warnings, so that their buffers are
-// allocated once (fresh ones each round cost as much system time as the decoding).
-struct RecordWriter::PieceWork {
-  Output out;
-  Warnings warnings{true};
-  std::exception_ptr failure;
-};
-
 RecordWriter::RecordWriter(Output& out, std::string code, const RenderOptions& options, Warnings& warnings)
     : m_state(std::make_unique<State>(out, std::move(code), options, warnings)) {
   State& s = *m_state;
@@ -574,45 +568,171 @@ void RecordWriter::records(const RecordView& records, int64_t first) {
   }
 }
 
-void RecordWriter::recordsInParallel(const std::vector<Piece>& pieces) {
-  State& s = *m_state;
-  while (m_work.size() < pieces.size()) m_work.push_back(std::make_unique<PieceWork>());
-  std::vector<RecordView> views;
-  for (const Piece& p : pieces) views.emplace_back(*s.block, p.bytes, p.size, p.reverse);
-  const auto decode = [&](size_t k) {
-    PieceWork& w = *m_work[k];
-    try {
-      // A writer of its own, set up for the block as this one is, writing into memory.
-      State piece(w.out, s.code, s.options, w.warnings);
-      piece.block = s.block;
-      piece.source = s.source;
-      piece.columns = s.columns;
-      piece.fast = s.fast;
-      piece.blockShown = s.blockShown;
-      piece.widths = s.widths;
-      piece.members = s.members;
-      piece.lineStart = s.lineStart;
-      piece.indexWidth = s.indexWidth;
-      piece.repeated = s.repeated;
-      piece.count = s.count;
-      RecordWriter writer(std::make_unique<State>(std::move(piece)));
-      writer.records(views[k], pieces[k].first);
-    } catch (...) {
-      w.failure = std::current_exception();
+// ---- pieces decoded side by side
+// ---------------------------------------------------------------------------
+//
+// The pieces go round a ring of slots, each with its bytes, its text and its warnings (kept from piece to
+// piece, so that their buffers are allocated once). The caller fills slot `filled`, the threads take the
+// slots from `taken` on in turn, and the caller writes the slots from `written` on as they are done. A slot
+// is filled again only once its text is written, so the text comes out in the order the pieces went in
+// and memory stays at the ring's size whatever the input's. The threads live as long as the block: starting
+// a thread a round and waiting for the slower of each round's pieces left a core idle a third of the time.
+
+// Pieces in the ring per thread: besides the one it decodes, pieces filled ahead for it and pieces done
+// behind it that wait for an older one to be written.
+constexpr size_t kSlotsPerThread = 4;
+
+struct RecordWriter::Pieces::Slot {
+  std::string bytes;  // the piece's own bytes, unless it points elsewhere
+  const char* data = nullptr;
+  int64_t size = 0, first = 0;
+  bool reverse = false, done = false;
+  Output out;  // its text, once decoded
+  Warnings warnings{true};
+  std::exception_ptr failure;
+};
+
+struct RecordWriter::Pieces::Shared {
+  std::mutex mutex;
+  std::condition_variable work, done;
+  std::vector<Slot> slots;
+  uint64_t filled = 0, taken = 0, written = 0;
+  bool stop = false;
+  Slot& at(uint64_t k) { return slots[k % slots.size()]; }
+};
+
+RecordWriter::Pieces::Pieces(RecordWriter& writer, int32_t jobs)
+    : m_writer(writer), m_shared(std::make_unique<Shared>()) {
+  m_shared->slots = std::vector<Slot>(static_cast<size_t>(jobs) * kSlotsPerThread);
+  for (int32_t k = 0; k < jobs; ++k) m_threads.emplace_back([this] { work(); });
+}
+
+RecordWriter::Pieces::~Pieces() {
+  {
+    const std::lock_guard lock(m_shared->mutex);
+    m_shared->stop = true;
+  }
+  m_shared->work.notify_all();
+  for (std::thread& thread : m_threads) thread.join();
+}
+
+std::string& RecordWriter::Pieces::buffer() {
+  Slot& slot = room();
+  slot.bytes.clear();
+  return slot.bytes;
+}
+
+void RecordWriter::Pieces::submit(int64_t first, bool reverse) {
+  Slot& slot = m_shared->at(m_shared->filled);
+  hand(slot, slot.bytes.data(), static_cast<int64_t>(slot.bytes.size()), first, reverse);
+}
+
+void RecordWriter::Pieces::submit(const char* bytes, int64_t size, int64_t first, bool reverse) {
+  hand(room(), bytes, size, first, reverse);
+}
+
+// The slot for the next piece, once the pieces decoded are written and, when every slot is taken, the
+// oldest is decoded and written.
+RecordWriter::Pieces::Slot& RecordWriter::Pieces::room() {
+  Shared& sh = *m_shared;
+  writeDone(false);
+  if (sh.filled - sh.written == sh.slots.size()) writeDone(true);
+  return sh.at(sh.filled);
+}
+
+void RecordWriter::Pieces::hand(Slot& slot, const char* bytes, int64_t size, int64_t first, bool reverse) {
+  Shared& sh = *m_shared;
+  slot.data = bytes;
+  slot.size = size;
+  slot.first = first;
+  slot.reverse = reverse;
+  slot.done = false;
+  slot.failure = nullptr;
+  {
+    const std::lock_guard lock(sh.mutex);
+    ++sh.filled;
+  }
+  sh.work.notify_one();
+}
+
+void RecordWriter::Pieces::finish() {
+  while (m_shared->written < m_shared->filled) writeDone(true);
+}
+
+// Writes the pieces decoded, in order, from the oldest not yet written; with `wait`, waits for that one
+// first.
+void RecordWriter::Pieces::writeDone(bool wait) {
+  Shared& sh = *m_shared;
+  State& s = *m_writer.m_state;
+  for (;;) {
+    {
+      std::unique_lock lock(sh.mutex);
+      if (sh.written == sh.filled) return;
+      if (wait) sh.done.wait(lock, [&] { return sh.at(sh.written).done; });
+      if (!sh.at(sh.written).done) return;
     }
-  };
-  std::vector<std::thread> threads;
-  for (size_t k = 1; k < pieces.size(); ++k) threads.emplace_back(decode, k);
-  if (!pieces.empty()) decode(0);
-  for (std::thread& thread : threads) thread.join();
-  for (size_t k = 0; k < pieces.size(); ++k) {
-    PieceWork& w = *m_work[k];
-    if (w.failure) std::rethrow_exception(w.failure);
-    s.warnings.absorb(w.warnings);
-    w.warnings.clear();
-    s.out.write(w.out.text());
-    w.out.text().clear();
-    s.written += views[k].count();
+    wait = false;
+    Slot& slot = sh.at(sh.written);
+    if (slot.failure) std::rethrow_exception(slot.failure);
+    s.warnings.absorb(slot.warnings);
+    slot.warnings.clear();
+    s.out.write(slot.out.text());
+    slot.out.text().clear();
+    s.written += slot.size / s.block->getRecordMemSize();
+    ++sh.written;
+  }
+}
+
+// One thread: takes the next piece handed over and decodes it with a writer of its own, set up for the
+// block as the caller's is, writing into the piece's text.
+void RecordWriter::Pieces::work() {
+  Shared& sh = *m_shared;
+  const State& s = *m_writer.m_state;
+  Output out;
+  Warnings warnings{true};
+  std::unique_ptr<RecordWriter> writer;
+  std::exception_ptr setUp;
+  try {
+    State state(out, s.code, s.options, warnings);
+    state.block = s.block;
+    state.source = s.source;
+    state.columns = s.columns;
+    state.fast = s.fast;
+    state.blockShown = s.blockShown;
+    state.widths = s.widths;
+    state.members = s.members;
+    state.lineStart = s.lineStart;
+    state.indexWidth = s.indexWidth;
+    state.repeated = s.repeated;
+    state.count = s.count;
+    writer.reset(new RecordWriter(std::make_unique<State>(std::move(state))));
+  } catch (...) {
+    setUp = std::current_exception();  // each piece taken fails with it
+  }
+  for (;;) {
+    Slot* slot = nullptr;
+    {
+      std::unique_lock lock(sh.mutex);
+      sh.work.wait(lock, [&] { return sh.stop || sh.taken < sh.filled; });
+      if (sh.stop) return;
+      slot = &sh.at(sh.taken++);
+    }
+    try {
+      if (setUp) std::rethrow_exception(setUp);
+      writer->records(RecordView(*s.block, slot->data, slot->size, slot->reverse), slot->first);
+    } catch (...) {
+      slot->failure = std::current_exception();
+    }
+    // The text goes to the slot and the slot's emptied buffer comes back, so that no text is copied here.
+    out.text().swap(slot->out.text());
+    out.text().clear();
+    std::swap(warnings, slot->warnings);
+    warnings.clear();
+    {
+      const std::lock_guard lock(sh.mutex);
+      slot->done = true;
+    }
+    sh.done.notify_one();
   }
 }
 

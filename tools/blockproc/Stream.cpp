@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <cerrno>
 #include <cstdio>
@@ -58,10 +59,18 @@ std::string_view InputStream::map() {
 
 size_t InputStream::read(std::string& buf, size_t n) {
   const size_t start = buf.size();
-  buf.resize(start + n);
+  // A regular file's bytes left, and one more to see its end, are all the room a read needs at first: the
+  // zeros of a whole chunk written ahead of a small file's few bytes cost more than decoding them.
+  size_t room = n;
+  if (m_size >= 0) {
+    const off_t at = ::lseek(m_fd, 0, SEEK_CUR);
+    if (at >= 0 && at <= m_size) room = std::min(n, static_cast<size_t>(m_size - at) + 1);
+  }
+  buf.resize(start + room);
   size_t got = 0;
   while (got < n && !m_end) {
-    const ssize_t r = ::read(m_fd, buf.data() + start + got, n - got);
+    if (got == room) buf.resize(start + (room = n));  // the file has grown since it was opened
+    const ssize_t r = ::read(m_fd, buf.data() + start + got, room - got);
     if (r < 0 && errno == EINTR) continue;
     if (r < 0) readFailure(m_name);
     if (r == 0) m_end = true;
