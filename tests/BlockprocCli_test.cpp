@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -156,6 +157,26 @@ TEST(BlockprocCli, ExitsWithTheCodeOfBadInputAndSaysWhatToDo) {
       EXPECT_EQ(r.err, "blockproc: " + c.err) << c.args;
     }
   }
+}
+
+// `blockproc view` starts blockproc-view from its own folder to serve the page; a blockproc copied away
+// from it says so, and how to have the page all the same.
+TEST(BlockprocCli, SaysWhenTheViewServerIsMissing) {
+  const std::filesystem::path tool = BLOCKPROC_CLI_PATH;
+  if (!std::filesystem::exists(tool.parent_path() / "blockproc-view"))
+    GTEST_SKIP() << "built without the server";
+  const std::string dir = tempPath("alone");
+  std::filesystem::create_directories(dir);
+  std::filesystem::copy_file(tool, dir + "/blockproc", std::filesystem::copy_options::overwrite_existing);
+  const std::string err = tempPath("alone.err");
+  const std::string command =
+      "cd '" + kSource + "' && '" + dir + "/blockproc' view " + kDef + " " + kReply + " 2>'" + err + "'";
+  const int status = std::system(command.c_str());
+  EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 2);
+  EXPECT_EQ(readFile(err),
+            "blockproc: cannot start " + dir +
+                "/blockproc-view to serve the page: No such file or directory; install it beside "
+                "blockproc, or write the page as a file with --html FILE\n");
 }
 
 // Each command's help lists the options it takes (the tuning --chunk-bytes left out) and exits 0; the

@@ -56,6 +56,10 @@ std::string readInput(const std::string& path);
 void writeAll(int fd, std::string_view bytes, const std::string& name);
 // The path as messages name it: "standard input" for "-".
 std::string sourceName(const std::string& path);
+// The arguments main() got (argv, ending in a null pointer), kept for a program started in this one's place;
+// a program name alone until main() keeps them.
+void keepCommandLine(char** argv) noexcept;
+char** keptCommandLine() noexcept;
 
 // Output text gathered in one buffer and written in large chunks to a file or standard output. A failed
 // open, write or close ends the command with kExitData and a message naming the file.
@@ -208,12 +212,12 @@ class RecordWriter {
     Pieces(const Pieces&) = delete;
     Pieces& operator=(const Pieces&) = delete;
 
-    // An empty buffer for the next piece's bytes, waiting for the oldest piece to be decoded and written
-    // when every buffer is taken.
-    std::string& buffer();
-    // Hands over the buffer buffer() gave, filled with whole records numbered from `first`; with
-    // `reverse`, the last record of the piece comes first (a stream read newest first).
-    void submit(int64_t first, bool reverse);
+    // Room for the next piece's `size` bytes, kept from piece to piece and not cleared; waits for the
+    // oldest piece to be decoded and written when every buffer is taken.
+    char* buffer(size_t size);
+    // Hands over the first `size` bytes of the buffer buffer() gave, whole records numbered from `first`;
+    // with `reverse`, the last record of the piece comes first (a stream read newest first).
+    void submit(int64_t size, int64_t first, bool reverse);
     // The same for `size` bytes at `bytes`, which must stay valid until finish() returns.
     void submit(const char* bytes, int64_t size, int64_t first, bool reverse);
     // Writes every piece handed over, in order.
@@ -254,6 +258,8 @@ class InputStream {
 
   // Appends `n` bytes to `buf`, fewer only at the end of the input; returns how many. Fails with kExitData.
   size_t read(std::string& buf, size_t n);
+  // Reads `n` bytes to `to`, fewer only at the end of the input; returns how many. Fails with kExitData.
+  size_t read(char* to, size_t n);
   // Copies standard input into an unnamed temporary file, so that it can be read at any offset.
   void makeSeekable();
   // Appends what arrives within `waitMs` milliseconds, at most `n` bytes, from one read; returns how many (0

@@ -254,7 +254,7 @@ int64_t restInPieces(size_t recordSize, int64_t cap, InputStream& in, std::strin
     if (records <= 0) return size_t{0};
     const int64_t bytesTaken = records * static_cast<int64_t>(recordSize);
     if (own) {
-      pieces.submit(taken, false);
+      pieces.submit(bytesTaken, taken, false);
     } else {
       pieces.submit(bytes, bytesTaken, taken, false);
     }
@@ -268,21 +268,16 @@ int64_t restInPieces(size_t recordSize, int64_t cap, InputStream& in, std::strin
     if (used == 0) break;
     at += used;
   }
-  // Then each piece read into a buffer of its own, starting with the bytes left in `buf`.
+  // Then each piece read into a buffer of its own, after the bytes left of the one before.
   std::string left = buf.substr(at);
   while (taken < cap) {
-    std::string& bytes = pieces.buffer();
-    bytes.swap(left);
-    left.clear();
-    if (bytes.size() < piece && !in.atEnd()) in.read(bytes, piece - bytes.size());
-    const int64_t records = std::min(static_cast<int64_t>(bytes.size() / recordSize), cap - taken);
-    if (records <= 0) {
-      left.swap(bytes);
-      break;
-    }
-    left.assign(bytes, static_cast<size_t>(records) * recordSize);
-    bytes.resize(static_cast<size_t>(records) * recordSize);
-    hand(bytes.data(), bytes.size(), true);
+    char* bytes = pieces.buffer(piece);
+    std::memcpy(bytes, left.data(), left.size());
+    size_t have = left.size();
+    if (have < piece && !in.atEnd()) have += in.read(bytes + have, piece - have);
+    const size_t used = hand(bytes, have, true);
+    left.assign(bytes + used, have - used);
+    if (used == 0) break;
   }
   pieces.finish();
   buf = std::move(left);

@@ -59,6 +59,20 @@ std::string readInput(const std::string& path) {
   return bytes;
 }
 
+namespace {
+char kProgramName[] = "blockproc";
+char* g_noArguments[] = {kProgramName, nullptr};
+char** g_commandLine = g_noArguments;
+}  // namespace
+
+void keepCommandLine(char** argv) noexcept {
+  if (argv != nullptr && argv[0] != nullptr) g_commandLine = argv;
+}
+
+char** keptCommandLine() noexcept {
+  return g_commandLine;
+}
+
 std::string sourceName(const std::string& path) {
   return path == "-" ? "standard input" : path;
 }

@@ -155,14 +155,14 @@ int runRealtime(const RealtimeOptions& options) {
   const int64_t oldest = records - shown;
   for (int64_t end = records; end > oldest;) {
     const int64_t begin = std::max(oldest, end - pieceRecords);
-    std::string& bytes = pieces ? pieces->buffer() : batch;
-    bytes.resize(static_cast<size_t>((end - begin) * recordSize));
-    in.readAt(bytes.data(), bytes.size(), begin * recordSize);
+    const int64_t piece = (end - begin) * recordSize;
     if (pieces) {
-      pieces->submit(records - end, true);
+      in.readAt(pieces->buffer(static_cast<size_t>(piece)), static_cast<size_t>(piece), begin * recordSize);
+      pieces->submit(piece, records - end, true);
     } else {
-      writer.records(RecordView(block, bytes.data(), static_cast<int64_t>(bytes.size()), true),
-                     records - end);
+      batch.resize(static_cast<size_t>(piece));
+      in.readAt(batch.data(), batch.size(), begin * recordSize);
+      writer.records(RecordView(block, batch.data(), piece, true), records - end);
     }
     end = begin;
     progress.update((records - end) * recordSize, records - end);

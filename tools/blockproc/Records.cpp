@@ -583,7 +583,8 @@ void RecordWriter::records(const RecordView& records, int64_t first) {
 constexpr size_t kSlotsPerThread = 4;
 
 struct RecordWriter::Pieces::Slot {
-  std::string bytes;  // the piece's own bytes, unless it points elsewhere
+  std::unique_ptr<char[]> own;  // room for the piece's bytes, unless they lie elsewhere
+  size_t room = 0;
   const char* data = nullptr;
   int64_t size = 0, first = 0;
   bool reverse = false, done = false;
@@ -616,15 +617,18 @@ RecordWriter::Pieces::~Pieces() {
   for (std::thread& thread : m_threads) thread.join();
 }
 
-std::string& RecordWriter::Pieces::buffer() {
+char* RecordWriter::Pieces::buffer(size_t size) {
   Slot& slot = room();
-  slot.bytes.clear();
-  return slot.bytes;
+  if (slot.room < size) {
+    slot.own = std::make_unique_for_overwrite<char[]>(size);
+    slot.room = size;
+  }
+  return slot.own.get();
 }
 
-void RecordWriter::Pieces::submit(int64_t first, bool reverse) {
+void RecordWriter::Pieces::submit(int64_t size, int64_t first, bool reverse) {
   Slot& slot = m_shared->at(m_shared->filled);
-  hand(slot, slot.bytes.data(), static_cast<int64_t>(slot.bytes.size()), first, reverse);
+  hand(slot, slot.own.get(), size, first, reverse);
 }
 
 void RecordWriter::Pieces::submit(const char* bytes, int64_t size, int64_t first, bool reverse) {

@@ -67,16 +67,24 @@ size_t InputStream::read(std::string& buf, size_t n) {
     if (at >= 0 && at <= m_size) room = std::min(n, static_cast<size_t>(m_size - at) + 1);
   }
   buf.resize(start + room);
+  size_t got = read(buf.data() + start, room);
+  if (got == room && room < n) {  // the file has grown since it was opened
+    buf.resize(start + n);
+    got += read(buf.data() + start + got, n - got);
+  }
+  buf.resize(start + got);
+  return got;
+}
+
+size_t InputStream::read(char* to, size_t n) {
   size_t got = 0;
   while (got < n && !m_end) {
-    if (got == room) buf.resize(start + (room = n));  // the file has grown since it was opened
-    const ssize_t r = ::read(m_fd, buf.data() + start + got, room - got);
+    const ssize_t r = ::read(m_fd, to + got, n - got);
     if (r < 0 && errno == EINTR) continue;
     if (r < 0) readFailure(m_name);
     if (r == 0) m_end = true;
     got += static_cast<size_t>(r);
   }
-  buf.resize(start + got);
   return got;
 }
 

@@ -40,8 +40,8 @@ std::string viewPage(std::string_view data) {
 }
 
 int runView(const ViewOptions& options) {
+  if (options.html.empty()) return serveView(options);
   ViewModel model(options);
-  if (options.html.empty()) return serveView(model, options);
   const nlohmann::json window = model.page(0, options.htmlRecords);
   nlohmann::json data = {{"meta", model.meta()}, {"window", window}, {"bound", options.htmlRecords}};
   Output out(options.html);

@@ -67,8 +67,9 @@ std::string viewPage(std::string_view data);
 std::string scriptSafe(const nlohmann::json& value);
 
 int runView(const ViewOptions& options);
-// Serves the page and its data on 127.0.0.1 until the process is stopped (ViewServer.cpp; a build without
-// the HTTP library fails with kExitUsage).
-int serveView(ViewModel& model, const ViewOptions& options);
+// Serves the page and its data on 127.0.0.1 until the process is stopped: blockproc-view serves it
+// (ViewServer.cpp), blockproc starts blockproc-view in its place with the same arguments (ViewLaunch.cpp)
+// and fails with kExitUsage when it cannot.
+int serveView(const ViewOptions& options);
 
 }  // namespace blockproc::cli

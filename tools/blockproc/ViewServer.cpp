@@ -16,13 +16,9 @@
 #include "View.h"
 #include "blockproc/detail/NumberParse.h"
 
-#if BLOCKPROC_VIEW_SERVER
 #include <httplib.h>
-#endif
 
 namespace blockproc::cli {
-
-#if BLOCKPROC_VIEW_SERVER
 
 namespace {
 
@@ -56,7 +52,8 @@ void sendJson(httplib::Response& res, const nlohmann::json& value) {
 
 }  // namespace
 
-int serveView(ViewModel& model, const ViewOptions& options) {
+int serveView(const ViewOptions& options) {
+  ViewModel model(options);
   const std::string token = newToken();
   const std::string page = viewPage("null");
   std::mutex lock;
@@ -126,15 +123,5 @@ int serveView(ViewModel& model, const ViewOptions& options) {
   if (!server.listen_after_bind()) throw Failure{kExitData, "the server stopped unexpectedly"};
   return kExitOk;
 }
-
-#else
-
-int serveView(ViewModel&, const ViewOptions&) {
-  throw Failure{kExitUsage,
-                "this blockproc was built without the HTTP server (libcpp-httplib-dev); "
-                "use --html FILE to write the page as a file"};
-}
-
-#endif
 
 }  // namespace blockproc::cli

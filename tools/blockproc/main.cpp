@@ -71,6 +71,7 @@ void addStreaming(CLI::App& command, bool& quiet, int64_t& chunkBytes, int32_t& 
 }  // namespace
 
 int main(int argc, char** argv) {
+  keepCommandLine(argv);
   CLI::App app{"blockproc: inspect, decode and build the data blocks of transactions"};
   app.set_version_flag("--version", std::string("blockproc ") + BLOCKPROC_VERSION);
   app.require_subcommand(1);
