@@ -200,10 +200,11 @@ class RecordWriter {
   void records(const RecordView& records, int64_t first);
   // The processor's valid records (the block begun), numbered from `first`.
   void records(const KXBlockDataProc& proc, int64_t first) { records(RecordView::of(proc), first); }
-  // Records of the block begun decoded a piece at a time on `jobs` threads kept for the whole block, and
-  // written in the order the pieces were handed over: the same text as records() of each piece in turn.
-  // While the threads decode, the caller fills the next piece, and the pieces decoded are written out each
-  // time it asks for a buffer. A thread's failure is thrown by the call that would write its piece.
+  // Records of the block begun decoded a piece at a time on `jobs` threads kept for the whole block (the
+  // caller's among them), and written in the order the pieces were handed over: the same text as records()
+  // of each piece in turn. While the other threads decode, the caller fills the next pieces; the pieces
+  // decoded are written out each time it asks for a buffer, and when every buffer is taken it decodes one
+  // itself. A thread's failure is thrown by the call that would write its piece.
   class Pieces {
    public:
     Pieces(RecordWriter& writer, int32_t jobs);
@@ -212,8 +213,8 @@ class RecordWriter {
     Pieces(const Pieces&) = delete;
     Pieces& operator=(const Pieces&) = delete;
 
-    // Room for the next piece's `size` bytes, kept from piece to piece and not cleared; waits for the
-    // oldest piece to be decoded and written when every buffer is taken.
+    // Room for the next piece's `size` bytes, kept from piece to piece and not cleared, once a buffer is
+    // free.
     char* buffer(size_t size);
     // Hands over the first `size` bytes of the buffer buffer() gave, whole records numbered from `first`;
     // with `reverse`, the last record of the piece comes first (a stream read newest first).
@@ -226,12 +227,15 @@ class RecordWriter {
    private:
     struct Slot;
     struct Shared;
+    struct Decoder;
     Slot& room();
     void hand(Slot& slot, const char* bytes, int64_t size, int64_t first, bool reverse);
+    bool decodeOne();
     void writeDone(bool wait);
     void work();
     RecordWriter& m_writer;
     std::unique_ptr<Shared> m_shared;
+    std::unique_ptr<Decoder> m_mine;  // the caller's
     std::vector<std::thread> m_threads;
   };
   void endBlock();

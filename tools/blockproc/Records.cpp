@@ -568,8 +568,7 @@ void RecordWriter::records(const RecordView& records, int64_t first) {
   }
 }
 
-// ---- pieces decoded side by side
-// ---------------------------------------------------------------------------
+// ---- pieces decoded side by side ------------------------------------------------------------------------
 //
 // The pieces go round a ring of slots, each with its bytes, its text and its warnings (kept from piece to
 // piece, so that their buffers are allocated once). The caller fills slot `filled`, the threads take the
@@ -577,6 +576,8 @@ void RecordWriter::records(const RecordView& records, int64_t first) {
 // is filled again only once its text is written, so the text comes out in the order the pieces went in
 // and memory stays at the ring's size whatever the input's. The threads live as long as the block: starting
 // a thread a round and waiting for the slower of each round's pieces left a core idle a third of the time.
+// The caller is one of the `jobs` threads: when every slot is filled it decodes the next piece itself
+// rather than wait, so that `jobs` threads, not one more, share the cores.
 
 // Pieces in the ring per thread: besides the one it decodes, pieces filled ahead for it and pieces done
 // behind it that wait for an older one to be written.
@@ -602,10 +603,55 @@ struct RecordWriter::Pieces::Shared {
   Slot& at(uint64_t k) { return slots[k % slots.size()]; }
 };
 
+// What decodes pieces on one thread: a writer of its own, set up for the block as the caller's is, writing
+// into its own text, which goes to each piece's slot in turn.
+struct RecordWriter::Pieces::Decoder {
+  Output out;
+  Warnings warnings{true};
+  std::unique_ptr<RecordWriter> writer;
+  std::exception_ptr setUp;  // each piece fails with it
+
+  explicit Decoder(const State& s) {
+    try {
+      State state(out, s.code, s.options, warnings);
+      state.block = s.block;
+      state.source = s.source;
+      state.columns = s.columns;
+      state.fast = s.fast;
+      state.blockShown = s.blockShown;
+      state.widths = s.widths;
+      state.members = s.members;
+      state.lineStart = s.lineStart;
+      state.indexWidth = s.indexWidth;
+      state.repeated = s.repeated;
+      state.count = s.count;
+      writer.reset(new RecordWriter(std::make_unique<State>(std::move(state))));
+    } catch (...) {
+      setUp = std::current_exception();
+    }
+  }
+
+  void decode(Slot& slot, const BlockInfo& block) {
+    try {
+      if (setUp) std::rethrow_exception(setUp);
+      writer->records(RecordView(block, slot.data, slot.size, slot.reverse), slot.first);
+    } catch (...) {
+      slot.failure = std::current_exception();
+    }
+    // The text goes to the slot and the slot's emptied buffer comes back, so that no text is copied.
+    out.text().swap(slot.out.text());
+    out.text().clear();
+    std::swap(warnings, slot.warnings);
+    warnings.clear();
+  }
+};
+
 RecordWriter::Pieces::Pieces(RecordWriter& writer, int32_t jobs)
-    : m_writer(writer), m_shared(std::make_unique<Shared>()) {
+    : m_writer(writer),
+      m_shared(std::make_unique<Shared>()),
+      m_mine(std::make_unique<Decoder>(*writer.m_state)) {
   m_shared->slots = std::vector<Slot>(static_cast<size_t>(jobs) * kSlotsPerThread);
-  for (int32_t k = 0; k < jobs; ++k) m_threads.emplace_back([this] { work(); });
+  for (int32_t k = 1; k < jobs; ++k) m_threads.emplace_back([this] { work(); });
 }
 
 RecordWriter::Pieces::~Pieces() {
@@ -640,8 +686,23 @@ void RecordWriter::Pieces::submit(const char* bytes, int64_t size, int64_t first
 RecordWriter::Pieces::Slot& RecordWriter::Pieces::room() {
   Shared& sh = *m_shared;
   writeDone(false);
-  if (sh.filled - sh.written == sh.slots.size()) writeDone(true);
+  while (sh.filled - sh.written == sh.slots.size()) writeDone(!decodeOne());
   return sh.at(sh.filled);
+}
+
+// Decodes the next piece no thread has taken, on the caller's thread; false when there is none.
+bool RecordWriter::Pieces::decodeOne() {
+  Shared& sh = *m_shared;
+  Slot* slot = nullptr;
+  {
+    const std::lock_guard lock(sh.mutex);
+    if (sh.taken == sh.filled) return false;
+    slot = &sh.at(sh.taken++);
+  }
+  m_mine->decode(*slot, *m_writer.m_state->block);
+  const std::lock_guard lock(sh.mutex);
+  slot->done = true;
+  return true;
 }
 
 void RecordWriter::Pieces::hand(Slot& slot, const char* bytes, int64_t size, int64_t first, bool reverse) {
@@ -660,7 +721,7 @@ void RecordWriter::Pieces::hand(Slot& slot, const char* bytes, int64_t size, int
 }
 
 void RecordWriter::Pieces::finish() {
-  while (m_shared->written < m_shared->filled) writeDone(true);
+  while (m_shared->written < m_shared->filled) writeDone(!decodeOne());
 }
 
 // Writes the pieces decoded, in order, from the oldest not yet written; with `wait`, waits for that one
@@ -687,32 +748,10 @@ void RecordWriter::Pieces::writeDone(bool wait) {
   }
 }
 
-// One thread: takes the next piece handed over and decodes it with a writer of its own, set up for the
-// block as the caller's is, writing into the piece's text.
+// One thread besides the caller's: decodes the pieces handed over in turn.
 void RecordWriter::Pieces::work() {
   Shared& sh = *m_shared;
-  const State& s = *m_writer.m_state;
-  Output out;
-  Warnings warnings{true};
-  std::unique_ptr<RecordWriter> writer;
-  std::exception_ptr setUp;
-  try {
-    State state(out, s.code, s.options, warnings);
-    state.block = s.block;
-    state.source = s.source;
-    state.columns = s.columns;
-    state.fast = s.fast;
-    state.blockShown = s.blockShown;
-    state.widths = s.widths;
-    state.members = s.members;
-    state.lineStart = s.lineStart;
-    state.indexWidth = s.indexWidth;
-    state.repeated = s.repeated;
-    state.count = s.count;
-    writer.reset(new RecordWriter(std::make_unique<State>(std::move(state))));
-  } catch (...) {
-    setUp = std::current_exception();  // each piece taken fails with it
-  }
+  Decoder decoder(*m_writer.m_state);
   for (;;) {
     Slot* slot = nullptr;
     {
@@ -721,17 +760,7 @@ void RecordWriter::Pieces::work() {
       if (sh.stop) return;
       slot = &sh.at(sh.taken++);
     }
-    try {
-      if (setUp) std::rethrow_exception(setUp);
-      writer->records(RecordView(*s.block, slot->data, slot->size, slot->reverse), slot->first);
-    } catch (...) {
-      slot->failure = std::current_exception();
-    }
-    // The text goes to the slot and the slot's emptied buffer comes back, so that no text is copied here.
-    out.text().swap(slot->out.text());
-    out.text().clear();
-    std::swap(warnings, slot->warnings);
-    warnings.clear();
+    decoder.decode(*slot, *m_writer.m_state->block);
     {
       const std::lock_guard lock(sh.mutex);
       slot->done = true;
