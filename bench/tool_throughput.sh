@@ -7,7 +7,7 @@
 # the medians of the runs: MB/s of input bytes by wall time and by CPU time (user + system), and the peak
 # resident memory from /usr/bin/time -v.
 #
-# `decode --format csv --jobs 2` runs on both cores (taskset is left out for it), so its wall-clock rate
+# `decode --format csv --jobs 2` runs on every core (taskset gives it all of them), so its wall-clock rate
 # against the one-job row's is the speed-up of the second job; measure it when the machine is otherwise idle,
 # with more runs than the default (`bench/tool_throughput.sh 1 15 'csv( --jobs 2)? \('`).
 #
@@ -48,7 +48,7 @@ measure() {  # LABEL SIZED ARGS...
   local label=$1 input=$2 pin=(taskset -c "$cpu")
   shift 2
   wanted "$label" || return 0
-  [[ " $* " == *" --jobs "* ]] && pin=()
+  [[ " $* " == *" --jobs "* ]] && pin=(taskset -c "0-$(($(nproc) - 1))")  # every core, the same start-up
   local bytes walls=() cpus=() peak=0 log
   bytes=$(stat -c %s "$input")
   log=$(mktemp)
