@@ -51,9 +51,9 @@ bool isBinaryType(int32_t dataType) noexcept {
 
 // Bytes a binary value is read from, from its field's start: a double always 8, as many of them as the
 // `readable` bytes to the data's end hold; any other type its width, as many as the field's `length` holds.
-int64_t binaryTake(int32_t dataType, int64_t length, int64_t readable) noexcept {
-  if (ftype::rulesOf(dataType).binary == ftype::Binary::Double) return std::min<int64_t>(8, readable);
-  return std::min<int64_t>(length, ftype::binaryWidth(dataType));
+int64_t binaryTake(const ftype::Rules& rules, int64_t length, int64_t readable) noexcept {
+  if (rules.binary == ftype::Binary::Double) return std::min<int64_t>(8, readable);
+  return std::min<int64_t>(length, rules.width);
 }
 
 // Up to 8 little-endian bytes as the low-order bytes of a zeroed 8-byte value.
@@ -222,15 +222,16 @@ bool KXBlockDataProc::appendField(const FieldInfo* info, int32_t index, bool ask
   if (info == nullptr || !buffer().data() || index < 0 || index >= buffer().validCount()) return false;
   const int32_t length = info->nLength;
   const int32_t type = info->nDataType;
-  if (length <= 0 || !ftype::isKnown(type)) return false;
+  const ftype::Rules& rules = ftype::rulesOf(type);
+  if (length <= 0 || rules.layout == ftype::Layout::Unknown) return false;
   const size_t oldSize = out.size();
   try {
     const int64_t offset = buffer().recordOffset(index, info->nDataPos, readRecordSize(m_oBlockInfo));
     const uint8_t* field = buffer().span(offset, length);
     if (field == nullptr) return false;
     bool shown;
-    if (isBinaryType(type)) {
-      const int64_t take = binaryTake(type, length, buffer().size() - offset);
+    if (rules.width > 0) {
+      const int64_t take = binaryTake(rules, length, buffer().size() - offset);
       shown = appendBinary(out, type, info->nDecimalLen, RawValue(asText(field, take)), 0);
     } else {
       const auto textEncoding = [this, askMode] {
@@ -383,14 +384,15 @@ std::string KXBlockDataProc::getDataValueAllIdxFromName(std::string_view name) c
 bool detail::appendDisplayValue(std::string& out, const FieldInfo& info, std::string_view bytes,
                                 int64_t readable, uint32_t textEncoding, uint32_t ownEncoding) noexcept {
   const int32_t type = info.nDataType;
-  if (info.nLength <= 0 || !ftype::isKnown(type) || bytes.data() == nullptr ||
+  const ftype::Rules& rules = ftype::rulesOf(type);
+  if (info.nLength <= 0 || rules.layout == ftype::Layout::Unknown || bytes.data() == nullptr ||
       static_cast<int64_t>(bytes.size()) < info.nLength || readable < info.nLength)
     return false;
   const size_t oldSize = out.size();
   try {
     bool shown;
-    if (isBinaryType(type)) {
-      const int64_t take = binaryTake(type, info.nLength, readable);
+    if (rules.width > 0) {
+      const int64_t take = binaryTake(rules, info.nLength, readable);
       shown =
           appendBinary(out, type, info.nDecimalLen, RawValue({bytes.data(), static_cast<size_t>(take)}), 0);
     } else {

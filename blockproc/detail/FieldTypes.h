@@ -55,8 +55,9 @@ struct Rules {
   bool places;    // decimal places take part in the value: a binary float or double, any text type
 };
 
-// Indexed by the type code (FieldDataType).
-inline constexpr std::array<Rules, 7> kRules{{
+// Indexed by the type code (FieldDataType). Not inline: each library file reads its own copy directly
+// rather than through the shared library's symbol table.
+constexpr std::array<Rules, 7> kRules{{
     {"text", Layout::Text, Binary::None, Write::Text, 0, true},
     {"number", Layout::NumberText, Binary::None, Write::NumberText, 0, true},
     {"int16", Layout::Binary, Binary::Int16, Write::Binary, 2, false},
@@ -66,7 +67,7 @@ inline constexpr std::array<Rules, 7> kRules{{
     // Read as an int64; the main writer writes its digits as text, the positional writer leaves it.
     {"sint64", Layout::Binary, Binary::Int64, Write::DigitText, 8, false},
 }};
-inline constexpr Rules kUnknownType{"unknown", Layout::Unknown, Binary::None, Write::DigitText, 0, false};
+constexpr Rules kUnknownType{"unknown", Layout::Unknown, Binary::None, Write::DigitText, 0, false};
 
 // The rules of a type code; kUnknownType for a code no type has.
 constexpr const Rules& rulesOf(int32_t type) noexcept {

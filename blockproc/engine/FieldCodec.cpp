@@ -141,10 +141,6 @@ void putBinary(uint8_t* out, const void* value, size_t width, int32_t length) {
     fillBytes(out + width, kSpace, static_cast<size_t>(length) - width);
 }
 
-bool isInt16(const FieldInfo& field) {
-  return ftype::rulesOf(field.nDataType).binary == ftype::Binary::Int16;
-}
-
 // Copies `text` at `at` and gives the end.
 uint8_t* put(uint8_t* at, std::string_view text) {
   copyBytes(at, text.data(), text.size());
@@ -175,7 +171,7 @@ FieldEncoder::FieldEncoder(const FieldInfo& field, uint32_t encoding) noexcept
       m_kind = Kind::Text;
     } else if (places >= 0 && (places == 0 || field.nLength > places)) {
       // A number field whose length leaves room for its places; the others read back otherwise.
-      m_kind = Kind::Number;
+      m_kind = rules.layout == ftype::Layout::Text ? Kind::TextNumber : Kind::Number;
       m_places = places;
     }
     return;
@@ -183,8 +179,10 @@ FieldEncoder::FieldEncoder(const FieldInfo& field, uint32_t encoding) noexcept
   if (rules.layout != ftype::Layout::Binary || m_length < rules.width) return;
   switch (rules.binary) {
     case ftype::Binary::Int16:
+      m_kind = Kind::Int16;
+      return;
     case ftype::Binary::Int64:
-      m_kind = Kind::Integer;
+      m_kind = Kind::Int64;
       return;
     case ftype::Binary::Float:
       if (places >= 0) m_kind = Kind::Float;
@@ -206,9 +204,11 @@ bool FieldEncoder::encode(std::string_view value, uint8_t* out, std::string& why
       done = encodeText(value, out);
       break;
     case Kind::Number:
+    case Kind::TextNumber:
       done = encodeNumber(value, out);
       break;
-    case Kind::Integer:
+    case Kind::Int16:
+    case Kind::Int64:
       done = encodeInteger(value, out);
       break;
     case Kind::Float:
@@ -298,8 +298,7 @@ bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
   uint8_t* at = out;
   if (pointWritten && std::max<int64_t>(digits, 1) <= withPoint) {
     const int64_t used = sign + std::max<int64_t>(digits, 1) + (places > 0 ? places + 1 : 0);
-    const bool leftAligned =
-        ftype::rulesOf(m_field->nDataType).layout == ftype::Layout::Text;  // spaces after
+    const bool leftAligned = m_kind == Kind::TextNumber;  // spaces after
     if (p.negative) *at++ = '-';
     if (!leftAligned) at = zeros(at, length - used);
     at = digits == 0 ? zeros(at, 1) : put(at, p.integer);
@@ -340,7 +339,7 @@ bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
     v = v * 10 + (text[i] - '0');
   }
   if (from == 1) v = -v;
-  if (isInt16(*m_field)) {
+  if (m_kind == Kind::Int16) {
     if (v < -32768 || v > 32767) return false;
     const auto narrow = static_cast<int16_t>(v);
     putBinary(out, &narrow, sizeof narrow, m_length);
@@ -480,7 +479,7 @@ double shownAs(float value, int32_t places) {
 // any other field or when the digits do not fit that way (the caller then takes the text way).
 bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
   const int32_t places = m_places, length = m_length;
-  if (ftype::rulesOf(m_field->nDataType).layout != ftype::Layout::NumberText) return false;
+  if (m_kind != Kind::Number) return false;
   const bool negative = value < 0;
   const int32_t sign = negative ? 1 : 0;
   const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
@@ -530,9 +529,7 @@ bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
 // place that is not zero).
 FieldEncoder::ScaledLayout FieldEncoder::scaledLayout(int32_t places) const noexcept {
   ScaledLayout layout;
-  if (m_kind != Kind::Number || places != m_places ||
-      ftype::rulesOf(m_field->nDataType).layout != ftype::Layout::NumberText || m_length > 16)
-    return layout;
+  if (m_kind != Kind::Number || places != m_places || m_length > 16) return layout;
   const bool implied = places == 0 || m_field->bImpliedPoint;
   layout.places = places;
   layout.length = m_length;
@@ -616,9 +613,10 @@ bool FieldEncoder::writeScaled(const ScaledLayout& layout, int64_t value, uint8_
 }
 
 bool FieldEncoder::encodeScaled(int64_t value, int32_t places, uint8_t* out, std::string& why) {
-  if (m_kind == Kind::Integer && places == 0 && (!isInt16(*m_field) || (value >= -32768 && value <= 32767))) {
+  if ((m_kind == Kind::Int64 || m_kind == Kind::Int16) && places == 0 &&
+      (m_kind == Kind::Int64 || (value >= -32768 && value <= 32767))) {
     std::memset(out, kSpace, static_cast<size_t>(m_length));
-    if (isInt16(*m_field)) {
+    if (m_kind == Kind::Int16) {
       const auto narrow = static_cast<int16_t>(value);
       std::memcpy(out, &narrow, sizeof narrow);
     } else {
