@@ -46,7 +46,7 @@ int64_t readRecordSize(const BlockInfo* block) {
 }
 
 bool isBinaryType(int32_t dataType) noexcept {
-  return ftype::binaryWidth(dataType) > 0;
+  return ftype::isBinary(dataType);
 }
 
 // Bytes a binary value is read from, from its field's start: a double always 8, as many of them as the
@@ -222,16 +222,15 @@ bool KXBlockDataProc::appendField(const FieldInfo* info, int32_t index, bool ask
   if (info == nullptr || !buffer().data() || index < 0 || index >= buffer().validCount()) return false;
   const int32_t length = info->nLength;
   const int32_t type = info->nDataType;
-  const ftype::Rules& rules = ftype::rulesOf(type);
-  if (length <= 0 || rules.layout == ftype::Layout::Unknown) return false;
+  if (length <= 0 || !ftype::isKnown(type)) return false;
   const size_t oldSize = out.size();
   try {
     const int64_t offset = buffer().recordOffset(index, info->nDataPos, readRecordSize(m_oBlockInfo));
     const uint8_t* field = buffer().span(offset, length);
     if (field == nullptr) return false;
     bool shown;
-    if (rules.width > 0) {
-      const int64_t take = binaryTake(rules, length, buffer().size() - offset);
+    if (isBinaryType(type)) {
+      const int64_t take = binaryTake(ftype::rulesOf(type), length, buffer().size() - offset);
       shown = appendBinary(out, type, info->nDecimalLen, RawValue(asText(field, take)), 0);
     } else {
       const auto textEncoding = [this, askMode] {

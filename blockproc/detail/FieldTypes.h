@@ -71,8 +71,7 @@ constexpr Rules kUnknownType{"unknown", Layout::Unknown, Binary::None, Write::Di
 
 // The rules of a type code; kUnknownType for a code no type has.
 constexpr const Rules& rulesOf(int32_t type) noexcept {
-  return type >= 0 && type < static_cast<int32_t>(kRules.size()) ? kRules[static_cast<size_t>(type)]
-                                                                 : kUnknownType;
+  return static_cast<uint32_t>(type) < kRules.size() ? kRules[static_cast<uint32_t>(type)] : kUnknownType;
 }
 
 // The type code of a definition file's type name, or -1.
@@ -84,13 +83,26 @@ constexpr int32_t typeOfName(std::string_view name) noexcept {
 
 // Whether the code is one of the types.
 constexpr bool isKnown(int32_t type) noexcept {
-  return rulesOf(type).layout != Layout::Unknown;
+  return static_cast<uint32_t>(type) < kRules.size();
 }
 
 // Whether the bytes are text of some kind (text or numeric text).
 constexpr bool isText(int32_t type) noexcept {
   const Layout layout = rulesOf(type).layout;
   return layout == Layout::Text || layout == Layout::NumberText;
+}
+
+// Bit t set for each binary type code t: a test of the code that reads no memory, for the per-field paths.
+constexpr uint32_t kBinaryTypes = [] {
+  uint32_t bits = 0;
+  for (size_t i = 0; i < kRules.size(); ++i)
+    if (kRules[i].layout == Layout::Binary) bits |= 1u << i;
+  return bits;
+}();
+
+// Whether the bytes hold a binary value.
+constexpr bool isBinary(int32_t type) noexcept {
+  return static_cast<uint32_t>(type) < kRules.size() && ((kBinaryTypes >> type) & 1u) != 0;
 }
 
 // Bytes of a binary type's value, 0 for a text type or an unknown one.
