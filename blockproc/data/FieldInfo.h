@@ -23,22 +23,6 @@ enum FieldDataType : int32_t {
   kFieldSInt64 = 6,   // 8-byte signed integer (the main writer writes it as digit text)
 };
 
-// Bytes of a binary type's value (types 2 to 6), 0 for a text type or an unknown one.
-constexpr int32_t binaryWidth(int32_t dataType) noexcept {
-  switch (dataType) {
-    case kFieldInt16:
-      return 2;
-    case kFieldFloat:
-      return 4;
-    case kFieldInt64:
-    case kFieldDouble:
-    case kFieldSInt64:
-      return 8;
-    default:
-      return 0;
-  }
-}
-
 class FieldInfo {
  public:
   std::string szKorFieldName, szEngFieldName, szFieldName;

@@ -2,6 +2,7 @@
 // and the helpers every family of operations shares.
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/RecordBuffer.h"
 
@@ -247,7 +248,7 @@ void KXBlockDataProc::layOutDefaults(int32_t count) noexcept {
       for (int32_t i = 0; i < count; ++i) {
         uint8_t* bytes = span(int64_t{i} * r + f->nDataPos, f->nLength);
         if (bytes == nullptr) continue;  // a field outside the record gets no default
-        if (f->nDataType == kFieldNumText) {
+        if (ftype::rulesOf(f->nDataType).layout == ftype::Layout::NumberText) {
           std::memset(bytes, '0', static_cast<size_t>(f->nLength));
           if (f->nDecimalLen > 0 && f->nLength > f->nDecimalLen) bytes[f->nLength - f->nDecimalLen - 1] = '.';
         } else {

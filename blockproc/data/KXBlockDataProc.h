@@ -343,7 +343,6 @@ class KXBlockDataProc {
   bool growRecords(int32_t index, int32_t stride, GrowWipe wipe) noexcept;
   bool encodeValue(std::string_view value, std::string& bytes) const noexcept;
   void routeKeyEncrypted(const FieldInfo& info, std::string_view value) noexcept;
-  static bool writeBinary(uint8_t* field, int32_t length, int32_t dataType, std::string_view value) noexcept;
 
   // -- attributes (KXBlockDataProcAttr.cpp) --
   bool carriesAttr(const FieldInfo& info) const noexcept;

@@ -6,13 +6,12 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <cmath>
 #include <cstring>
 #include <typeinfo>
 
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/detail/DisplayValue.h"
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumericText.h"
@@ -24,8 +23,6 @@
 namespace blockproc {
 
 namespace {
-
-static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
 
 // The all-records read prints an int64 at least this wide, zero-padded after any sign.
 constexpr int32_t kJoinedInt64Width = 6;
@@ -49,7 +46,14 @@ int64_t readRecordSize(const BlockInfo* block) {
 }
 
 bool isBinaryType(int32_t dataType) noexcept {
-  return binaryWidth(dataType) > 0;
+  return ftype::isBinary(dataType);
+}
+
+// Bytes a binary value is read from, from its field's start: a double always 8, as many of them as the
+// `readable` bytes to the data's end hold; any other type its width, as many as the field's `length` holds.
+int64_t binaryTake(const ftype::Rules& rules, int64_t length, int64_t readable) noexcept {
+  if (rules.binary == ftype::Binary::Double) return std::min<int64_t>(8, readable);
+  return std::min<int64_t>(length, rules.width);
 }
 
 // Up to 8 little-endian bytes as the low-order bytes of a zeroed 8-byte value.
@@ -66,45 +70,11 @@ struct RawValue {
   }
 };
 
-// 10 to the power `places`; exact in a double up to 10^22, as std::pow gives them.
-double powerOfTen(int32_t places) noexcept {
-  if (places >= 0 && places < static_cast<int32_t>(num::kExactPowersOfTen.size()))
-    return num::kExactPowersOfTen[static_cast<size_t>(places)];
-  return std::pow(10.0, places);
-}
-
 // Appends the display form of a binary value; `int64Width` is the zero-padded width of a type-3 value
 // (0 for none). False for places the readers refuse.
 bool appendBinary(std::string& out, int32_t dataType, int32_t places, const RawValue& value,
                   int32_t int64Width) {
-  switch (dataType) {
-    case kFieldInt16:
-      num::appendInt(out, value.as<int16_t>());
-      return true;
-    case kFieldInt64:
-      if (int64Width > 0) {
-        num::appendZeroPadded(out, value.as<int64_t>(), int64Width);
-      } else {
-        num::appendInt(out, value.as<int64_t>());
-      }
-      return true;
-    case kFieldSInt64:
-      num::appendInt(out, value.as<int64_t>());
-      return true;
-    case kFieldFloat: {
-      if (places > num::kMaxDecimalPlaces) return false;
-      // Divided in double precision, stored back as a float, printed as a double.
-      const float scaled = num::narrowToFloat(static_cast<double>(value.as<float>()) / powerOfTen(places));
-      num::appendFixed(out, static_cast<double>(scaled), places);
-      return true;
-    }
-    case kFieldDouble:
-      if (places > num::kMaxDecimalPlaces) return false;
-      num::appendFixed(out, value.as<double>(), places);
-      return true;
-    default:
-      return false;
-  }
+  return ftype::appendShown(out, dataType, value.bytes.data(), places, int64Width);
 }
 
 // Appended text (from `from` on) that ends in an ideographic space loses its space separators and TABs at
@@ -173,13 +143,6 @@ constexpr int64_t kUsualRoom = 128;
 static_assert(num::kIntRoom <= kUsualRoom && num::kFixedRoom <= kUsualRoom &&
               codec::decodeRoom(text::LongText::kWidth) <= kUsualRoom);
 
-template <typename T>
-T loadValue(const uint8_t* bytes) noexcept {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
-
 // Writes the display form of a text field read by blocks at dst and gives the end, or nullptr (see above).
 template <int Blocks, typename TextEncoding>
 char* writeBlockText(char* dst, const text::BlockText<Blocks>& text, const uint8_t* field, int32_t places,
@@ -220,22 +183,18 @@ char* writeUsualField(char* dst, const FieldInfo& info, const uint8_t* field, in
                       TextEncoding textEncoding, bool ownKnown) noexcept {
   const int32_t length = info.nLength;
   const int32_t places = info.nDecimalLen;
-  switch (info.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
+  const ftype::Rules& rules = ftype::rulesOf(info.nDataType);
+  switch (rules.layout) {
+    case ftype::Layout::Text:
+    case ftype::Layout::NumberText:
       return writeUsualText(dst, field, length, readable, places, textEncoding, ownKnown);
-    case kFieldInt16:
-      return length >= 2 ? num::writeInt(dst, loadValue<int16_t>(field)) : nullptr;
-    case kFieldInt64:
-    case kFieldSInt64:
-      return length >= 8 ? num::writeInt(dst, loadValue<int64_t>(field)) : nullptr;
-    case kFieldFloat: {
-      if (length < 4 || places < 0 || places > 18) return nullptr;
-      const double value = static_cast<double>(loadValue<float>(field)) / powerOfTen(places);
-      return num::writeFixed(dst, static_cast<double>(num::narrowToFloat(value)), places);
-    }
-    case kFieldDouble:
-      return readable >= 8 ? num::writeFixed(dst, loadValue<double>(field), places) : nullptr;
+    case ftype::Layout::Binary:
+      // The usual binary value lies whole in the field (a double's 8 bytes in the buffer), a float's places
+      // within what the fixed writer takes.
+      if (rules.binary == ftype::Binary::Double ? readable < 8 : length < rules.width) return nullptr;
+      if (rules.binary == ftype::Binary::Float && (places < 0 || places > 18)) return nullptr;
+      return ftype::writeShown(dst, rules.binary, field, places);
+    case ftype::Layout::Unknown:
     default:
       return nullptr;
   }
@@ -263,7 +222,7 @@ bool KXBlockDataProc::appendField(const FieldInfo* info, int32_t index, bool ask
   if (info == nullptr || !buffer().data() || index < 0 || index >= buffer().validCount()) return false;
   const int32_t length = info->nLength;
   const int32_t type = info->nDataType;
-  if (length <= 0 || type < kFieldText || type > kFieldSInt64) return false;
+  if (length <= 0 || !ftype::isKnown(type)) return false;
   const size_t oldSize = out.size();
   try {
     const int64_t offset = buffer().recordOffset(index, info->nDataPos, readRecordSize(m_oBlockInfo));
@@ -271,9 +230,7 @@ bool KXBlockDataProc::appendField(const FieldInfo* info, int32_t index, bool ask
     if (field == nullptr) return false;
     bool shown;
     if (isBinaryType(type)) {
-      // Type 5 always takes 8 bytes from the field's start, as many as the buffer holds.
-      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, buffer().size() - offset)
-                                                : std::min<int64_t>(length, binaryWidth(type));
+      const int64_t take = binaryTake(ftype::rulesOf(type), length, buffer().size() - offset);
       shown = appendBinary(out, type, info->nDecimalLen, RawValue(asText(field, take)), 0);
     } else {
       const auto textEncoding = [this, askMode] {
@@ -387,7 +344,7 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
   if (info == nullptr || !buffer().data() || buffer().validCount() <= 0) return out;
   const int64_t length = info->nLength;
   const int32_t type = info->nDataType;
-  if (length <= 0 || type < kFieldText || type > kFieldSInt64) return out;
+  if (length <= 0 || !ftype::isKnown(type)) return out;
   // The records lie at offsets linear in their index: when the first and the last valid record hold the
   // field inside the buffer, every record between them does too.
   try {
@@ -400,7 +357,7 @@ std::string KXBlockDataProc::getFieldDataAllIdxFromInfo(const FieldInfo* info) c
     if (!isBinaryType(type) && buffer().validCount() > buffer().size() / length) [[unlikely]]
       return out;
     // Binary types need only the first value's bytes of the joined run; text needs all of it.
-    const int64_t wanted = isBinaryType(type) ? binaryWidth(type) : length * buffer().validCount();
+    const int64_t wanted = isBinaryType(type) ? ftype::binaryWidth(type) : length * buffer().validCount();
     std::string joined;
     joined.reserve(static_cast<size_t>(wanted));
     for (int64_t i = 0; i <= last && static_cast<int64_t>(joined.size()) < wanted; ++i) {
@@ -426,16 +383,15 @@ std::string KXBlockDataProc::getDataValueAllIdxFromName(std::string_view name) c
 bool detail::appendDisplayValue(std::string& out, const FieldInfo& info, std::string_view bytes,
                                 int64_t readable, uint32_t textEncoding, uint32_t ownEncoding) noexcept {
   const int32_t type = info.nDataType;
-  if (info.nLength <= 0 || type < kFieldText || type > kFieldSInt64 || bytes.data() == nullptr ||
+  const ftype::Rules& rules = ftype::rulesOf(type);
+  if (info.nLength <= 0 || rules.layout == ftype::Layout::Unknown || bytes.data() == nullptr ||
       static_cast<int64_t>(bytes.size()) < info.nLength || readable < info.nLength)
     return false;
   const size_t oldSize = out.size();
   try {
     bool shown;
-    if (isBinaryType(type)) {
-      // Type 5 always takes 8 bytes from the field's start, as many as there are.
-      const int64_t take = type == kFieldDouble ? std::min<int64_t>(8, readable)
-                                                : std::min<int64_t>(info.nLength, binaryWidth(type));
+    if (rules.width > 0) {
+      const int64_t take = binaryTake(rules, info.nLength, readable);
       shown =
           appendBinary(out, type, info.nDecimalLen, RawValue({bytes.data(), static_cast<size_t>(take)}), 0);
     } else {

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cstring>
 #include <string>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumberParse.h"
@@ -101,42 +101,6 @@ void KXBlockDataProc::routeKeyEncrypted(const FieldInfo& info, std::string_view 
   }
 }
 
-// Writes the binary form of the value's leading number for types 2 to 5 into the field bytes (low-order
-// bytes when the field is shorter than the width). False for any other type.
-bool KXBlockDataProc::writeBinary(uint8_t* field, int32_t length, int32_t dataType,
-                                  std::string_view value) noexcept {
-  uint8_t bytes[8];
-  size_t width;
-  switch (dataType) {
-    case kFieldInt16: {
-      // Read as 32 bits, stored as its low 16 bits (two's complement).
-      const auto v = static_cast<uint16_t>(static_cast<uint32_t>(num::parseInt32(value)));
-      std::memcpy(bytes, &v, width = 2);
-      break;
-    }
-    case kFieldInt64: {
-      const int64_t v = num::parseInt64(value);
-      std::memcpy(bytes, &v, width = 8);
-      break;
-    }
-    case kFieldFloat: {
-      const float v = num::narrowToFloat(num::parseLeadingDouble(value));
-      std::memcpy(bytes, &v, width = 4);
-      break;
-    }
-    case kFieldDouble: {
-      const double v = num::parseLeadingDouble(value);
-      std::memcpy(bytes, &v, width = 8);
-      break;
-    }
-    default:
-      return false;
-  }
-  static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
-  if (length > 0) std::memcpy(field, bytes, std::min(width, static_cast<size_t>(length)));
-  return true;
-}
-
 // ---- main writer ----------------------------------------------------------------------------------------
 
 bool KXBlockDataProc::setFieldDataFromName(std::string_view name, int32_t index,
@@ -168,23 +132,7 @@ bool KXBlockDataProc::setFieldDataFromInfo(const FieldInfo* info, int32_t index,
     // The descriptor's call may have written into this processor and replaced its buffer.
     field = span(offset, length);
     if (field == nullptr) return false;
-    switch (info->nDataType) {
-      case kFieldText:
-        std::memcpy(field, bytes.data(), std::min(bytes.size(), static_cast<size_t>(length)));
-        break;
-      case kFieldNumText:
-        num::layoutNumericText(field, length, info->nDecimalLen, *value, bytes);
-        break;
-      case kFieldInt16:
-      case kFieldInt64:
-      case kFieldFloat:
-      case kFieldDouble:
-        writeBinary(field, length, info->nDataType, *value);
-        break;
-      default:
-        num::layoutDigitText(field, length, bytes);
-        break;
-    }
+    ftype::layOut(field, length, info->nDataType, info->nDecimalLen, *value, bytes);
   } catch (...) {
   }
   return false;
@@ -217,17 +165,18 @@ int32_t KXBlockDataProc::setFieldDataExFromInfo(const FieldInfo* info, int32_t i
       return next;
     }
     if (!converted || length <= 0) return next;
-    const int32_t type = info->nDataType;
-    if (type == kFieldText || type == kFieldNumText) {
+    const ftype::Rules& rules = ftype::rulesOf(info->nDataType);
+    if (ftype::isText(info->nDataType)) {
       const int32_t places = info->nDecimalLen;
       if (places < 0 || places > num::kMaxDecimalPlaces) return next;
       const std::string text = num::roundedFixedText(num::parseLeadingDouble(*value), places);
       if (!encodeValue(text, bytes)) return next;
       const auto n = static_cast<int32_t>(std::min(bytes.size(), static_cast<size_t>(length)));
       if (uint8_t* at = span(nPos, n)) std::memcpy(at, bytes.data(), static_cast<size_t>(n));
-    } else if (type != kFieldSInt64) {  // binary types 2 to 5; type 6 is left as it is
-      const int32_t width = std::min(binaryWidth(type), length);
-      if (uint8_t* at = width > 0 ? span(nPos, width) : nullptr) writeBinary(at, width, type, *value);
+    } else if (rules.write == ftype::Write::Binary) {  // an sint64, written as digits elsewhere, is left
+      const int32_t width = std::min(rules.width, length);
+      if (uint8_t* at = width > 0 ? span(nPos, width) : nullptr)
+        ftype::storeBinary(at, width, rules.binary, *value);
     }
   } catch (...) {
   }
@@ -253,7 +202,7 @@ bool KXBlockDataProc::setFieldDataFromInfoEX(const FieldInfo* info, int32_t inde
     if (field == nullptr) return false;
     std::memset(field, kSpace, static_cast<size_t>(length));
     buffer().setValidCount(index + 1);
-    if (value == nullptr || info->nDataType != kFieldText) return false;
+    if (value == nullptr || ftype::rulesOf(info->nDataType).layout != ftype::Layout::Text) return false;
     std::memcpy(field, value, strnlen(value, static_cast<size_t>(length)));
   } catch (...) {
   }

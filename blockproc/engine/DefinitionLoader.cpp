@@ -18,6 +18,7 @@
 #include <pugixml.hpp>
 
 #include "blockproc/data/KXBlockDataProc.h"
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/TextCodec.h"
@@ -36,23 +37,14 @@ constexpr int64_t kMaxBlockBytes = int64_t{64} << 20;
 constexpr int32_t kMaxOccursLen = 9;
 constexpr int32_t kMaxFloatPlaces = 30;
 
-struct TypeName {
-  std::string_view name;
-  int32_t code;
-  int32_t width;  // bytes of a binary type, 0 for the text types
-};
-constexpr std::array<TypeName, 7> kTypes{{{"text", kFieldText, 0},
-                                          {"number", kFieldNumText, 0},
-                                          {"int16", kFieldInt16, 2},
-                                          {"int64", kFieldInt64, 8},
-                                          {"float", kFieldFloat, 4},
-                                          {"double", kFieldDouble, 8},
-                                          {"sint64", kFieldSInt64, 8}}};
-
-const TypeName* findType(std::string_view name) {
-  for (const auto& t : kTypes)
-    if (t.name == name) return &t;
-  return nullptr;
+// The type names a definition may give: "text, number, ... or sint64".
+std::string typeNames() {
+  std::string names;
+  for (size_t i = 0; i < ftype::kRules.size(); ++i) {
+    if (i > 0) names += i + 1 < ftype::kRules.size() ? ", " : " or ";
+    names += ftype::kRules[i].name;
+  }
+  return names;
 }
 
 // A document that is not XML, or a rule of the format broken at a line; caught by the loader and turned into
@@ -348,25 +340,25 @@ class Loader {
     if (block.getFieldInfoFromName(name) != nullptr)
       fail(node, "block " + block.m_szBlockName + " already has a field named " + quoted(name));
     const std::string typeName = required(node, "type");
-    const TypeName* type = findType(typeName);
-    if (type == nullptr)
-      fail(node, "field " + quoted(name) + ": unknown type " + quoted(typeName) +
-                     " (expected text, number, int16, int64, float, double or sint64)");
+    const int32_t type = ftype::typeOfName(typeName);
+    if (type < 0)
+      fail(node, "field " + quoted(name) + ": unknown type " + quoted(typeName) + " (expected " +
+                     typeNames() + ")");
 
     int32_t length;
-    if (type->width > 0) {
-      length = static_cast<int32_t>(number(node, "length", 1, kMaxFieldBytes, type->width));
-      if (length != type->width)
-        fail(node, "field " + quoted(name) + " of type " + typeName + " is " + std::to_string(type->width) +
+    if (const int32_t width = ftype::binaryWidth(type); width > 0) {
+      length = static_cast<int32_t>(number(node, "length", 1, kMaxFieldBytes, width));
+      if (length != width)
+        fail(node, "field " + quoted(name) + " of type " + typeName + " is " + std::to_string(width) +
                        " bytes long, not " + std::to_string(length) + "; leave 'length' out");
     } else {
       if (!node.attribute("length")) fail(node, "field " + quoted(name) + " needs the attribute 'length'");
       length = static_cast<int32_t>(number(node, "length", 1, kMaxFieldBytes, 0));
     }
-    const int32_t decimals = readDecimals(node, name, *type, length);
+    const int32_t decimals = readDecimals(node, name, type, length);
     const int32_t pos = static_cast<int32_t>(number(node, "pos", 0, kMaxFieldBytes, -1));
 
-    FieldInfo& field = block.addField(std::move(name), type->code, length, decimals, pos);
+    FieldInfo& field = block.addField(std::move(name), type, length, decimals, pos);
     field.szKorFieldName = valueOf(node.attribute("kor"));
     field.szEngFieldName = valueOf(node.attribute("eng"));
     field.nAttr = flag(node, "attr") ? 1 : 0;
@@ -388,13 +380,11 @@ class Loader {
     if (v != "implied" && v != "explicit")
       fail(node,
            "field " + quoted(field.szFieldName) + ": 'point' must be implied or explicit, not " + quoted(v));
-    const bool number =
-        field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
-    if (!number)
+    if (!ftype::holdsNumberText(field))
       fail(node, "field " + quoted(field.szFieldName) +
                      ": 'point' applies to number fields (type number, or " + "text with decimals), not to " +
                      dataTypeName(field.nDataType) +
-                     (field.nDataType == kFieldText ? " without decimals" : ""));
+                     (ftype::isText(field.nDataType) ? " without decimals" : ""));
     return v == "implied";
   }
 
@@ -415,26 +405,23 @@ class Loader {
                      "(<field>@attr, <field>@hex, @block, @record); rename the field");
   }
 
-  int32_t readDecimals(const pugi::xml_node& node, const std::string& name, const TypeName& type,
+  // Decimal places: text and number fields up to their length less the point's byte, a float or a double
+  // up to kMaxFloatPlaces, none for an integer.
+  int32_t readDecimals(const pugi::xml_node& node, const std::string& name, int32_t type,
                        int32_t length) const {
-    switch (type.code) {
-      case kFieldText:
-      case kFieldNumText: {
-        const auto decimals = static_cast<int32_t>(number(node, "decimals", 0, kMaxFieldBytes, 0));
-        if (decimals >= length && decimals > 0)
-          fail(node, "field " + quoted(name) + " has " + std::to_string(decimals) + " decimals in " +
-                         std::to_string(length) + " bytes; it needs at least one byte more for the point");
-        return decimals;
-      }
-      case kFieldFloat:
-      case kFieldDouble:
-        return static_cast<int32_t>(number(node, "decimals", 0, kMaxFloatPlaces, 0));
-      default:
-        if (number(node, "decimals", 0, kMaxFieldBytes, 0) != 0)
-          fail(node,
-               "field " + quoted(name) + " of type " + std::string(type.name) + " cannot have decimals");
-        return 0;
+    if (ftype::isText(type)) {
+      const auto decimals = static_cast<int32_t>(number(node, "decimals", 0, kMaxFieldBytes, 0));
+      if (decimals >= length && decimals > 0)
+        fail(node, "field " + quoted(name) + " has " + std::to_string(decimals) + " decimals in " +
+                       std::to_string(length) + " bytes; it needs at least one byte more for the point");
+      return decimals;
     }
+    if (ftype::rulesOf(type).places)
+      return static_cast<int32_t>(number(node, "decimals", 0, kMaxFloatPlaces, 0));
+    if (number(node, "decimals", 0, kMaxFieldBytes, 0) != 0)
+      fail(node, "field " + quoted(name) + " of type " + std::string(ftype::rulesOf(type).name) +
+                     " cannot have decimals");
+    return 0;
   }
 
   // The rules that need the whole block, or earlier blocks: overlaps, sizes, attribute sources, counts.
@@ -598,11 +585,7 @@ class Loader {
     if (earlier->block->isOccursBlock())
       fail(source.line, "block " + name + " takes its record count from " + quoted(count) + ", but " +
                             blockName + " is repeated; the count must come from a one-record block");
-    const bool whole =
-        field->nDataType == kFieldInt16 || field->nDataType == kFieldInt64 ||
-        field->nDataType == kFieldSInt64 ||
-        ((field->nDataType == kFieldText || field->nDataType == kFieldNumText) && field->nDecimalLen == 0);
-    if (!whole)
+    if (!ftype::holdsWholeNumber(*field))
       fail(source.line, "block " + name + " takes its record count from " + quoted(count) +
                             ", which is not a whole-number field");
   }
@@ -713,14 +696,11 @@ std::string nameProblem(std::string_view name) {
 }
 
 int32_t dataTypeFromName(std::string_view name) noexcept {
-  const TypeName* type = findType(name);
-  return type != nullptr ? type->code : -1;
+  return ftype::typeOfName(name);
 }
 
 const char* dataTypeName(int32_t dataType) noexcept {
-  for (const auto& t : kTypes)
-    if (t.code == dataType) return t.name.data();
-  return "unknown";
+  return ftype::rulesOf(dataType).name.data();
 }
 
 }  // namespace blockproc

@@ -10,6 +10,7 @@
 #include <limits>
 #include <system_error>
 
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumberParse.h"
@@ -146,27 +147,6 @@ uint8_t* put(uint8_t* at, std::string_view text) {
   return at + text.size();
 }
 
-// The processor's binary writer: the value read as the type, little-endian, cut to the field's length.
-void writeBinary(uint8_t* field, int32_t length, int32_t type, std::string_view value) {
-  uint8_t bytes[8];
-  size_t width = 0;
-  if (type == kFieldInt16) {
-    const auto v = static_cast<uint16_t>(static_cast<uint32_t>(num::parseInt32(value)));
-    std::memcpy(bytes, &v, width = 2);
-  } else if (type == kFieldInt64) {
-    const int64_t v = num::parseInt64(value);
-    std::memcpy(bytes, &v, width = 8);
-  } else if (type == kFieldFloat) {
-    const float v = num::narrowToFloat(num::parseLeadingDouble(value));
-    std::memcpy(bytes, &v, width = 4);
-  } else {
-    const double v = num::parseLeadingDouble(value);
-    std::memcpy(bytes, &v, width = 8);
-  }
-  static_assert(std::endian::native == std::endian::little, "binary fields are little-endian");
-  if (length > 0) std::memcpy(field, bytes, std::min(width, static_cast<size_t>(length)));
-}
-
 // The processor's main writer for a prepared value written as `type`: the field blanked, then the value's
 // bytes laid out as the type lays them out (nothing when the encoding cannot take them).
 void layOut(const FieldInfo& field, int32_t type, const PreparedValue& prepared, uint32_t encoding,
@@ -176,23 +156,7 @@ void layOut(const FieldInfo& field, int32_t type, const PreparedValue& prepared,
   if (prepared.blank || length == 0) return;
   std::string bytes;
   if (!codec::encodeAppend(encoding, prepared.write, bytes)) return;
-  switch (type) {
-    case kFieldText:
-      std::memcpy(out, bytes.data(), std::min(bytes.size(), static_cast<size_t>(length)));
-      return;
-    case kFieldNumText:
-      num::layoutNumericText(out, length, field.nDecimalLen, prepared.write, bytes);
-      return;
-    case kFieldInt16:
-    case kFieldInt64:
-    case kFieldFloat:
-    case kFieldDouble:
-      writeBinary(out, length, type, prepared.write);
-      return;
-    default:
-      num::layoutDigitText(out, length, bytes);
-      return;
-  }
+  ftype::layOut(out, length, type, field.nDecimalLen, prepared.write, bytes);
 }
 
 }  // namespace
@@ -201,31 +165,33 @@ FieldEncoder::FieldEncoder(const FieldInfo& field, uint32_t encoding) noexcept
     : m_field(&field), m_encoding(encoding), m_length(std::max(field.nLength, 0)) {
   if (field.getKeyEncState() || !codec::isKnownEncoding(encoding)) return;
   const int32_t places = field.nDecimalLen;
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      if (valueKind(field) == ValueKind::Text) {
-        m_kind = Kind::Text;
-      } else if (places >= 0 && (places == 0 || field.nLength > places)) {
-        // A number field whose length leaves room for its places; the others read back otherwise.
-        m_kind = Kind::Number;
-        m_places = places;
-      }
+  const ftype::Rules& rules = ftype::rulesOf(field.nDataType);
+  if (ftype::isText(field.nDataType)) {
+    if (ftype::holdsPlainText(field)) {
+      m_kind = Kind::Text;
+    } else if (places >= 0 && (places == 0 || field.nLength > places)) {
+      // A number field whose length leaves room for its places; the others read back otherwise.
+      m_kind = rules.layout == ftype::Layout::Text ? Kind::TextNumber : Kind::Number;
+      m_places = places;
+    }
+    return;
+  }
+  if (rules.layout != ftype::Layout::Binary || m_length < rules.width) return;
+  switch (rules.binary) {
+    case ftype::Binary::Int16:
+      m_kind = Kind::Int16;
       return;
-    case kFieldInt16:
-      if (m_length >= 2) m_kind = Kind::Integer;
+    case ftype::Binary::Int64:
+      m_kind = Kind::Int64;
       return;
-    case kFieldInt64:
-    case kFieldSInt64:
-      if (m_length >= 8) m_kind = Kind::Integer;
-      return;
-    case kFieldFloat:
-      if (m_length >= 4 && places >= 0) m_kind = Kind::Float;
+    case ftype::Binary::Float:
+      if (places >= 0) m_kind = Kind::Float;
       m_places = places;
       return;
-    case kFieldDouble:
-      if (m_length >= 8 && places >= 0) m_kind = Kind::Double;
+    case ftype::Binary::Double:
+      if (places >= 0) m_kind = Kind::Double;
       return;
+    case ftype::Binary::None:
     default:
       return;
   }
@@ -238,9 +204,11 @@ bool FieldEncoder::encode(std::string_view value, uint8_t* out, std::string& why
       done = encodeText(value, out);
       break;
     case Kind::Number:
+    case Kind::TextNumber:
       done = encodeNumber(value, out);
       break;
-    case Kind::Integer:
+    case Kind::Int16:
+    case Kind::Int64:
       done = encodeInteger(value, out);
       break;
     case Kind::Float:
@@ -330,7 +298,7 @@ bool FieldEncoder::encodeNumber(std::string_view value, uint8_t* out) const {
   uint8_t* at = out;
   if (pointWritten && std::max<int64_t>(digits, 1) <= withPoint) {
     const int64_t used = sign + std::max<int64_t>(digits, 1) + (places > 0 ? places + 1 : 0);
-    const bool leftAligned = m_field->nDataType == kFieldText;  // spaces after
+    const bool leftAligned = m_kind == Kind::TextNumber;  // spaces after
     if (p.negative) *at++ = '-';
     if (!leftAligned) at = zeros(at, length - used);
     at = digits == 0 ? zeros(at, 1) : put(at, p.integer);
@@ -371,7 +339,7 @@ bool FieldEncoder::encodeInteger(std::string_view value, uint8_t* out) const {
     v = v * 10 + (text[i] - '0');
   }
   if (from == 1) v = -v;
-  if (m_field->nDataType == kFieldInt16) {
+  if (m_kind == Kind::Int16) {
     if (v < -32768 || v > 32767) return false;
     const auto narrow = static_cast<int16_t>(v);
     putBinary(out, &narrow, sizeof narrow, m_length);
@@ -511,7 +479,7 @@ double shownAs(float value, int32_t places) {
 // any other field or when the digits do not fit that way (the caller then takes the text way).
 bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
   const int32_t places = m_places, length = m_length;
-  if (m_field->nDataType != kFieldNumText) return false;
+  if (m_kind != Kind::Number) return false;
   const bool negative = value < 0;
   const int32_t sign = negative ? 1 : 0;
   const uint64_t magnitude = negative ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
@@ -561,8 +529,7 @@ bool FieldEncoder::writeRightAligned(int64_t value, uint8_t* out) const {
 // place that is not zero).
 FieldEncoder::ScaledLayout FieldEncoder::scaledLayout(int32_t places) const noexcept {
   ScaledLayout layout;
-  if (m_kind != Kind::Number || places != m_places || m_field->nDataType != kFieldNumText || m_length > 16)
-    return layout;
+  if (m_kind != Kind::Number || places != m_places || m_length > 16) return layout;
   const bool implied = places == 0 || m_field->bImpliedPoint;
   layout.places = places;
   layout.length = m_length;
@@ -646,10 +613,10 @@ bool FieldEncoder::writeScaled(const ScaledLayout& layout, int64_t value, uint8_
 }
 
 bool FieldEncoder::encodeScaled(int64_t value, int32_t places, uint8_t* out, std::string& why) {
-  if (m_kind == Kind::Integer && places == 0 &&
-      (m_field->nDataType != kFieldInt16 || (value >= -32768 && value <= 32767))) {
+  if ((m_kind == Kind::Int64 || m_kind == Kind::Int16) && places == 0 &&
+      (m_kind == Kind::Int64 || (value >= -32768 && value <= 32767))) {
     std::memset(out, kSpace, static_cast<size_t>(m_length));
-    if (m_field->nDataType == kFieldInt16) {
+    if (m_kind == Kind::Int16) {
       const auto narrow = static_cast<int16_t>(value);
       std::memcpy(out, &narrow, sizeof narrow);
     } else {

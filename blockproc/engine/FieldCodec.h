@@ -80,7 +80,8 @@ class FieldEncoder {
   const FieldInfo& field() const noexcept { return *m_field; }
 
  private:
-  enum class Kind : uint8_t { Reference, Text, Number, Integer, Float, Double };
+  // Number: numeric text, right-aligned; TextNumber: a text field with decimals, left-aligned.
+  enum class Kind : uint8_t { Reference, Text, Number, TextNumber, Int16, Int64, Float, Double };
   bool encodeText(std::string_view value, uint8_t* out);
   bool encodeNumber(std::string_view value, uint8_t* out) const;
   bool writeRightAligned(int64_t value, uint8_t* out) const;

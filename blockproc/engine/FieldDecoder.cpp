@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "blockproc/detail/DisplayValue.h"
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/ShortText.h"
@@ -62,13 +63,6 @@ constexpr int64_t kPowersOfTen[] = {1,
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
-}
-
-template <typename T>
-T load(const uint8_t* bytes) noexcept {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
 }
 
 // The runs of digits and zeros of a number are a few bytes: copied as 16 bytes at once where the source
@@ -194,37 +188,39 @@ FieldDecoder::FieldDecoder(const FieldInfo& field, uint32_t encoding) noexcept
       m_known(codec::isKnownEncoding(encoding)),
       m_length(field.nLength),
       m_places(std::max(field.nDecimalLen, 0)) {
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      if (m_valueKind == ValueKind::Number)
-        m_kind =
-            m_length <= kMaxNumberLength && m_places <= kMaxNumberPlaces ? Kind::Number : Kind::Reference;
-      else
-        m_kind = m_length <= kMaxTextLength ? Kind::Text : Kind::Reference;
-      // An implied point adds one character to the digits.
-      m_width = std::max(m_length, 0) + (m_valueKind == ValueKind::Number ? 1 : 0);
-      break;
-    case kFieldInt16:
-      m_kind = m_length >= 2 ? Kind::Int16 : Kind::Reference;
-      m_width = 6;
-      break;
-    case kFieldInt64:
-    case kFieldSInt64:
-      m_kind = m_length >= 8 ? Kind::Int64 : Kind::Reference;
-      m_width = 20;
-      break;
-    case kFieldFloat:
-      m_kind = m_length >= 4 ? Kind::Float : Kind::Reference;
-      m_width = 12 + m_places;
-      break;
-    case kFieldDouble:
-      m_kind = m_length >= 8 ? Kind::Double : Kind::Reference;
-      m_width = 18 + m_places;
-      break;
-    default:
-      m_kind = Kind::Reference;
-      break;
+  const ftype::Rules& rules = ftype::rulesOf(field.nDataType);
+  if (ftype::isText(field.nDataType)) {
+    if (m_valueKind == ValueKind::Number)
+      m_kind = m_length <= kMaxNumberLength && m_places <= kMaxNumberPlaces ? Kind::Number : Kind::Reference;
+    else
+      m_kind = m_length <= kMaxTextLength ? Kind::Text : Kind::Reference;
+    // An implied point adds one character to the digits.
+    m_width = std::max(m_length, 0) + (m_valueKind == ValueKind::Number ? 1 : 0);
+  } else {
+    // Display columns of an int16 ("-32768"), an int64, and a float or a double's usual values.
+    const bool whole = m_length >= rules.width;
+    switch (rules.binary) {
+      case ftype::Binary::Int16:
+        m_kind = whole ? Kind::Int16 : Kind::Reference;
+        m_width = 6;
+        break;
+      case ftype::Binary::Int64:
+        m_kind = whole ? Kind::Int64 : Kind::Reference;
+        m_width = 20;
+        break;
+      case ftype::Binary::Float:
+        m_kind = whole ? Kind::Float : Kind::Reference;
+        m_width = 12 + m_places;
+        break;
+      case ftype::Binary::Double:
+        m_kind = whole ? Kind::Double : Kind::Reference;
+        m_width = 18 + m_places;
+        break;
+      case ftype::Binary::None:
+      default:
+        m_kind = Kind::Reference;
+        break;
+    }
   }
   if (m_length <= 0) m_kind = Kind::Reference;
 }
@@ -236,13 +232,13 @@ char* FieldDecoder::write(const uint8_t* bytes, int64_t readable, char* dst) con
     case Kind::Number:
       return writeNumber(bytes, readable, dst);
     case Kind::Int16:
-      return num::writeInt(dst, load<int16_t>(bytes));
+      return num::writeInt(dst, ftype::load<int16_t>(bytes));
     case Kind::Int64:
-      return num::writeInt(dst, load<int64_t>(bytes));
+      return num::writeInt(dst, ftype::load<int64_t>(bytes));
     case Kind::Float:
-      return writeFloat(load<float>(bytes), dst);
+      return writeFloat(ftype::load<float>(bytes), dst);
     case Kind::Double:
-      return writeDouble(load<double>(bytes), dst);
+      return writeDouble(ftype::load<double>(bytes), dst);
     case Kind::Reference:
     default:
       return nullptr;

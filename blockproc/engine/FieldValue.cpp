@@ -10,6 +10,7 @@
 #include <limits>
 #include <system_error>
 
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumberParse.h"
@@ -28,14 +29,6 @@ constexpr int64_t kMaxExponent = 4000;
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
-}
-
-bool isTextType(const FieldInfo& field) {
-  return field.nDataType == kFieldText || field.nDataType == kFieldNumText;
-}
-
-bool isNumberField(const FieldInfo& field) {
-  return field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
 }
 
 void appendBadByte(std::string& out, uint8_t byte, BadByteStyle style) {
@@ -451,14 +444,15 @@ bool prepareInteger(const FieldInfo& field, const Decimal& d, PreparedValue& p, 
   if (!withPlaces(d, 0, p.write, why)) return false;
   int64_t v = 0;
   const auto [end, ec] = std::from_chars(p.write.data(), p.write.data() + p.write.size(), v);
-  const bool int16 = field.nDataType == kFieldInt16;
+  const bool int16 = ftype::rulesOf(field.nDataType).binary == ftype::Binary::Int16;
   if (ec != std::errc() || (int16 && (v < -32768 || v > 32767))) {
     why += int16 ? "lies outside -32,768 to 32,767"
                  : "lies outside -9,223,372,036,854,775,808 to 9,223,372,036,854,775,807";
     return false;
   }
   p.expected = p.write;
-  if (field.nDataType == kFieldSInt64) p.writeType = kFieldInt64;  // the main writer would write digit text
+  // A type the main writer writes as digit text (sint64) is written as the int64 it is read as.
+  if (ftype::rulesOf(field.nDataType).write == ftype::Write::DigitText) p.writeType = kFieldInt64;
   return true;
 }
 
@@ -470,7 +464,7 @@ bool prepareInteger(const FieldInfo& field, const Decimal& d, PreparedValue& p, 
 template <typename Float>
 bool prepareFloat(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
   const int32_t places = std::max(field.nDecimalLen, 0);
-  const bool isFloat = field.nDataType == kFieldFloat;
+  const bool isFloat = ftype::rulesOf(field.nDataType).binary == ftype::Binary::Float;
   const Decimal scaled = isFloat ? scaledUp(d, places) : d;
   const std::string text = plainText(scaled);
   Float stored = 0;
@@ -496,7 +490,7 @@ bool prepareFloat(const FieldInfo& field, const Decimal& d, PreparedValue& p, st
 }  // namespace
 
 ValueKind valueKind(const FieldInfo& field) noexcept {
-  return field.nDataType == kFieldText && field.nDecimalLen <= 0 ? ValueKind::Text : ValueKind::Number;
+  return ftype::holdsPlainText(field) ? ValueKind::Text : ValueKind::Number;
 }
 
 int32_t displayWidth(const FieldInfo& field) noexcept {
@@ -517,34 +511,32 @@ std::string_view fieldBytes(const KXBlockDataProc& proc, const FieldInfo& field,
 RenderResult appendValue(std::string& out, const FieldInfo& field, std::string_view bytes, uint32_t encoding,
                          BadByteStyle style) {
   const int32_t places = std::max(field.nDecimalLen, 0);
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      if (isNumberField(field)) return appendNumericText(out, bytes, places, encoding, style);
-      return appendText(out, internal::trimTrailing(bytes), encoding, style);
-    case kFieldInt16: {
+  if (ftype::holdsNumberText(field)) return appendNumericText(out, bytes, places, encoding, style);
+  if (ftype::isText(field.nDataType)) return appendText(out, internal::trimTrailing(bytes), encoding, style);
+  switch (ftype::rulesOf(field.nDataType).binary) {
+    case ftype::Binary::Int16: {
       int16_t v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
       num::appendInt(out, v);
       return {};
     }
-    case kFieldInt64:
-    case kFieldSInt64: {
+    case ftype::Binary::Int64: {
       int64_t v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
       num::appendInt(out, v);
       return {};
     }
-    case kFieldFloat: {
+    case ftype::Binary::Float: {
       float v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
       return appendBinaryFloat(out, v, places, places);
     }
-    case kFieldDouble: {
+    case ftype::Binary::Double: {
       double v = 0;
       if (!loadInt(bytes, v)) return {ValueIssue::NotANumber, 0};
       return appendBinaryFloat(out, v, 0, places);
     }
+    case ftype::Binary::None:
     default:
       return {ValueIssue::NotANumber, 0};
   }
@@ -612,7 +604,7 @@ bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encod
   if (field.getKeyEncState()) {
     // The writer hands a key-encrypted field's value to the block's key dictionary and leaves the bytes
     // blank, so only no value (a blank text or number field) comes back as given.
-    if (!value.empty() || !isTextType(field))
+    if (!value.empty() || !ftype::isText(field.nDataType))
       return refuse("goes to a key-encrypted field, whose value is not carried in the bytes");
     prepared.blank = true;
     return true;
@@ -621,27 +613,29 @@ bool prepareValue(const FieldInfo& field, std::string_view value, uint32_t encod
     return prepareText(field, value, encoding, prepared, reason) || refuse(reason);
   }
   const std::string_view number = trimSpaces(value);
-  if (number.empty() && isNumberField(field)) {
+  if (number.empty() && ftype::holdsNumberText(field)) {
     prepared.blank = true;
     return true;
   }
   Decimal d;
-  const bool isFloat = field.nDataType == kFieldFloat, isDouble = field.nDataType == kFieldDouble;
-  if (!parseForField(number, d, reason, isFloat ? "a float" : isDouble ? "a double" : "the field"))
-    return refuse(reason);
+  const ftype::Binary binary = ftype::rulesOf(field.nDataType).binary;
+  const std::string_view type = binary == ftype::Binary::Float    ? "a float"
+                                : binary == ftype::Binary::Double ? "a double"
+                                                                  : "the field";
+  if (!parseForField(number, d, reason, type)) return refuse(reason);
   bool ok = false;
-  switch (field.nDataType) {
-    case kFieldInt16:
-    case kFieldInt64:
-    case kFieldSInt64:
+  switch (binary) {
+    case ftype::Binary::Int16:
+    case ftype::Binary::Int64:
       ok = prepareInteger(field, d, prepared, reason);
       break;
-    case kFieldFloat:
+    case ftype::Binary::Float:
       ok = prepareFloat<float>(field, d, prepared, reason);
       break;
-    case kFieldDouble:
+    case ftype::Binary::Double:
       ok = prepareFloat<double>(field, d, prepared, reason);
       break;
+    case ftype::Binary::None:
     default:
       ok = prepareNumericText(field, d, prepared, reason);
       break;

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <limits>
 
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/TextCodec.h"
@@ -37,10 +38,6 @@ using internal::withThousands;
 constexpr double kSaneMagnitude = 1e13;
 // Non-zero floating values below this magnitude are taken for the same.
 constexpr double kSaneTiny = 1e-6;
-
-bool isNumberField(const FieldInfo& field) {
-  return field.nDataType == kFieldNumText || (field.nDataType == kFieldText && field.nDecimalLen > 0);
-}
 
 bool isBlank(std::string_view bytes) {
   return internal::trimTrailing(bytes).empty();
@@ -83,48 +80,38 @@ bool extendsSign(std::string_view extra, bool negative) {
   return std::all_of(extra.begin(), extra.end(), [fill](char c) { return c == fill; });
 }
 
-template <typename T>
-T load(std::string_view bytes) {
-  T value{};
-  std::memcpy(&value, bytes.data(), sizeof value);
-  return value;
+// The binary value at the start of `bytes` (at least its width of them).
+ftype::RawNumber loadRaw(const FieldInfo& field, std::string_view bytes) {
+  return ftype::loadRaw(ftype::rulesOf(field.nDataType).binary,
+                        reinterpret_cast<const uint8_t*>(bytes.data()));
 }
 
 // A binary value of at least its type's width: not numeric text, an integer of sane magnitude, a finite
 // float or double that is zero or of sane magnitude; bytes beyond the width extend its sign.
 bool plausibleBinary(const FieldInfo& field, std::string_view bytes) {
-  const auto width = static_cast<size_t>(binaryWidth(field.nDataType));
+  const auto width = static_cast<size_t>(ftype::binaryWidth(field.nDataType));
   // Four or more bytes of digits, blanks, signs and points: numeric text read as a binary value (two such
   // bytes are an ordinary int16 now and then).
   if (bytes.substr(0, width).find_first_not_of("0123456789 +-.") == std::string_view::npos) return false;
   const std::string_view extra = bytes.substr(width);
-  switch (field.nDataType) {
-    case kFieldInt16:
-      return extendsSign(extra, load<int16_t>(bytes) < 0);
-    case kFieldInt64:
-    case kFieldSInt64: {
-      const auto v = load<int64_t>(bytes);
-      return extendsSign(extra, v < 0) && std::fabs(static_cast<double>(v)) <= kSaneMagnitude;
-    }
-    default: {
-      const double v = field.nDataType == kFieldFloat ? double{load<float>(bytes)} : load<double>(bytes);
-      const double magnitude = std::fabs(v);
-      return extendsSign(extra, false) && std::isfinite(v) &&
-             (v == 0 || (magnitude >= kSaneTiny && magnitude <= kSaneMagnitude));
-    }
-  }
+  const ftype::RawNumber v = loadRaw(field, bytes);
+  if (v.integer)
+    return extendsSign(extra, v.whole < 0) && std::fabs(static_cast<double>(v.whole)) <= kSaneMagnitude;
+  const double magnitude = std::fabs(v.real);
+  return extendsSign(extra, false) && std::isfinite(v.real) &&
+         (v.real == 0 || (magnitude >= kSaneTiny && magnitude <= kSaneMagnitude));
 }
 
 // Whether a value of `length` bytes of the field is judged at all: a binary field cut below its width is
 // not (its value cannot be told from its bytes).
 bool judged(const FieldInfo& field, int32_t length) {
-  return length > 0 && length >= binaryWidth(field.nDataType);
+  return length > 0 && length >= ftype::binaryWidth(field.nDataType);
 }
 
 bool plausible(const FieldInfo& field, std::string_view bytes, uint32_t encoding, std::string& scratch) {
-  if (binaryWidth(field.nDataType) > 0) return plausibleBinary(field, bytes);
-  if (isNumberField(field)) return plausibleNumber(field, bytes, encoding, scratch);
-  if (field.nDataType == kFieldText) return plausibleText(bytes, encoding, scratch);
+  if (ftype::binaryWidth(field.nDataType) > 0) return plausibleBinary(field, bytes);
+  if (ftype::holdsNumberText(field)) return plausibleNumber(field, bytes, encoding, scratch);
+  if (ftype::isText(field.nDataType)) return plausibleText(bytes, encoding, scratch);
   return true;
 }
 
@@ -132,8 +119,8 @@ bool plausible(const FieldInfo& field, std::string_view bytes, uint32_t encoding
 // numeric text (after a sign), trailing blanks of text, the sign extension of a binary value.
 bool paddedBy(const FieldInfo& field, std::string_view bytes, int32_t extra) {
   const auto n = static_cast<size_t>(extra);
-  if (binaryWidth(field.nDataType) > 0) return true;  // judged by plausibleBinary
-  if (isNumberField(field)) {
+  if (ftype::binaryWidth(field.nDataType) > 0) return true;  // judged by plausibleBinary
+  if (ftype::holdsNumberText(field)) {
     const size_t from = !bytes.empty() && (bytes[0] == '-' || bytes[0] == '+') ? 1 : 0;
     const std::string_view lead = bytes.substr(from, n);
     return lead.size() == n && lead.find_first_not_of("0 ") == std::string_view::npos;
@@ -474,10 +461,12 @@ Score score(Context& ctx, const Walk& w, const std::vector<const Layout*>& layou
         const std::string_view bytes =
             ctx.data.substr(static_cast<size_t>(base + slot.offset), static_cast<size_t>(slot.length));
         const bool ok = plausible(f, bytes, ctx.options.encoding, ctx.scratch);
-        if (ok && isNumberField(f)) fills[k].add(bytes);
-        if (bytes.size() == 1 && f.nDataType == kFieldText) seen[k].set(static_cast<uint8_t>(bytes[0]));
-        if (ok && (f.nDataType == kFieldInt64 || f.nDataType == kFieldSInt64)) {
-          const auto v = load<int64_t>(bytes);
+        if (ok && ftype::holdsNumberText(f)) fills[k].add(bytes);
+        const ftype::Rules& rules = ftype::rulesOf(f.nDataType);
+        if (bytes.size() == 1 && rules.layout == ftype::Layout::Text)
+          seen[k].set(static_cast<uint8_t>(bytes[0]));
+        if (ok && rules.binary == ftype::Binary::Int64) {
+          const int64_t v = loadRaw(f, bytes).whole;
           bitSum += std::bit_width(static_cast<uint64_t>(v < 0 ? -(v + 1) : v));
           ++bitCount;
         }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/TextCodec.h"
@@ -401,7 +402,7 @@ void writeValue(KXBlockDataProc& proc, const FieldInfo& field, int32_t index, in
 }
 
 bool isBinary(const FieldInfo& field) {
-  return field.nDataType >= kFieldInt16 && field.nDataType <= kFieldSInt64;
+  return ftype::binaryWidth(field.nDataType) > 0;
 }
 
 }  // namespace
@@ -417,8 +418,9 @@ namespace {
 // leaves its point out must not carry ("000000000.00" where a reader takes twelve digits).
 bool zeroOverDefault(const FieldInfo& field) {
   if (field.getKeyEncState()) return false;
-  return isBinary(field) || (field.nDataType == kFieldNumText && field.bImpliedPoint &&
-                             field.nDecimalLen > 0 && field.nLength > field.nDecimalLen);
+  return isBinary(field) ||
+         (ftype::rulesOf(field.nDataType).layout == ftype::Layout::NumberText && field.bImpliedPoint &&
+          field.nDecimalLen > 0 && field.nLength > field.nDecimalLen);
 }
 
 // Writes the values of record `record` of the caller's values into buffer record `index`, each once. With

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "blockproc/detail/FieldNameIndex.h"
+#include "blockproc/detail/FieldTypes.h"
 #include "blockproc/detail/NumberFormat.h"
 #include "blockproc/detail/NumberParse.h"
 #include "blockproc/detail/Utf8.h"
@@ -372,8 +373,9 @@ std::pair<py::object, py::object> numberColumn(const FieldAt& at, int64_t count,
 py::array realColumn(const FieldAt& at, int64_t count, int32_t places, std::string& scratch) {
   py::array_t<double> array(count);
   double* out = array.mutable_data();
-  const bool isFloat = at.field.nDataType == kFieldFloat;
-  const int32_t width = isFloat ? 4 : 8;
+  const ftype::Rules& rules = ftype::rulesOf(at.field.nDataType);
+  const bool isFloat = rules.binary == ftype::Binary::Float;
+  const int32_t width = rules.width;
   for (int64_t record = 0; record < count; ++record) {
     const std::string_view raw = at.bytes(record);
     if (at.field.nLength >= width && value::readReal(raw, isFloat, places, out[record])) continue;
@@ -404,18 +406,17 @@ py::array attrColumn(const FieldAt& at, int64_t count) {
 }  // namespace
 
 ColumnKind columnKindOf(const BlockInfo& block, const FieldInfo& field) {
-  switch (field.nDataType) {
-    case kFieldText:
-    case kFieldNumText:
-      return value::valueKind(field) == value::ValueKind::Text ? ColumnKind::Text : ColumnKind::Scaled;
-    case kFieldInt16:
+  if (ftype::isText(field.nDataType))
+    return value::valueKind(field) == value::ValueKind::Text ? ColumnKind::Text : ColumnKind::Scaled;
+  switch (ftype::rulesOf(field.nDataType).binary) {
+    case ftype::Binary::Int16:
       return ColumnKind::Int16;
-    case kFieldInt64:
-    case kFieldSInt64:
+    case ftype::Binary::Int64:
       return ColumnKind::Int64;
-    case kFieldFloat:
-    case kFieldDouble:
+    case ftype::Binary::Float:
+    case ftype::Binary::Double:
       return ColumnKind::Real;
+    case ftype::Binary::None:
     default:
       throw py::value_error("block " + block.m_szBlockName + ", field " + field.szFieldName +
                             ": field type " + std::to_string(field.nDataType) + " has no column form");

@@ -27,6 +27,7 @@
 #include "blockproc/data/KXBlockDataProc.h"
 #include "blockproc/detail/Internal.h"
 #include "blockproc/detail/NumberFormat.h"
+#include "blockproc/engine/DefinitionLoader.h"
 #include "blockproc/engine/FieldCodec.h"
 #include "blockproc/engine/FieldValue.h"
 #include "columns.h"
@@ -62,13 +63,11 @@ std::string formName(const FieldInfo& field, Form form) {
     case Form::Text:
       return "a text field";
     case Form::Integer:
-      return field.nDataType == kFieldInt16   ? "an int16 field"
-             : field.nDataType == kFieldInt64 ? "an int64 field"
-                                              : "an sint64 field";
+      return "an " + std::string(dataTypeName(field.nDataType)) + " field";  // int16, int64 or sint64
     case Form::Number:
       return "a number field with " + counted(std::max(field.nDecimalLen, 0), "decimal");
     case Form::Real:
-      return field.nDataType == kFieldFloat ? "a float field" : "a double field";
+      return "a " + std::string(dataTypeName(field.nDataType)) + " field";  // float or double
     case Form::Attr:
     default:
       return "an attribute byte";

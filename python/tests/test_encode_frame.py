@@ -147,6 +147,9 @@ def frame_of(every_type, **changes):
     ({"i16": pd.array([1, None, 2, 3], dtype="Int64")}, "row 'b' (record 1), column i16: <NA> is blank; an int16 "
                                                         "field has no blank value"),
     ({"d": [1.5, np.nan, 1.0, 2.0]}, "column d: NaN is blank; a double field has no blank value"),
+    ({"f": [1.5, np.nan, 1.0, 2.0]}, "column f: NaN is blank; a float field has no blank value"),
+    ({"i64": pd.array([1, None, 2, 3], dtype="Int64")}, "column i64: <NA> is blank; an int64 field has no blank"),
+    ({"s64": pd.array([1, None, 2, 3], dtype="Int64")}, "column s64: <NA> is blank; an sint64 field has no blank"),
     ({"d": [1.5, np.inf, 1.0, 2.0]}, "column d: inf is not a number"),
     ({"price": [0.1 + 0.2, 1.0, 2.0, 3.0]}, "column price: '0.30000000000000004' has 17 decimal places"),
     ({"price": [2.0**60, 1.0, 2.0, 3.0]}, "stands for no one decimal of 2 places"),
