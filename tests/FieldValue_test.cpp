@@ -131,6 +131,10 @@ TEST(FieldValue, TakesAValueOnlyWhenTheFieldGivesItBackExactly) {
       {impliedPoint(fieldOf(kFieldNumText, 5, 2)), "999.99", "99999", "999.99"},
       {impliedPoint(fieldOf(kFieldText, 6, 1)), "12.5", "000125", "12.5"},
       {impliedPoint(fieldOf(kFieldNumText, 5)), "-12", "-12", "-12"},  // no places: nothing to leave out
+      // More digits than the implied point leaves room for: the point and the places that are not zero, the
+      // form a reply carries such a value in.
+      {impliedPoint(fieldOf(kFieldNumText, 10, 4)), "4300000.0000", "004300000.", "4300000.0000"},
+      {impliedPoint(fieldOf(kFieldNumText, 10, 4)), "-430000.5", "-0430000.5", "-430000.5000"},
       {fieldOf(kFieldSInt64, 8), "-42", "-42", "-42"},
       {fieldOf(kFieldInt16, 2), "-32768", "-32768", "-32768"},
       {fieldOf(kFieldInt16, 2), "7.00", "7", "7"},

@@ -410,8 +410,9 @@ bool writeCompact(const FieldInfo& field, const Decimal& d, PreparedValue& p) {
 
 // A number field is written with its point unless it is declared without it (point="implied"): with all its
 // places when they fit, else with the places that are not zero (the form a reply carries when the value
-// fills the field, so it goes back the same way), and without the point only when neither fits. The
-// reader takes every one of these forms.
+// fills the field, so it goes back the same way), and without the point only when neither fits. A field
+// declared without it is written with the point and the places that are not zero when its value has more
+// digits than the implied form holds. The reader takes every one of these forms.
 bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue& p, std::string& why) {
   const int32_t places = field.nDecimalLen > 0 && field.nLength > field.nDecimalLen ? field.nDecimalLen : 0;
   if (!withPlaces(d, places, p.write, why)) return false;
@@ -426,15 +427,16 @@ bool prepareNumericText(const FieldInfo& field, const Decimal& d, PreparedValue&
     writeWithoutPoint(d, places, implied, p);
     return true;
   }
+  // Too many digits for the implied point: the point and the places that are not zero, as a reply carries
+  // such a value ("004300000." in 10 bytes with 4 places), since the reader takes that form too.
+  if (!pointWritten && writeCompact(field, d, p)) return true;
   why += "has ";
   why += internal::withThousands(digits);
   why +=
       places > 0 ? " digits before the point; the field has room for " : " digits; the field has room for ";
   // Room for digits: with the implied point, or with a point and the decimals that are not zero.
   const int64_t roomWithPoint =
-      pointWritten && places > 0
-          ? field.nLength - sign - 1 - static_cast<int64_t>(significantFraction(d).size())
-          : 0;
+      places > 0 ? field.nLength - sign - 1 - static_cast<int64_t>(significantFraction(d).size()) : 0;
   why += internal::withThousands(std::max<int64_t>({implied, roomWithPoint, 0}));
   if (d.negative) why += " beside the sign";
   return false;
