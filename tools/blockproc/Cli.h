@@ -232,6 +232,7 @@ class RecordWriter {
     void hand(Slot& slot, const char* bytes, int64_t size, int64_t first, bool reverse);
     bool decodeOne();
     void writeDone(bool wait);
+    void stop() noexcept;
     void work();
     RecordWriter& m_writer;
     std::unique_ptr<Shared> m_shared;

@@ -246,37 +246,38 @@ TransactionProc::ReplyResult receiveHead(TransactionProc& proc, InputStream& in,
 // taken; `buf[at...]` is left holding the bytes after them.
 int64_t restInPieces(size_t recordSize, int64_t cap, InputStream& in, std::string& buf, size_t& at,
                      size_t piece, int32_t jobs, RecordWriter& writer, Progress& progress) {
-  const int64_t start = static_cast<int64_t>(at);
+  const int64_t start = static_cast<int64_t>(at), record = static_cast<int64_t>(recordSize);
   int64_t taken = 0;
   RecordWriter::Pieces pieces(writer, jobs);
-  const auto hand = [&](const char* bytes, size_t size, bool own) {
-    const int64_t records = std::min(static_cast<int64_t>(size / recordSize), cap - taken);
-    if (records <= 0) return size_t{0};
-    const int64_t bytesTaken = records * static_cast<int64_t>(recordSize);
-    if (own) {
-      pieces.submit(bytesTaken, taken, false);
-    } else {
-      pieces.submit(bytes, bytesTaken, taken, false);
-    }
-    taken += records;
-    progress.update(start + taken * static_cast<int64_t>(recordSize), taken);
-    return static_cast<size_t>(bytesTaken);
+  // Bytes of the whole records in `size` bytes that the block still takes (0 at its repeat).
+  const auto whole = [&](size_t size) {
+    return std::max<int64_t>(std::min(static_cast<int64_t>(size) / record, cap - taken), 0) * record;
   };
-  // The whole pieces already read.
-  while (buf.size() - at >= piece && taken < cap) {
-    const size_t used = hand(buf.data() + at, piece, false);
-    if (used == 0) break;
-    at += used;
+  const auto advance = [&](int64_t bytes) {
+    taken += bytes / record;
+    progress.update(start + taken * record, taken);
+  };
+  // The whole pieces already read go as they lie.
+  while (buf.size() - at >= piece) {
+    const int64_t bytes = whole(piece);
+    if (bytes == 0) break;
+    pieces.submit(buf.data() + at, bytes, taken, false);
+    advance(bytes);
+    at += static_cast<size_t>(bytes);
   }
-  // Then each piece read into a buffer of its own, after the bytes left of the one before.
+  // Then each piece is read into a buffer of its own, after the bytes left of the one before.
   std::string left = buf.substr(at);
   while (taken < cap) {
     char* bytes = pieces.buffer(piece);
     std::memcpy(bytes, left.data(), left.size());
     size_t have = left.size();
     if (have < piece && !in.atEnd()) have += in.read(bytes + have, piece - have);
-    const size_t used = hand(bytes, have, true);
-    left.assign(bytes + used, have - used);
+    const int64_t used = whole(have);
+    if (used > 0) {
+      pieces.submit(used, taken, false);
+      advance(used);
+    }
+    left.assign(bytes + used, have - static_cast<size_t>(used));
     if (used == 0) break;
   }
   pieces.finish();

@@ -651,16 +651,26 @@ RecordWriter::Pieces::Pieces(RecordWriter& writer, int32_t jobs)
       m_shared(std::make_unique<Shared>()),
       m_mine(std::make_unique<Decoder>(*writer.m_state)) {
   m_shared->slots = std::vector<Slot>(static_cast<size_t>(jobs) * kSlotsPerThread);
-  for (int32_t k = 1; k < jobs; ++k) m_threads.emplace_back([this] { work(); });
+  try {
+    for (int32_t k = 1; k < jobs; ++k) m_threads.emplace_back([this] { work(); });
+  } catch (...) {
+    stop();  // a thread the system would not start: those started are stopped before the failure goes on
+    throw;
+  }
 }
 
 RecordWriter::Pieces::~Pieces() {
+  stop();
+}
+
+void RecordWriter::Pieces::stop() noexcept {
   {
     const std::lock_guard lock(m_shared->mutex);
     m_shared->stop = true;
   }
   m_shared->work.notify_all();
-  for (std::thread& thread : m_threads) thread.join();
+  for (std::thread& thread : m_threads)
+    if (thread.joinable()) thread.join();
 }
 
 char* RecordWriter::Pieces::buffer(size_t size) {
